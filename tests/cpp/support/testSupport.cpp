@@ -1,0 +1,103 @@
+#include "testSupport.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace noxtest {
+
+LiveChild::LiveChild() : _pid(fork()) {
+    if (_pid == 0) {
+        for (;;) pause();
+    }
+    if (_pid < 0) throw std::runtime_error("fork failed");
+}
+
+LiveChild::~LiveChild() {
+    end();
+}
+
+void LiveChild::end() {
+    if (_pid <= 0) return;
+    kill(_pid, SIGKILL);
+    while (waitpid(_pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    _pid = -1;
+}
+
+pid_t reaped_child_pid() {
+    pid_t pid = fork();
+    if (pid == 0) _exit(0);
+    if (pid < 0) throw std::runtime_error("fork failed");
+    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    return pid;
+}
+
+ScopedPath::ScopedPath(std::string path) : _path(std::move(path)) {}
+
+ScopedPath::~ScopedPath() {
+    unlink(_path.c_str());
+}
+
+ScopedDir::ScopedDir() {
+    char templ[] = "/tmp/noxtest_XXXXXX";
+    if (mkdtemp(templ) == nullptr) throw std::runtime_error("mkdtemp failed");
+    _path = templ;
+}
+
+ScopedDir::~ScopedDir() {
+    std::string command = "rm -rf '" + _path + "'";
+    if (std::system(command.c_str()) != 0) fprintf(stderr, "could not remove %s\n", _path.c_str());
+}
+
+bool write_file(const std::string& path, size_t size) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (fd < 0) return false;
+    std::string bytes(size, 'a');
+    bool ok = write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+    close(fd);
+    return ok;
+}
+
+bool make_socket_file(const std::string& path) {
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (fd < 0) return false;
+    struct sockaddr_un address;
+    memset(&address, 0, sizeof address);
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    bool ok = bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) == 0;
+    close(fd);
+    return ok;
+}
+
+bool path_exists(const std::string& path) {
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+int private_ipc_key(int n) {
+    return 0x6e000000 + (static_cast<int>(getpid()) % 0x100000) * 16 + n;
+}
+
+std::string command_output(const std::string& command) {
+    std::string out;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return out;
+    char buffer[256];
+    while (fgets(buffer, sizeof buffer, pipe) != nullptr) out += buffer;
+    pclose(pipe);
+    return out;
+}
+
+}  // namespace noxtest

@@ -1,0 +1,86 @@
+// Helpers for tests that use the real operating system: child processes, temporary files and
+// folders that are removed even when a test fails, and a trace sink that records messages.
+#ifndef NOX_TESTS_TEST_SUPPORT_H
+#define NOX_TESTS_TEST_SUPPORT_H
+
+#include "traceOutput.h"
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace noxtest {
+
+// A live child process that sleeps until the object goes out of scope (then killed and reaped).
+class LiveChild {
+public:
+    LiveChild();
+    ~LiveChild();
+    LiveChild(const LiveChild&) = delete;
+    LiveChild& operator=(const LiveChild&) = delete;
+    pid_t pid() const { return _pid; }
+    // Kills and reaps the child now; its pid then names no process.
+    void end();
+
+private:
+    pid_t _pid;
+};
+
+// The pid of a child that has exited and been reaped.
+pid_t reaped_child_pid();
+
+// A path that is unlinked (file, socket or link) when the object goes out of scope.
+class ScopedPath {
+public:
+    explicit ScopedPath(std::string path);
+    ~ScopedPath();
+    ScopedPath(const ScopedPath&) = delete;
+    ScopedPath& operator=(const ScopedPath&) = delete;
+    const std::string& path() const { return _path; }
+    const char* c_str() const { return _path.c_str(); }
+
+private:
+    std::string _path;
+};
+
+// A fresh folder under /tmp, removed with everything in it when the object goes out of scope.
+class ScopedDir {
+public:
+    ScopedDir();
+    ~ScopedDir();
+    ScopedDir(const ScopedDir&) = delete;
+    ScopedDir& operator=(const ScopedDir&) = delete;
+    const std::string& path() const { return _path; }
+    std::string file(const std::string& name) const { return _path + "/" + name; }
+
+private:
+    std::string _path;
+};
+
+// Creates a regular file with `size` bytes (all 'a'); returns false on failure.
+bool write_file(const std::string& path, size_t size);
+// Creates a bound Unix-domain socket file at `path` (the socket itself is closed again).
+bool make_socket_file(const std::string& path);
+bool path_exists(const std::string& path);
+
+// Records every message it is given.
+class RecordingTrace : public J2SE::TraceOutput {
+public:
+    void trace_error(const char* msg) const override { errors.push_back(msg); }
+    void trace_warning(const char* msg) const override { warnings.push_back(msg); }
+    void trace_info(const char* msg) const override { infos.push_back(msg); }
+    mutable std::vector<std::string> errors;
+    mutable std::vector<std::string> warnings;
+    mutable std::vector<std::string> infos;
+};
+
+// A System V key that no other test process uses: derived from this process's pid and a
+// small per-test number, far from the key ranges of instance clusters and VM events.
+int private_ipc_key(int n);
+
+// Runs a shell command and returns what it printed on standard output.
+std::string command_output(const std::string& command);
+
+}  // namespace noxtest
+
+#endif
