@@ -1,0 +1,89 @@
+// The streams that lay out the byte records handed to Java: a growable in-memory buffer and a
+// typed writer that writes booleans (1 byte), ints (4), longs (8) and strings (2-byte length,
+// then the bytes), all big-endian, without any framing between fields.
+#ifndef NOX_NATIVES_OUTPUT_STREAMS_H
+#define NOX_NATIVES_OUTPUT_STREAMS_H
+
+#include <cstddef>
+
+class OutputStream_CL {
+public:
+    // The number of bytes accepted, or a negative value on failure.
+    virtual int write(const void* buf, int len) = 0;
+    virtual bool flush() = 0;
+    virtual ~OutputStream_CL() {}
+};
+
+// Forwards every call to another stream, which it does not own.
+class FilterOutputStream_CL : public OutputStream_CL {
+public:
+    explicit FilterOutputStream_CL(OutputStream_CL& stream) : _stream(stream) {}
+    int write(const void* buf, int len) override { return _stream.write(buf, len); }
+    bool flush() override { return _stream.flush(); }
+
+protected:
+    OutputStream_CL& _stream;
+};
+
+// A buffer on the C heap that doubles when it is full. A failed first allocation leaves it
+// without capacity; its first write then starts from 512 bytes.
+class ByteArrayOutputStream_CL : public OutputStream_CL {
+public:
+    explicit ByteArrayOutputStream_CL(size_t initial_capacity);
+    ~ByteArrayOutputStream_CL() override;
+    ByteArrayOutputStream_CL(const ByteArrayOutputStream_CL&) = delete;
+    ByteArrayOutputStream_CL& operator=(const ByteArrayOutputStream_CL&) = delete;
+
+    // Reserves the next `n` bytes and returns them, or null when the buffer cannot grow (the
+    // bytes written so far stay valid).
+    void* acquire(size_t n);
+    // All or nothing: `len`, or -1 when the buffer cannot grow.
+    int write(const void* buf, int len) override;
+    bool flush() override { return true; }
+
+    const unsigned char* data() const { return _data; }
+    size_t size() const { return static_cast<size_t>(_pos - _data); }
+    size_t capacity() const { return static_cast<size_t>(_end - _data); }
+
+protected:
+    // realloc; a test replaces it to see the failure path.
+    virtual void* grow_block(void* block, size_t capacity);
+
+private:
+    bool _onCHeap;
+    unsigned char* _data;
+    unsigned char* _end;
+    unsigned char* _pos;
+};
+
+// A view of bytes that need not be terminated.
+struct String_CL {
+    const char* _data;
+    size_t _len;
+};
+
+// Typed big-endian writer. Once a write has failed (or a string was too long) every later
+// write is dropped: `_ok` never becomes true again.
+class DataOutputStream_CL : public FilterOutputStream_CL {
+public:
+    explicit DataOutputStream_CL(OutputStream_CL& stream) : FilterOutputStream_CL(stream), _ok(true) {}
+
+    int write(const void* buf, int len) override;
+    bool flush() override { return _stream.flush(); }
+
+    bool writeFully(const void* buf, size_t len);
+    // A length above 65535 disables the stream and writes nothing.
+    void writeString(const String_CL& s);
+    void writeBoolean(bool value);
+    void writeInt(int value);
+    void writeLong(long value);
+
+    bool is_ok() const { return _ok; }
+
+private:
+    void write_all(const unsigned char* bytes, int len);
+
+    bool _ok;
+};
+
+#endif
