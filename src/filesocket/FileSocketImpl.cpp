@@ -1,0 +1,416 @@
+// The JNI boundary of the file sockets: the natives of FileSocketImpl and of
+// FileSocketAddress.createIdentifier. Each native converts its arguments, calls the socket
+// layer with a JavaExceptionHandler, and returns; a failure the layer reported is then a
+// pending FileSocketException or SocketTimeoutException.
+//
+// Arguments a Java caller can get wrong (a null array, offsets outside it, a socket already
+// destroyed) end in a Java exception before the socket layer is called.
+#include "allocations.h"
+#include "cstring.h"
+#include "fileSocket.h"
+
+#include <cstring>
+#include <jni.h>
+
+namespace J2SE {
+
+namespace {
+
+// Identities cached by init0; the class references are global references kept for the life
+// of the library.
+jclass impl_class = nullptr;
+jfieldID fileSocket_pd_field = nullptr;
+jfieldID restrictAccess_field = nullptr;
+jfieldID backlog_field = nullptr;
+jmethodID impl_constructor = nullptr;
+jmethodID getAddress_method = nullptr;
+jfieldID socketIdentifier_field = nullptr;
+jclass fileSocketException_class = nullptr;
+jmethodID fileSocketException_constructor = nullptr;
+jclass socketTimeoutException_class = nullptr;
+bool initialized = false;
+
+const int STACK_BUFFER_SIZE = 1024;
+
+jclass global_class(JNIEnv* env, const char* name) {
+    jclass local = env->FindClass(name);
+    if (local == nullptr) return nullptr;
+    jclass global = static_cast<jclass>(env->NewGlobalRef(local));
+    env->DeleteLocalRef(local);
+    return global;
+}
+
+// Looks everything up; on a failure a Java exception (NoSuchFieldError, ...) is pending and
+// `initialized` stays false.
+void cache_identities(JNIEnv* env, jclass cls) {
+    if (initialized) return;
+    if (impl_class == nullptr) impl_class = static_cast<jclass>(env->NewGlobalRef(cls));
+    fileSocket_pd_field = env->GetFieldID(cls, "fileSocket_pd", "J");
+    if (fileSocket_pd_field == nullptr) return;
+    restrictAccess_field = env->GetFieldID(cls, "restrictAccess", "Z");
+    if (restrictAccess_field == nullptr) return;
+    backlog_field = env->GetFieldID(cls, "backlog", "I");
+    if (backlog_field == nullptr) return;
+    impl_constructor = env->GetMethodID(cls, "<init>", "(JLjava/lang/String;)V");
+    if (impl_constructor == nullptr) return;
+    getAddress_method = env->GetMethodID(cls, "getAddress", "()Lcom/nox/jvm/inspector/filesocket/FileSocketAddress;");
+    if (getAddress_method == nullptr) return;
+    jclass address_class = env->FindClass("com/nox/jvm/inspector/filesocket/FileSocketAddress");
+    if (address_class == nullptr) return;
+    socketIdentifier_field = env->GetFieldID(address_class, "socketIdentifier", "Ljava/lang/String;");
+    env->DeleteLocalRef(address_class);
+    if (socketIdentifier_field == nullptr) return;
+    if (fileSocketException_class == nullptr) {
+        fileSocketException_class = global_class(env, "com/nox/jvm/inspector/filesocket/FileSocketException");
+        if (fileSocketException_class == nullptr) return;
+    }
+    fileSocketException_constructor =
+        env->GetMethodID(fileSocketException_class, "<init>", "(Ljava/lang/String;Ljava/lang/String;)V");
+    if (fileSocketException_constructor == nullptr) return;
+    if (socketTimeoutException_class == nullptr) {
+        socketTimeoutException_class = global_class(env, "java/net/SocketTimeoutException");
+        if (socketTimeoutException_class == nullptr) return;
+    }
+    initialized = true;
+}
+
+void throw_new(JNIEnv* env, const char* class_name, const char* message) {
+    if (env->ExceptionCheck()) env->ExceptionClear();
+    jclass cls = env->FindClass(class_name);
+    if (cls != nullptr) env->ThrowNew(cls, message);
+}
+
+}  // namespace
+
+// Turns every report of the socket layer into a pending Java exception. A later report in the
+// same native call replaces an earlier one (the last report wins), so JNI is never called
+// while an exception is pending.
+class JavaExceptionHandler : public ExceptionHandler {
+public:
+    explicit JavaExceptionHandler(JNIEnv* env) : _env(env) {}
+
+    void throw_FileSocketException(const FileSocket* socket, const char* message) override {
+        ExceptionHandler::throw_FileSocketException(socket, message);
+        raise_file_socket_exception();
+    }
+    void throw_FileSocketException(const FileSocket* socket, int error) override {
+        ExceptionHandler::throw_FileSocketException(socket, error);
+        raise_file_socket_exception();
+    }
+    void throw_SocketTimeoutException(const FileSocket* socket, const char* message) override {
+        ExceptionHandler::throw_SocketTimeoutException(socket, message);
+        raise_timeout();
+    }
+    void throw_SocketTimeoutException(const FileSocket* socket, int error) override {
+        ExceptionHandler::throw_SocketTimeoutException(socket, error);
+        raise_timeout();
+    }
+
+private:
+    void raise_file_socket_exception() {
+        if (_env == nullptr) return;
+        if (_env->ExceptionCheck()) _env->ExceptionClear();
+        if (fileSocketException_class == nullptr || fileSocketException_constructor == nullptr) {
+            throw_new(_env, "java/io/IOException", _message.c_str());
+            return;
+        }
+        jstring message = _env->NewStringUTF(_message.c_str());
+        if (message == nullptr) return;  // OutOfMemoryError pending
+        jstring identifier = _env->NewStringUTF(_socket_identifier.c_str());
+        if (identifier == nullptr) return;
+        jobject exception = _env->NewObject(fileSocketException_class, fileSocketException_constructor, message,
+                                            identifier);
+        if (exception != nullptr) _env->Throw(static_cast<jthrowable>(exception));
+        _env->DeleteLocalRef(message);
+        _env->DeleteLocalRef(identifier);
+        if (exception != nullptr) _env->DeleteLocalRef(exception);
+    }
+
+    void raise_timeout() {
+        if (_env == nullptr) return;
+        if (_env->ExceptionCheck()) _env->ExceptionClear();
+        if (socketTimeoutException_class == nullptr) {
+            throw_new(_env, "java/net/SocketTimeoutException", _message.c_str());
+            return;
+        }
+        _env->ThrowNew(socketTimeoutException_class, _message.c_str());
+    }
+
+    JNIEnv* _env;
+};
+
+// A copy of a Java string's modified-UTF-8 bytes; a null string gives the empty string.
+class java_string {
+public:
+    java_string(JNIEnv* env, jstring string) : _str(nullptr), _len(0) {
+        const char* chars = string != nullptr ? env->GetStringUTFChars(string, nullptr) : nullptr;
+        if (chars != nullptr) {
+            _len = strlen(chars);
+            _str = static_cast<char*>(wrap_malloc(alloc_site("(libnoxjvm_inspector.so) src/filesocket/FileSocketImpl.cpp:java_string"), _len + 1));
+            if (_str != nullptr) memcpy(_str, chars, _len + 1);
+            env->ReleaseStringUTFChars(string, chars);
+        }
+        if (_str == nullptr) {
+            _len = 0;
+            _str = static_cast<char*>(wrap_malloc(alloc_site("(libnoxjvm_inspector.so) src/filesocket/FileSocketImpl.cpp:java_string"), 1));
+            if (_str != nullptr) _str[0] = '\0';
+        }
+    }
+    virtual ~java_string() {
+        wrap_free(alloc_site("(libnoxjvm_inspector.so) src/filesocket/FileSocketImpl.cpp:~java_string"), _str);
+    }
+    java_string(const java_string&) = delete;
+    java_string& operator=(const java_string&) = delete;
+
+    cstring as_cstring() const { return _str != nullptr ? cstring(_str) : cstring(); }
+
+private:
+    char* _str;
+    size_t _len;
+};
+
+// A heap array released when it goes out of scope.
+class DynamicBuffer {
+public:
+    explicit DynamicBuffer(size_t size)
+        : _array(static_cast<char*>(wrap_malloc(alloc_site("(libnoxjvm_inspector.so) src/filesocket/FileSocketImpl.cpp:DynamicBuffer"), size))) {}
+    virtual ~DynamicBuffer() {
+        wrap_free(alloc_site("(libnoxjvm_inspector.so) src/filesocket/FileSocketImpl.cpp:~DynamicBuffer"), _array);
+    }
+    DynamicBuffer(const DynamicBuffer&) = delete;
+    DynamicBuffer& operator=(const DynamicBuffer&) = delete;
+    char* get() const { return _array; }
+
+private:
+    char* _array;
+};
+
+}  // namespace J2SE
+
+using J2SE::FileSocket;
+using J2SE::JavaExceptionHandler;
+
+namespace {
+
+bool ensure_initialized(JNIEnv* env, jobject self) {
+    if (J2SE::initialized) return true;
+    jclass cls = env->GetObjectClass(self);
+    J2SE::cache_identities(env, cls);
+    env->DeleteLocalRef(cls);
+    return J2SE::initialized;
+}
+
+// The native socket of `self`; null (with a FileSocketException pending) when there is none.
+FileSocket* socket_of(JNIEnv* env, jobject self) {
+    if (!ensure_initialized(env, self)) return nullptr;
+    FileSocket* socket = reinterpret_cast<FileSocket*>(env->GetLongField(self, J2SE::fileSocket_pd_field));
+    if (socket == nullptr) {
+        JavaExceptionHandler handler(env);
+        handler.throw_FileSocketException(nullptr, "Filesocket has no socket endpoint");
+    }
+    return socket;
+}
+
+// Null array: NullPointerException; a range outside it: ArrayIndexOutOfBoundsException.
+bool check_range(JNIEnv* env, jbyteArray b, jint off, jint len) {
+    if (b == nullptr) {
+        J2SE::throw_new(env, "java/lang/NullPointerException", "buffer is null");
+        return false;
+    }
+    jsize size = env->GetArrayLength(b);
+    if (off < 0 || len < 0 || off > size - len) {
+        J2SE::throw_new(env, "java/lang/ArrayIndexOutOfBoundsException", "offset or length outside the array");
+        return false;
+    }
+    return true;
+}
+
+// The address of bytes [pos, pos + len) of a direct buffer, or null with an exception pending.
+char* direct_range(JNIEnv* env, jobject buffer, jint pos, jint len) {
+    if (buffer == nullptr) {
+        J2SE::throw_new(env, "java/lang/NullPointerException", "buffer is null");
+        return nullptr;
+    }
+    char* address = static_cast<char*>(env->GetDirectBufferAddress(buffer));
+    jlong capacity = env->GetDirectBufferCapacity(buffer);
+    if (address == nullptr || capacity < 0) {
+        J2SE::throw_new(env, "java/lang/IllegalArgumentException", "not a direct buffer");
+        return nullptr;
+    }
+    if (pos < 0 || len < 0 || static_cast<jlong>(pos) + len > capacity) {
+        J2SE::throw_new(env, "java/lang/IndexOutOfBoundsException", "position or length outside the buffer");
+        return nullptr;
+    }
+    return address + pos;
+}
+
+}  // namespace
+
+extern "C" {
+
+JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_init0(JNIEnv* env, jclass cls) {
+    J2SE::cache_identities(env, cls);
+}
+
+JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_create0(JNIEnv* env, jobject self) {
+    if (!ensure_initialized(env, self)) return;
+    if (env->GetLongField(self, J2SE::fileSocket_pd_field) != 0) return;
+    JavaExceptionHandler handler(env);
+    FileSocket* socket = FileSocket::create(handler);
+    if (socket != nullptr && handler.has_thrown()) {
+        FileSocket::destroy(socket);
+        return;
+    }
+    env->SetLongField(self, J2SE::fileSocket_pd_field, reinterpret_cast<jlong>(socket));
+}
+
+JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_bind0(JNIEnv* env, jobject self,
+                                                                                 jstring path, jint backlog,
+                                                                                 jboolean restrictAccess) {
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return;
+    J2SE::java_string copy(env, path);
+    JavaExceptionHandler handler(env);
+    socket->bind(copy.as_cstring(), backlog, restrictAccess == JNI_TRUE, handler);
+}
+
+JNIEXPORT jobject JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_accept0(JNIEnv* env, jobject self) {
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return nullptr;
+    jobject address = env->CallObjectMethod(self, J2SE::getAddress_method);
+    if (env->ExceptionCheck()) return nullptr;
+    jobject identifier = address != nullptr ? env->GetObjectField(address, J2SE::socketIdentifier_field) : nullptr;
+    jint backlog = env->GetIntField(self, J2SE::backlog_field);
+    jboolean restrictAccess = env->GetBooleanField(self, J2SE::restrictAccess_field);
+
+    JavaExceptionHandler handler(env);
+    FileSocket* accepted = socket->accept(backlog, restrictAccess == JNI_TRUE, handler);
+    if (handler.has_thrown() || accepted == nullptr) return nullptr;
+    jobject result = env->NewObject(J2SE::impl_class, J2SE::impl_constructor, reinterpret_cast<jlong>(accepted), identifier);
+    if (result == nullptr) FileSocket::destroy(accepted);  // an exception is pending
+    return result;
+}
+
+JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_connect0(JNIEnv* env, jobject self,
+                                                                                    jstring path, jint timeout) {
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return;
+    J2SE::java_string copy(env, path);
+    JavaExceptionHandler handler(env);
+    socket->connect(copy.as_cstring(), timeout, handler);
+}
+
+JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_read0(JNIEnv* env, jobject self,
+                                                                                 jbyteArray b, jint off, jint len,
+                                                                                 jint timeout) {
+    if (!check_range(env, b, off, len)) return -1;
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return -1;
+    JavaExceptionHandler handler(env);
+    char stack_buffer[J2SE::STACK_BUFFER_SIZE];
+    if (len <= J2SE::STACK_BUFFER_SIZE) {
+        int n = socket->readf(stack_buffer, len, timeout, handler);
+        if (handler.has_thrown() || n <= 0) return -1;
+        env->SetByteArrayRegion(b, off, n, reinterpret_cast<const jbyte*>(stack_buffer));
+        return n;
+    }
+    J2SE::DynamicBuffer heap_buffer(static_cast<size_t>(len));
+    if (heap_buffer.get() == nullptr) {
+        J2SE::throw_new(env, "java/lang/OutOfMemoryError", "read buffer");
+        return -1;
+    }
+    int n = socket->readf(heap_buffer.get(), len, timeout, handler);
+    if (handler.has_thrown() || n <= 0) return -1;
+    env->SetByteArrayRegion(b, off, n, reinterpret_cast<const jbyte*>(heap_buffer.get()));
+    return n;
+}
+
+JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_write0(JNIEnv* env, jobject self,
+                                                                                  jbyteArray b, jint off, jint len,
+                                                                                  jint timeout) {
+    if (!check_range(env, b, off, len)) return 0;
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return 0;
+    JavaExceptionHandler handler(env);
+    char buffer[J2SE::STACK_BUFFER_SIZE];
+    jint total = 0;
+    jint remaining = len;
+    jint position = off;
+    while (remaining > 0) {
+        jint chunk = remaining < J2SE::STACK_BUFFER_SIZE ? remaining : J2SE::STACK_BUFFER_SIZE;
+        env->GetByteArrayRegion(b, position, chunk, reinterpret_cast<jbyte*>(buffer));
+        jint written = socket->writef(buffer, chunk, timeout, handler);
+        total += written;
+        if (handler.has_thrown()) return total;
+        remaining -= written;
+        position += written;
+    }
+    return total;
+}
+
+// Reads once into bytes [pos, pos + len) of a direct buffer: the count, or -1 as read0.
+JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_readDirect0(JNIEnv* env, jobject self,
+                                                                                       jobject buffer, jint pos,
+                                                                                       jint len, jint timeout) {
+    char* address = direct_range(env, buffer, pos, len);
+    if (address == nullptr) return -1;
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return -1;
+    JavaExceptionHandler handler(env);
+    int n = socket->readf(address, len, timeout, handler);
+    if (handler.has_thrown() || n <= 0) return -1;
+    return n;
+}
+
+// Writes bytes [pos, pos + len) of a direct buffer with as few system calls as the socket
+// takes; the time-out applies to each wait, as in write0. Returns the count written.
+JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_writeDirect0(JNIEnv* env, jobject self,
+                                                                                        jobject buffer, jint pos,
+                                                                                        jint len, jint timeout) {
+    char* address = direct_range(env, buffer, pos, len);
+    if (address == nullptr) return 0;
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return 0;
+    JavaExceptionHandler handler(env);
+    return socket->writef(address, len, timeout, handler);
+}
+
+JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_available0(JNIEnv* env, jobject self) {
+    if (!ensure_initialized(env, self)) return -1;
+    FileSocket* socket = reinterpret_cast<FileSocket*>(env->GetLongField(self, J2SE::fileSocket_pd_field));
+    return socket != nullptr ? socket->available() : -1;
+}
+
+JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_shutdown0(JNIEnv* env, jobject self,
+                                                                                     jboolean how) {
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return;
+    JavaExceptionHandler handler(env);
+    socket->shutdown(how == JNI_TRUE, handler);
+}
+
+JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_close0(JNIEnv* env, jobject self) {
+    if (!ensure_initialized(env, self)) return;
+    FileSocket* socket = reinterpret_cast<FileSocket*>(env->GetLongField(self, J2SE::fileSocket_pd_field));
+    if (socket == nullptr) return;
+    JavaExceptionHandler handler(env);
+    socket->closef(handler);
+}
+
+JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_destroy0(JNIEnv* env, jobject self) {
+    if (!ensure_initialized(env, self)) return;
+    FileSocket* socket = reinterpret_cast<FileSocket*>(env->GetLongField(self, J2SE::fileSocket_pd_field));
+    FileSocket::destroy(socket);
+    env->SetLongField(self, J2SE::fileSocket_pd_field, 0);
+}
+
+JNIEXPORT jstring JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketAddress_createIdentifier(JNIEnv* env,
+                                                                                                  jclass,
+                                                                                                  jstring name) {
+    if (name == nullptr) return nullptr;
+    J2SE::java_string copy(env, name);
+    J2SE::cstring identifier = FileSocket::create_identifier(copy.as_cstring());
+    return env->NewStringUTF(identifier.c_str());
+}
+
+}  // extern "C"

@@ -1,0 +1,201 @@
+// A local stream socket whose address is a path in the file system (AF_UNIX, SOCK_STREAM), with
+// millisecond time-outs and a close that releases threads blocked in the same socket.
+//
+// Failures are not thrown: every operation reports them to an ExceptionHandler passed by
+// reference and then returns (null, -1 or a partial count). The JNI layer passes a handler that
+// turns each report into a pending Java exception.
+#ifndef NOX_SHARED_FILE_SOCKET_H
+#define NOX_SHARED_FILE_SOCKET_H
+
+#include "cstring.h"
+
+#include <pthread.h>
+#include <stdint.h>
+
+namespace J2SE {
+
+typedef int FileSocketFD;
+
+class FileSocket;
+
+// The error collector of the socket operations. The base class only records; a subclass may
+// also raise something (a Java exception) from the same reports.
+class ExceptionHandler {
+public:
+    ExceptionHandler();
+    virtual ~ExceptionHandler();
+    ExceptionHandler(const ExceptionHandler&) = delete;
+    ExceptionHandler& operator=(const ExceptionHandler&) = delete;
+
+    // A null message describes the current errno; a non-null message is a fixed text.
+    virtual void throw_FileSocketException(const FileSocket* socket, const char* message);
+    virtual void throw_FileSocketException(const FileSocket* socket, int error);
+    virtual void throw_SocketTimeoutException(const FileSocket* socket, const char* message);
+    virtual void throw_SocketTimeoutException(const FileSocket* socket, int error);
+
+    bool has_thrown() const { return _has_thrown; }
+    int error_code() const { return _error_code; }
+    bool time_out_occured() const { return _time_out_occured; }
+    const cstring& message() const { return _message; }
+    const cstring& socket_identifier() const { return _socket_identifier; }
+
+protected:
+    // Records one report: the socket's identifier, and either the given text or the system's
+    // text of `error` (then also kept as the error code).
+    void fill(const cstring& identifier, const char* message, int error);
+    void fill(const FileSocket* socket, const char* message, int error);
+
+    bool _has_thrown;
+    int _error_code;
+    bool _time_out_occured;
+    cstring _message;
+    cstring _socket_identifier;
+};
+
+class BlockingIO;
+
+// The registry of the threads that are inside a system call on one socket. Its lock is held
+// while a close marks them and while it waits for them to leave, so a descriptor number is
+// released only when no registered thread can still use it.
+class BlockingIOData {
+public:
+    BlockingIOData();
+    ~BlockingIOData();
+    BlockingIOData(const BlockingIOData&) = delete;
+    BlockingIOData& operator=(const BlockingIOData&) = delete;
+
+    pthread_mutex_t _lock;
+    BlockingIO* _blocked_threads;
+    // Signalled by each registration that leaves while a close waits for the list to empty.
+    pthread_cond_t _left;
+    // Set by a close before it marks; new registrations are refused from then on until the
+    // socket gets a new descriptor.
+    bool _closing;
+    // The descriptor has been closed; a second close does nothing.
+    bool _closed;
+};
+
+// A scoped registration of the calling thread in a socket's registry for one system call.
+// Calling order: construct, check refused(), make the call, destroy, then read the result and
+// errno. A thread whose registration was marked by a close finds errno = EBADF afterwards.
+class BlockingIO {
+public:
+    explicit BlockingIO(BlockingIOData* data);
+    ~BlockingIO();
+    BlockingIO(const BlockingIO&) = delete;
+    BlockingIO& operator=(const BlockingIO&) = delete;
+
+    // True when the socket was already being closed at registration: the caller must not
+    // touch the descriptor (its number may already name another file). errno becomes EBADF
+    // when the registration ends.
+    bool refused() const { return _refused; }
+
+    // Shuts `fd` down both ways, marks every registered thread, waits until they have left
+    // their calls (the shutdown wakes them), then closes `fd` once. *shutdown_error receives
+    // the errno of a failed shutdown (0 when it succeeded). Returns the result of close (0, or
+    // -1 with errno); a socket that another thread has closed already gives 0 without a call.
+    static int close(BlockingIOData* data, int fd, int* shutdown_error);
+
+    // A new descriptor has been created for the socket: registrations are accepted again.
+    static void reopen(BlockingIOData* data);
+
+    // The wake-up signal sent to marked threads. 0 only checks that the thread exists: the
+    // shutdown before every close is what wakes them.
+    static int sigWakeup;
+
+private:
+    BlockingIOData* _blocking_data;
+    pthread_t _thread;
+    bool _interrupted;
+    BlockingIO* _next;
+    bool _refused;
+
+    static pthread_mutex_t init_mutex;
+    static bool initialized;
+};
+
+// Sets O_NONBLOCK on a descriptor for the life of the object.
+class NonBlockingSocket {
+public:
+    explicit NonBlockingSocket(int socket);
+    ~NonBlockingSocket();
+    NonBlockingSocket(const NonBlockingSocket&) = delete;
+    NonBlockingSocket& operator=(const NonBlockingSocket&) = delete;
+
+private:
+    const int _socket;
+    bool _non_blocking;
+};
+
+class FileSocketHelperUnix {
+public:
+    static const char* const TMP_DIR_PREFIX;
+
+    // Waits until `fd` is ready for `events`, at most timeout_ms (no limit when below 0).
+    // Signals never stretch the wait. Returns 0 when the time ran out, -1 on failure (also
+    // when the descriptor reports an error or a hang-up), else a positive count. errno is 0
+    // before each wait, so a time-out or a hang-up never carries a stale error.
+    static int wait_socket(int fd, long timeout_ms, int events);
+
+    // Milliseconds on the monotonic clock.
+    static int64_t now_ms();
+};
+
+class FileSocket {
+public:
+    explicit FileSocket(ExceptionHandler& handler);
+    // Wraps an existing descriptor (an accepted connection); -1 creates a new one.
+    FileSocket(int fd, const cstring& identifier, ExceptionHandler& handler);
+    ~FileSocket();
+    FileSocket(const FileSocket&) = delete;
+    FileSocket& operator=(const FileSocket&) = delete;
+
+    // Creates the descriptor when there is none.
+    void init(ExceptionHandler& handler);
+
+    void bind(const cstring& path, int backlog, bool restrictAccess, ExceptionHandler& handler);
+    // Returns a new heap socket (free it with destroy()), or null.
+    FileSocket* accept(int backlog, bool restrictAccess, ExceptionHandler& handler);
+    void connect(const cstring& path, int timeout_ms, ExceptionHandler& handler);
+    // One read of at most `length` bytes: the count, or -1 at end of stream, on a read error
+    // (neither reported) and after a reported time-out or failed wait.
+    int readf(char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const;
+    // Writes all `length` bytes unless a report stops it; returns the count written.
+    int writef(const char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const;
+    void shutdown(bool how, ExceptionHandler& handler);
+    void closef(ExceptionHandler& handler);
+    int available() const;
+
+    static cstring create_identifier(const cstring& name);
+    static int16_t is_filesocket_server_attachable(const cstring& name);
+
+    // Heap sockets are made with the library's tracked allocator: create() returns null when
+    // the allocation fails; destroy() runs the destructor and frees.
+    static FileSocket* create(ExceptionHandler& handler);
+    static FileSocket* create(int fd, const cstring& identifier, ExceptionHandler& handler);
+    static void destroy(FileSocket* socket);
+
+    int socket_fd() const { return __atomic_load_n(&_socket_fd, __ATOMIC_ACQUIRE); }
+    const cstring& socket_identifier() const { return _socket_identifier; }
+    bool is_bound() const { return _is_bound; }
+    bool has_blocking_data() const { return _blocking_IO_data != nullptr; }
+
+private:
+    void create_descriptor(ExceptionHandler& handler);
+    void set_socket_fd(int fd) { __atomic_store_n(&_socket_fd, fd, __ATOMIC_RELEASE); }
+    void timed_connect(int fd, const cstring& path, const void* address, int timeout_ms,
+                       ExceptionHandler& handler);
+    // Blocking connect attempts, each bounded by a short SO_SNDTIMEO slice so that a close can
+    // end the wait for a full listen queue; gives up when deadline_ms (monotonic, 0 = none)
+    // has passed (errno EAGAIN). Returns 0 or -1 with errno.
+    int connect_in_slices(int fd, const void* address, int64_t deadline_ms, bool retry_eintr) const;
+
+    FileSocketFD _socket_fd;
+    cstring _socket_identifier;
+    bool _is_bound;
+    BlockingIOData* _blocking_IO_data;
+};
+
+}  // namespace J2SE
+
+#endif
