@@ -1,0 +1,260 @@
+#include "controlAreaManager.h"
+
+#include "allocations.h"
+#include "basicInstanceControlArea.h"
+#include "controlAreaFile.h"
+#include "sharedUtils.h"
+
+#include <new>
+#include <utility>
+
+namespace {
+
+// Views live on the library's heap: constructed into wrap_malloc storage, destroyed explicitly.
+template <typename T, typename... Args>
+T* create_view(Args&&... args) {
+    void* memory = wrap_malloc(alloc_site("(libnoxjvm_inspector.so) src/natives/controlAreaManager.cpp:create_view"),
+                               sizeof(T));
+    if (memory == nullptr) return nullptr;
+    return new (memory) T(std::forward<Args>(args)...);
+}
+
+template <typename T>
+void destroy_view(T* view) {
+    if (view == nullptr) return;
+    view->~T();
+    wrap_free(alloc_site("(libnoxjvm_inspector.so) src/natives/controlAreaManager.cpp:destroy_view"), view);
+}
+
+// Bytes a header promises: instance area plus `slots` per-VM areas; false when that overflows.
+bool promised_bytes(size_t instance_size, size_t per_vm_size, int slots, size_t* total) {
+    if (slots < 0) return false;
+    size_t all_slots = 0;
+    if (__builtin_mul_overflow(per_vm_size, static_cast<size_t>(slots), &all_slots)) return false;
+    return !__builtin_add_overflow(all_slots, instance_size, total);
+}
+
+// The discovery's shared-file cache, created when the library is loaded and replaced by every
+// scan of the control-area files.
+void* shared_files_cache = J2SE::SharedFile::create_shared_files_cache();
+
+}  // namespace
+
+ControlAreaManager_CL::ControlAreaManager_CL(const ClusterInfo_CL& info)
+    : _cluster_type(info._type),
+      _attached_area(nullptr),
+      _attached(false),
+      _shared_file(),
+      _shared_memory(),
+      _instance_control_area(nullptr),
+      _control_areas(8),
+      _mapped_len(0) {
+    // The block is attached twice: once through the basic reader to check the header, then for
+    // good. The VM may change the header in between, so init() checks the sizes again against
+    // the attachment it is given.
+    size_t needed = 0;
+    int slots = 0;
+    ArchType_CL width = Bit32;
+    {
+        BasicInstanceControlArea_CL basic(info);
+        if (!basic.is_accepted() || !basic.is_compatible()) return;
+        BasicHeaderFacts_CL facts = basic.read_facts();
+        slots = facts.max_vm_nr;
+        width = facts.arch_type;
+        if (!promised_bytes(facts.instance_control_area_size, facts.control_area_size, slots, &needed)) return;
+        basic.detach();
+    }
+    if (_cluster_type == CLUSTER_TYPE_INSTANCE) {
+        J2SE::SharedMemory memory = J2SE::ControlAreaFile::attach_shared_memory(
+            info._id, J2SE::SharedMemory::SHARED_MEMORY_KEY_CONTROLS, nullptr, nullptr);
+        if (memory.get_map_address() != nullptr && memory.get_map_size() != 0 && memory.get_map_size() >= needed) {
+            _shared_memory.take_over(memory);
+            _attached_area = _shared_memory.get_map_address();
+            _mapped_len = _shared_memory.get_map_size();
+        } else {
+            memory.detach();
+        }
+    } else if (_cluster_type == CLUSTER_TYPE_PROCESS) {
+        J2SE::SharedFile file = J2SE::ControlAreaFile::attach_control_area(info._id, nullptr);
+        // Only the bytes behind the file's lead-in belong to the block, so they are what must
+        // hold the promised bytes.
+        size_t block_bytes = file.get_map_size() > file.get_map_offset() ? file.get_map_size() - file.get_map_offset() : 0;
+        if (file.is_attached() && block_bytes >= needed) {
+            _shared_file = file;  // the copy takes the mapping over
+            _attached_area = static_cast<char*>(_shared_file.get_map_address()) + _shared_file.get_map_offset();
+            _mapped_len = block_bytes;
+        } else {
+            file.detach();
+        }
+    }
+    if (_attached_area == nullptr) return;
+    _attached = true;
+    if (!init(width, slots, true)) detach();
+}
+
+ControlAreaManager_CL::ControlAreaManager_CL(void* control_area, int len, ClusterType_CL type)
+    : _cluster_type(type),
+      _attached_area(control_area),
+      _attached(false),
+      _shared_file(),
+      _shared_memory(),
+      _instance_control_area(nullptr),
+      _control_areas(8),
+      _mapped_len(0) {
+    if (control_area == nullptr) return;
+    // The caller vouches for `len` slots of the fixed sizes.
+    if (!promised_bytes(DEFAULT_INSTANCE_CONTROL_AREA_SIZE, DEFAULT_CONTROL_AREA_SIZE, len > 0 ? len : 0, &_mapped_len)) {
+        return;
+    }
+    init(Bit64, len, false);
+}
+
+ControlAreaManager_CL::ControlAreaManager_CL(const MappedBlock_CL& block, ClusterType_CL type)
+    : _cluster_type(type),
+      _attached_area(nullptr),
+      _attached(false),
+      _shared_file(),
+      _shared_memory(),
+      _instance_control_area(nullptr),
+      _control_areas(8),
+      _mapped_len(0) {
+    BasicHeaderFacts_CL facts;
+    if (!BasicInstanceControlArea_CL::accept_header(block.address, block.length, type, &facts)) return;
+    _attached_area = block.address;
+    _mapped_len = block.length;
+    if (!init(facts.arch_type, facts.max_vm_nr, true)) _attached_area = nullptr;
+}
+
+ControlAreaManager_CL::~ControlAreaManager_CL() {
+    if (_attached) detach();
+    destroy_view(_instance_control_area);
+    _instance_control_area = nullptr;
+    for (int i = 0; i < _control_areas.size(); i++) destroy_view(_control_areas[i]);
+}
+
+bool ControlAreaManager_CL::init(ArchType_CL arch_type, int len, bool cluster_existing) {
+    if (is_valid()) return false;
+    if (_attached_area == nullptr) return false;
+    // The instance view reads its fields without guards, so the mapping must hold the whole
+    // instance layout of this width.
+    size_t instance_layout = arch_type != Bit32 ? sizeof(InstanceControlAreaLayout_CL<Bit64>)
+                                                : sizeof(InstanceControlAreaLayout_CL<Bit32>);
+    if (_mapped_len < instance_layout) return false;
+    destroy_view(_instance_control_area);
+    if (arch_type != Bit32) {
+        _instance_control_area = create_view<InstanceControlAreaImpl_CL<Bit64>>(_attached_area);
+    } else {
+        _instance_control_area = create_view<InstanceControlAreaImpl_CL<Bit32>>(_attached_area);
+    }
+    if (_instance_control_area == nullptr) return false;
+
+    size_t instance_size = DEFAULT_INSTANCE_CONTROL_AREA_SIZE;
+    size_t per_vm_size = DEFAULT_CONTROL_AREA_SIZE;
+    if (cluster_existing) {
+        if (!_instance_control_area->is_compatible()) return false;
+        // Each size is read once; every slot is placed from these copies.
+        instance_size = _instance_control_area->get_instance_control_area_size();
+        per_vm_size = _instance_control_area->get_control_area_size();
+        if (len > MAX_TRUSTED_SLOTS) return false;
+        // The published areas must lie inside the mapping; a slot smaller than its eyecatcher
+        // still needs the eyecatcher's 4 bytes, which is what keeps a huge count of empty
+        // slots from being accepted.
+        size_t footprint = per_vm_size < sizeof(int32_t) ? sizeof(int32_t) : per_vm_size;
+        size_t needed = 0;
+        if (!promised_bytes(instance_size, footprint, len, &needed) || needed > _mapped_len) return false;
+    }
+    if (len <= 0) return true;
+
+    _control_areas.reserve(len);
+    for (int slot = 0; slot < len; slot++) {
+        size_t start = instance_size + static_cast<size_t>(slot) * per_vm_size;
+        void* address = static_cast<char*>(_attached_area) + start;
+        size_t readable = _mapped_len - start;
+        ControlArea_CL* view = nullptr;
+        if (arch_type != Bit32) {
+            view = create_view<ControlAreaImpl_CL<Bit64>>(address, per_vm_size, readable);
+        } else {
+            view = create_view<ControlAreaImpl_CL<Bit32>>(address, per_vm_size, readable);
+        }
+        int before = _control_areas.size();
+        if (view != nullptr) _control_areas.push_back(view);
+        if (_control_areas.size() == before) {
+            // Out of memory: leave no half-made list behind.
+            destroy_view(view);
+            for (int i = 0; i < _control_areas.size(); i++) destroy_view(_control_areas[i]);
+            _control_areas.clear();
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ControlAreaManager_CL::is_valid() const {
+    return _attached_area != nullptr && _instance_control_area != nullptr && !_control_areas.is_empty();
+}
+
+ControlArea_CL* ControlAreaManager_CL::get_control_area_raw(int index) const {
+    if (index < 0 || index >= _control_areas.size() || !is_valid()) return nullptr;
+    return _control_areas[index];
+}
+
+ControlArea_CL* ControlAreaManager_CL::get_control_area(int vm_index, bool only_alive) const {
+    ControlArea_CL* view = get_control_area_raw(vm_index);
+    if (view == nullptr || !view->is_valid()) return nullptr;
+    if (only_alive && !J2SE::SharedUtils::process_exists(view->get_pid())) return nullptr;
+    return view;
+}
+
+void ControlAreaManager_CL::detach() {
+    _shared_memory.detach();
+    _shared_file.detach();
+    _attached_area = nullptr;
+    _attached = false;
+}
+
+namespace {
+
+void add_running_instance_cluster(int id, J2SE::cvector<ClusterInfo_CL>& out) {
+    ControlAreaManager_CL manager(ClusterInfo_CL(false, -1, CLUSTER_TYPE_INSTANCE, id));
+    if (!manager.is_valid()) return;
+    InstanceControlArea_CL* instance = manager.get_instance_control_area();
+    // The attach count includes VMs that ended without saying so: a slot in use whose process
+    // is gone does not count.
+    int live = instance->get_attach_count();
+    for (int slot = 0; slot < manager.get_max_vm_number(); slot++) {
+        ControlArea_CL* view = manager.get_control_area_raw(slot);
+        if (view != nullptr && view->is_valid() && !J2SE::SharedUtils::process_exists(view->get_pid())) live--;
+    }
+    if (live == 0) return;
+    int version = static_cast<uint32_t>(instance->get_eyecatcher()) == INSTANCE_CONTROL_AREA_EYECATCHER
+                      ? instance->get_bca_version()
+                      : -1;
+    out.push_back(ClusterInfo_CL(instance->is_compatible(), version, CLUSTER_TYPE_INSTANCE, id));
+}
+
+void add_process_cluster(int pid, J2SE::cvector<ClusterInfo_CL>& out) {
+    J2SE::SharedFile file = J2SE::ControlAreaFile::attach_control_area(pid, nullptr);
+    if (!file.is_attached()) return;
+    // A file too short to hold the header's first fields reads as a wrong eyecatcher.
+    size_t available = file.get_map_size() > file.get_map_offset() ? file.get_map_size() - file.get_map_offset() : 0;
+    BasicHeaderFacts_CL facts = BasicInstanceControlArea_CL::read_facts(
+        static_cast<char*>(file.get_map_address()) + file.get_map_offset(), available);
+    bool eyecatcher_ok = facts.eyecatcher == INSTANCE_CONTROL_AREA_EYECATCHER;
+    bool attachable = eyecatcher_ok && VersionWord_CL::major(facts.version) == CONTROL_AREA_MAJOR_VERSION;
+    out.push_back(ClusterInfo_CL(attachable, eyecatcher_ok ? static_cast<int>(facts.version) : -1,
+                                 CLUSTER_TYPE_PROCESS, pid));
+    file.detach();
+}
+
+}  // namespace
+
+void Controls::get_running_clusters(J2SE::cvector<ClusterInfo_CL>& out) {
+    // Ids 0 to 98 only: 99 and above are never instance clusters.
+    for (int id = 0; id < 99; id++) add_running_instance_cluster(id, out);
+
+    J2SE::cvector<J2SE::SharedFile> files(8);
+    J2SE::StdStaleSharedFileHandler handler;
+    shared_files_cache = J2SE::SharedFile::get_shared_files(files, J2SE::get_controlarea_format_string(), true, false,
+                                                            shared_files_cache, true, handler);
+    for (int i = 0; i < files.size(); i++) add_process_cluster(files[i].get_pid(), out);
+}
