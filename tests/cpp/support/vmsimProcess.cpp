@@ -1,0 +1,138 @@
+#include "vmsimProcess.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace noxtest {
+
+const char* vmsim_path() {
+#ifdef NOX_VMSIM
+    return NOX_VMSIM;
+#else
+    return "vmsim";
+#endif
+}
+
+std::vector<int> int_list(const std::string& text) {
+    std::vector<int> out;
+    if (text.empty() || text == "-") return out;
+    size_t start = 0;
+    for (;;) {
+        size_t comma = text.find(',', start);
+        out.push_back(std::atoi(text.substr(start, comma - start).c_str()));
+        if (comma == std::string::npos) break;
+        start = comma + 1;
+    }
+    return out;
+}
+
+Vmsim::Vmsim(const std::vector<std::string>& args) : _pid(-1), _out(-1), _reaped(false), _status(0) {
+    int out[2];
+    if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    std::vector<char*> argv;
+    std::string path = vmsim_path();
+    argv.push_back(const_cast<char*>(path.c_str()));
+    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    pid_t parent = getpid();
+    _pid = fork();
+    if (_pid == 0) {
+        // vmsim ends (and cleans up) when the test process dies, whatever way it dies.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent) _exit(127);
+        dup2(out[1], STDOUT_FILENO);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(out[1]);
+    if (_pid < 0) {
+        close(out[0]);
+        throw std::runtime_error("fork failed");
+    }
+    _out = out[0];
+    _ready = wait_for("READY ");
+    if (_ready.empty()) {
+        int code = wait_exit();
+        throw std::runtime_error("vmsim ended before it was ready, exit code " + std::to_string(code));
+    }
+    size_t pos = 0;
+    while (pos < _ready.size()) {
+        size_t space = _ready.find(' ', pos);
+        std::string item = _ready.substr(pos, space == std::string::npos ? std::string::npos : space - pos);
+        size_t equals = item.find('=');
+        if (equals != std::string::npos) _fields[item.substr(0, equals)] = item.substr(equals + 1);
+        if (space == std::string::npos) break;
+        pos = space + 1;
+    }
+}
+
+Vmsim::~Vmsim() {
+    terminate();
+    if (_out >= 0) close(_out);
+}
+
+std::string Vmsim::field(const std::string& key) const {
+    auto it = _fields.find(key);
+    return it == _fields.end() ? std::string() : it->second;
+}
+
+int Vmsim::id() const {
+    return std::atoi(field("id").c_str());
+}
+
+std::vector<int> Vmsim::slot_pids() const {
+    return int_list(field("pids"));
+}
+
+std::string Vmsim::next_line() {
+    for (;;) {
+        size_t newline = _buffer.find('\n');
+        if (newline != std::string::npos) {
+            std::string line = _buffer.substr(0, newline);
+            _buffer.erase(0, newline + 1);
+            return line;
+        }
+        struct pollfd p = {_out, POLLIN, 0};
+        int ready = poll(&p, 1, 60000);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) return std::string();
+        char chunk[4096];
+        ssize_t got = read(_out, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) return std::string();
+        _buffer.append(chunk, static_cast<size_t>(got));
+    }
+}
+
+std::string Vmsim::wait_for(const std::string& prefix) {
+    for (;;) {
+        std::string line = next_line();
+        if (line.empty() || line.compare(0, prefix.size(), prefix) == 0) return line;
+    }
+}
+
+int Vmsim::wait_exit() {
+    if (!_reaped && _pid > 0) {
+        while (waitpid(_pid, &_status, 0) < 0 && errno == EINTR) {
+        }
+        _reaped = true;
+    }
+    if (WIFEXITED(_status)) return WEXITSTATUS(_status);
+    if (WIFSIGNALED(_status)) return 128 + WTERMSIG(_status);
+    return -1;
+}
+
+void Vmsim::terminate() {
+    if (_reaped || _pid <= 0) return;
+    kill(_pid, SIGTERM);
+    wait_exit();
+}
+
+}  // namespace noxtest

@@ -1,0 +1,70 @@
+// Starting the simulated VM (tools/vmsim) from a test: the process is started with its standard
+// output on a pipe, the test waits for its READY line, and the object ends vmsim (which removes
+// its files, segments and semaphores) when it goes out of scope, also when the test fails.
+//
+// Instance-cluster ids are global to the host and ctest runs test cases in parallel, so every
+// test case that publishes an instance cluster uses ids of its own:
+//
+//   ids     test file                        use
+//   10-19   test_control_manager.cpp         header acceptance, short blocks, dead slots, requests
+//   20-29   test_control_guards.cpp          guard boundaries through published per-VM sizes
+//   30-49   test_control_discovery.cpp       discovery order, live count
+//   50-54   test_control_hostile.cpp         mutated headers through a real segment
+//   60-64   test_vmsim.cpp                   vmsim's own behaviour
+//   99      test_control_discovery.cpp       the id discovery must never report
+#ifndef NOX_TESTS_VMSIM_PROCESS_H
+#define NOX_TESTS_VMSIM_PROCESS_H
+
+#include <map>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace noxtest {
+
+class Vmsim {
+public:
+    // Starts vmsim with `args` and waits for its READY line; throws std::runtime_error when vmsim
+    // ends or prints something else first.
+    explicit Vmsim(const std::vector<std::string>& args);
+    ~Vmsim();
+    Vmsim(const Vmsim&) = delete;
+    Vmsim& operator=(const Vmsim&) = delete;
+
+    pid_t pid() const { return _pid; }
+    // A field of the READY line ("id", "file", "segment_key", ...); empty when absent.
+    std::string field(const std::string& key) const;
+    int id() const;
+    // The pid published in each slot (0 for a slot not in use).
+    std::vector<int> slot_pids() const;
+    const std::string& ready_line() const { return _ready; }
+
+    // The next line vmsim prints; empty at end of output. Waits at most a minute, so that a
+    // broken test ends instead of hanging.
+    std::string next_line();
+    // Reads lines until one starts with `prefix` and returns it; empty when the output ends.
+    std::string wait_for(const std::string& prefix);
+    // Waits until vmsim ends; its exit code, or 128 + signal.
+    int wait_exit();
+    // Ends vmsim with SIGTERM and reaps it.
+    void terminate();
+
+private:
+    pid_t _pid;
+    int _out;
+    std::string _buffer;
+    std::string _ready;
+    std::map<std::string, std::string> _fields;
+    bool _reaped;
+    int _status;
+};
+
+// The path of the vmsim executable this build made.
+const char* vmsim_path();
+
+// Splits "a,b,c" into integers ("-" is the empty list).
+std::vector<int> int_list(const std::string& text);
+
+}  // namespace noxtest
+
+#endif
