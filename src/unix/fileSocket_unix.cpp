@@ -393,37 +393,49 @@ void FileSocket::timed_connect(int fd, const cstring& path, const void* address,
 // ---------------------------------------------------------------------------------------------
 // read, write, available, shutdown, close
 
+// With a time-out the call after the wait does not block (MSG_DONTWAIT): another thread may
+// have taken the bytes, or a large write may not fit, and a blocking call would then outlast
+// the time-out. EAGAIN sends the caller back to the wait.
 int FileSocket::readf(char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const {
     int fd = socket_fd();
-    if (timeout_ms >= 1) {
-        int waited;
-        {
-            BlockingIO io(_blocking_IO_data);
-            waited = io.refused() ? -1 : FileSocketHelperUnix::wait_socket(fd, timeout_ms, POLLIN | POLLERR);
-        }
-        if (waited == 0) {
-            handler.throw_SocketTimeoutException(this, "Read timed out");
-            return -1;
-        }
-        if (waited < 0) {
-            handler.throw_FileSocketException(this, nullptr);
-            return -1;
-        }
-    }
+    const bool timed = timeout_ms >= 1;
+    const size_t size = static_cast<size_t>(length > 0 ? length : 0);
     ssize_t count;
-    do {
-        BlockingIO io(_blocking_IO_data);
-        count = io.refused() ? -1 : ::read(fd, buffer, static_cast<size_t>(length > 0 ? length : 0));
-    } while (count < 0 && errno == EINTR);
+    for (;;) {
+        if (timed) {
+            int waited;
+            {
+                BlockingIO io(_blocking_IO_data);
+                waited = io.refused() ? -1 : FileSocketHelperUnix::wait_socket(fd, timeout_ms, POLLIN | POLLERR);
+            }
+            if (waited == 0) {
+                handler.throw_SocketTimeoutException(this, "Read timed out");
+                return -1;
+            }
+            if (waited < 0) {
+                handler.throw_FileSocketException(this, nullptr);
+                return -1;
+            }
+        }
+        do {
+            BlockingIO io(_blocking_IO_data);
+            count = io.refused() ? -1 : ::recv(fd, buffer, size, timed ? MSG_DONTWAIT : 0);
+        } while (count < 0 && errno == EINTR);
+        if (!(timed && count < 0 && errno == EAGAIN)) break;
+    }
     // End of stream and read errors alike give -1 without a report.
     return count > 0 ? static_cast<int>(count) : -1;
 }
 
 int FileSocket::writef(const char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const {
     int fd = socket_fd();
+    const bool timed = timeout_ms >= 1;
+    // MSG_NOSIGNAL: a peer that has gone gives EPIPE instead of a SIGPIPE that would end the
+    // whole JVM.
+    const int flags = MSG_NOSIGNAL | (timed ? MSG_DONTWAIT : 0);
     int total = 0;
     while (total < length) {
-        if (timeout_ms >= 1) {
+        if (timed) {
             // The time-out applies to each pass, not to the whole transfer.
             int waited;
             {
@@ -442,11 +454,9 @@ int FileSocket::writef(const char* buffer, int length, int timeout_ms, Exception
         ssize_t count;
         do {
             BlockingIO io(_blocking_IO_data);
-            // MSG_NOSIGNAL: a peer that has gone gives EPIPE instead of a SIGPIPE that would end
-            // the whole JVM.
-            count = io.refused() ? -1
-                                 : ::send(fd, buffer + total, static_cast<size_t>(length - total), MSG_NOSIGNAL);
+            count = io.refused() ? -1 : ::send(fd, buffer + total, static_cast<size_t>(length - total), flags);
         } while (count < 0 && errno == EINTR);
+        if (timed && count < 0 && errno == EAGAIN) continue;
         if (count <= 0) {
             handler.throw_FileSocketException(this, nullptr);
             return total;
