@@ -158,35 +158,41 @@ size_t touch(const ControlAreaString_CL<N>* s) {
 }
 
 // Calls every reader of a per-VM view; the sum only keeps the calls from being optimised away.
+// Sums wrap instead of overflowing.
+template <typename T>
+uint64_t u(T value) {
+    return static_cast<uint64_t>(value);
+}
+
 uint64_t read_everything(ControlArea_CL* view) {
-    uint64_t sum = view->is_valid();
-    sum += view->get_pid() + view->get_vm_index() + view->get_vm_id() + view->get_current_debug_port();
-    sum += view->can_debug_on_demand() + view->get_debugging_state() + view->get_debugging_locally();
+    uint64_t sum = u(view->is_valid());
+    sum += u(view->get_pid()) + u(view->get_vm_index()) + u(view->get_vm_id()) + u(view->get_current_debug_port());
+    sum += u(view->can_debug_on_demand()) + u(view->get_debugging_state()) + u(view->get_debugging_locally());
     int from = 0, to = 0;
     view->get_default_port_range(&from, &to);
-    long s = 0, u = 0, p = 0;
-    view->get_process_time_info(&s, &u, &p);
-    sum += from + to + s + u + p;
+    long s = 0, user = 0, p = 0;
+    view->get_process_time_info(&s, &user, &p);
+    sum += u(from) + u(to) + u(s) + u(user) + u(p);
     sum += touch(view->get_vm_tag()) + touch(view->get_debugging_client()) + touch(view->get_vm_flags());
     sum += touch(view->get_vm_args()) + touch(view->get_vm_java_args()) + touch(view->get_splittable_vm_java_args());
     sum += touch(view->get_jar_main_class()) + touch(view->get_vm_work_dir()) + touch(view->get_vm_version());
     sum += touch(view->get_virtualization_info());
-    sum += view->get_committed_class_pool_size() + view->get_committed_java_heap_size() +
-           view->get_committed_code_cache_size();
-    sum += view->get_number_of_gcs() + view->get_number_of_full_gcs() + view->get_duration_of_gcs() +
-           view->get_duration_of_full_gcs() + view->get_duration_of_concurrent_gcs() + view->get_work_time_of_gcs() +
-           view->get_work_time_of_full_gcs();
-    sum += view->get_java_heap_memory_shortages() + view->get_perm_gen_memory_shortages() +
-           view->get_gc_spinning_due_to_java_heap() + view->get_gc_spinning_due_to_perm_gen() +
-           view->get_out_of_memory_error_count();
-    sum += view->get_old_gen_usage_after_gc() + view->get_perm_gen_usage_after_gc() + view->get_max_old_gen_size() +
-           view->get_max_perm_gen_size() + view->get_run_with_monitoring_board() + view->get_has_metaspace();
+    sum += u(view->get_committed_class_pool_size()) + u(view->get_committed_java_heap_size()) +
+           u(view->get_committed_code_cache_size());
+    sum += u(view->get_number_of_gcs()) + u(view->get_number_of_full_gcs()) + u(view->get_duration_of_gcs()) +
+           u(view->get_duration_of_full_gcs()) + u(view->get_duration_of_concurrent_gcs()) + u(view->get_work_time_of_gcs()) +
+           u(view->get_work_time_of_full_gcs());
+    sum += u(view->get_java_heap_memory_shortages()) + u(view->get_perm_gen_memory_shortages()) +
+           u(view->get_gc_spinning_due_to_java_heap()) + u(view->get_gc_spinning_due_to_perm_gen()) +
+           u(view->get_out_of_memory_error_count());
+    sum += u(view->get_old_gen_usage_after_gc()) + u(view->get_perm_gen_usage_after_gc()) + u(view->get_max_old_gen_size()) +
+           u(view->get_max_perm_gen_size()) + u(view->get_run_with_monitoring_board()) + u(view->get_has_metaspace());
     for (int flag = 0; flag < ControlArea_CL::ZUL_CONTROLS_NR_OF_FLAGS; flag++) {
         int* address = view->get_flag_address(static_cast<ControlArea_CL::ControlAreaFlags>(flag));
         if (address != nullptr) {
             int value;
             memcpy(&value, address, sizeof value);
-            sum += value;
+            sum += u(value);
         }
     }
     // The two setters write inside the area; they must stay inside the block as well.
@@ -196,13 +202,13 @@ uint64_t read_everything(ControlArea_CL* view) {
 }
 
 uint64_t read_everything(const ControlAreaManager_CL& manager) {
-    uint64_t sum = manager.is_valid();
+    uint64_t sum = u(manager.is_valid());
     InstanceControlArea_CL* instance = manager.get_instance_control_area();
     if (manager.is_valid()) {
-        sum += instance->get_instance_control_area_size() + instance->get_control_area_size();
-        sum += instance->get_eyecatcher() + instance->get_bca_version() + instance->is_valid() + instance->is_compatible();
-        sum += instance->get_max_vm_number() + instance->get_attach_count() + instance->get_global_memory();
-        sum += instance->get_global_allocated_memory() + instance->get_shared_pool_size() + instance->get_global_memory_peak();
+        sum += u(instance->get_instance_control_area_size()) + u(instance->get_control_area_size());
+        sum += u(instance->get_eyecatcher()) + u(instance->get_bca_version()) + u(instance->is_valid()) + u(instance->is_compatible());
+        sum += u(instance->get_max_vm_number()) + u(instance->get_attach_count()) + u(instance->get_global_memory());
+        sum += u(instance->get_global_allocated_memory()) + u(instance->get_shared_pool_size()) + u(instance->get_global_memory_peak());
     }
     int count = manager.get_max_vm_number();
     for (int i = -1; i <= count; i++) {
