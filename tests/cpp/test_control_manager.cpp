@@ -1,6 +1,6 @@
 // The manager and the header readers against blocks that a real simulated VM publishes:
 // header acceptance, compatibility, short blocks, dead slots and requests seen by the VM.
-// Instance-cluster ids 10-19 (see vmsimProcess.h).
+// Instance-cluster ids 10-21 (see vmsimProcess.h).
 #include "basicInstanceControlArea.h"
 #include "controlAreaManager.h"
 #include "testSupport.h"
@@ -315,8 +315,8 @@ TEST(ControlAreaRequests, ExitRequestEndsTheProcessVmWithItsCode) {
 }
 
 TEST(ControlAreaRequests, ExitRequestEndsOneVmOfAnInstanceCluster) {
-    Vmsim vm(args({"--type", "instance", "--id", "10", "--slots", "2"}));
-    ControlAreaManager_CL manager(instance_cluster(10));
+    Vmsim vm(args({"--type", "instance", "--id", "20", "--slots", "2"}));
+    ControlAreaManager_CL manager(instance_cluster(20));
     ASSERT_TRUE(manager.is_valid());
     EXPECT_EQ(2, manager.get_instance_control_area()->get_attach_count());
     ControlArea_CL* view = manager.get_control_area(1, true);
@@ -336,7 +336,7 @@ TEST(Vmsim, RemovesWhatItCreatedWhenItEnds) {
     std::vector<int> event_keys;
     {
         Vmsim process(args({"--type", "process"}));
-        Vmsim instance(args({"--type", "instance", "--id", "11", "--slots", "2"}));
+        Vmsim instance(args({"--type", "instance", "--id", "21", "--slots", "2"}));
         file = process.field("file");
         segment_key = std::stoi(instance.field("segment_key"));
         event_keys = noxtest::int_list(process.field("event_keys"));

@@ -6,12 +6,21 @@
 // test case that publishes an instance cluster uses ids of its own:
 //
 //   ids     test file                        use
-//   10-19   test_control_manager.cpp         header acceptance, short blocks, dead slots, requests
-//   20-29   test_control_guards.cpp          guard boundaries through published per-VM sizes
-//   30-49   test_control_discovery.cpp       discovery order, live count
-//   50-54   test_control_hostile.cpp         mutated headers through a real segment
-//   60-64   test_vmsim.cpp                   vmsim's own behaviour
-//   99      test_control_discovery.cpp       the id discovery must never report
+//   10-13   test_control_manager.cpp         MappingMustHoldTheHeaderOfItsWidth
+//   14      test_control_manager.cpp         SlotCountMustFitTheClusterType
+//   15      test_control_manager.cpp         BlockOneByteShorterThanPromisedIsRefusedWhole
+//   16      test_control_manager.cpp         DeadSlotIsFoundOnlyWhenLivenessIsNotAsked
+//   17      test_control_manager.cpp         SlotOfAVmThatDiesAfterwardsIsNoLongerAlive
+//   18-19   test_control_manager.cpp         ThirtyTwoBitSizesAreSignedAndWidened
+//   20      test_control_manager.cpp         ExitRequestEndsOneVmOfAnInstanceCluster
+//   21      test_control_manager.cpp         Vmsim.RemovesWhatItCreatedWhenItEnds
+//   31, 33  test_control_discovery.cpp       InstanceClustersByAscendingIdThenProcessClusters
+//   35-38   test_control_discovery.cpp       LiveCountDiscountsSlotsOfEndedVms
+//   40      test_control_discovery.cpp       EndedClustersDisappear
+//   41      test_control_discovery.cpp       AppendsWithoutClearing
+//   50      test_control_hostile.cpp         MutatedHeadersThroughARealSegment (the test's own segment)
+//   99      test_control_discovery.cpp       InstanceId99IsNeverFound
+// Process clusters need no table: their id is vmsim's own pid.
 #ifndef NOX_TESTS_VMSIM_PROCESS_H
 #define NOX_TESTS_VMSIM_PROCESS_H
 
