@@ -30,7 +30,7 @@ TEST(ClusterRecords, ClustersThatDoNotExistGiveTheFailureResults) {
     ByteArrayOutputStream_CL buffer(1024);
     EXPECT_FALSE(query_cluster_details(97, buffer));
     EXPECT_EQ(query_max_vms(97), -1);
-    for (int type : {CLUSTER_TYPE_UNKNOWN, CLUSTER_TYPE_PROCESS, CLUSTER_TYPE_INSTANCE, 3, -1}) {
+    for (int type : {0, 1, 2, 3, -1}) {  // unknown, process, instance, and two values of no type
         for (int id : {97, 0, -1}) {
             EXPECT_FALSE(query_vm_record(type, id, 0, VM_RECORD_MEMORY, buffer));
             EXPECT_EQ(query_unique_id(type, id, 0), -1);
