@@ -1,0 +1,79 @@
+// Keeps one Java object per visible monitoring board: lists the board files under /tmp, maps
+// each new one and hands the mapping to Java as a direct ByteBuffer (or the file name, where the
+// Java class has such a constructor), keeps the objects of boards that are still there, and
+// tells the objects of boards that are gone.
+#ifndef NOX_NATIVES_MONITORING_BOARD_COLLECTOR_H
+#define NOX_NATIVES_MONITORING_BOARD_COLLECTOR_H
+
+#include "cvector.h"
+#include "sharedFile.h"
+
+#include <jni.h>
+
+class MonitoringBoardProxy {
+public:
+    // Takes the file's mapping over, if it has one.
+    explicit MonitoringBoardProxy(const J2SE::SharedFile& file);
+    // Copies move the mapping and the Java reference: the source keeps neither.
+    MonitoringBoardProxy(const MonitoringBoardProxy& other);
+    MonitoringBoardProxy& operator=(const MonitoringBoardProxy& other);
+    // Unmaps; the Java reference is dropped, not deleted (the collector deletes those it gives up).
+    ~MonitoringBoardProxy();
+
+    // Caches the board class, its constructors and its two methods. False, with a Java exception
+    // pending, when the class lacks the (ByteBuffer, int) constructor or one of the methods.
+    static bool init(JNIEnv* env, jclass board_class);
+    static bool is_initialised() { return _monitor_board_class != nullptr; }
+    static jclass board_class() { return _monitor_board_class; }
+    // Forgets the cached class (at library unload).
+    static void release(JNIEnv* env);
+
+    // Maps the board and creates its Java object, unless already mapped.
+    void map(JNIEnv* env);
+    void unmap();
+
+    int pid() const { return _shared_file.get_pid(); }
+    jobject board() const { return _jboard_obj; }
+    bool is_marked() const { return _mark; }
+    void set_mark(bool mark) { _mark = mark; }
+    void forget_board() { _jboard_obj = nullptr; }
+
+    static jmethodID is_alive_method() { return _is_alive; }
+    static jmethodID process_is_gone_method() { return _process_is_gone; }
+
+private:
+    J2SE::SharedFile _shared_file;
+    bool _mark;
+    jobject _jboard_obj;
+
+    static jclass _monitor_board_class;
+    static jmethodID _board_constructor;
+    static jmethodID _board_constructor_based_on_file;
+    static jmethodID _process_is_gone;
+    static jmethodID _is_alive;
+};
+
+class MonitoringBoardCollector {
+public:
+    explicit MonitoringBoardCollector(int capacity) : _the_boards(capacity) {}
+
+    // Brings the list of boards up to date. Java exceptions raised by the board objects are
+    // collected: the first one is pending when this returns, the refresh itself completes.
+    void refresh(JNIEnv* env);
+    // refresh(), then the board objects in list order (null with an exception pending when the
+    // array cannot be made).
+    jobjectArray get_board_objects(JNIEnv* env);
+    static MonitoringBoardProxy* find_proxy(J2SE::cvector<MonitoringBoardProxy>& boards, int pid);
+
+    // Tells every board that it is gone and releases it (at library unload).
+    void release(JNIEnv* env);
+
+    // The one collector of the process, created at library load with room for 50 boards.
+    static MonitoringBoardCollector* the_impl();
+    static void destroy_the_impl(JNIEnv* env);
+
+private:
+    J2SE::cvector<MonitoringBoardProxy> _the_boards;
+};
+
+#endif
