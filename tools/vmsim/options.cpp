@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include "vmServices.h"
+
 #include <cstdlib>
 
 namespace vmsim {
@@ -9,7 +11,7 @@ const char* usage() {
            "             [--live LIST|none] [--dead LIST] [--eyecatcher X] [--version X] [--max-vm-nr N]\n"
            "             [--ica-size N] [--ca-size N] [--block-size N] [--attach-count N] [--mode OCTAL]\n"
            "             [--set [SLOT:]FIELD[.INDEX]=VALUE]... [--fill [SLOT:]FIELD=CHAR:COUNT]...\n"
-           "             [--ica-set FIELD[.INDEX]=VALUE]...\n"
+           "             [--ica-set FIELD[.INDEX]=VALUE]... [--board SIZE] [--profiling-server]\n"
            "See tools/vmsim/README.md.\n";
 }
 
@@ -72,6 +74,10 @@ bool parse_options(int argc, char** argv, Options* options, std::string* error) 
             *error = "";
             return false;
         }
+        if (name == "--profiling-server") {  // the one option without a value
+            options->profiling_server = true;
+            continue;
+        }
         if (i + 1 >= argc) {
             *error = "missing value for " + name;
             return false;
@@ -122,6 +128,10 @@ bool parse_options(int argc, char** argv, Options* options, std::string* error) 
             unsigned long mode = strtoul(value.c_str(), &end, 8);
             if (*end != '\0' || mode > 0777) { *error = "bad --mode"; return false; }
             options->mode = static_cast<unsigned>(mode);
+        } else if (name == "--board") {
+            // At least the documented header; at most 64 MiB, so a typo cannot fill /tmp.
+            if (!numeric || number < BOARD_MIN_SIZE || number > (64 << 20)) { *error = "bad --board"; return false; }
+            options->board_size = static_cast<uint64_t>(number);
         } else if (name == "--set" || name == "--fill") {
             FieldSetting setting;
             if (!parse_setting(value, true, &setting) || (name == "--fill" && !expand_fill(&setting))) {

@@ -42,6 +42,8 @@ struct Options {
     bool attach_count_given = false;
     int32_t attach_count = 0;
     unsigned mode = 0700;
+    uint64_t board_size = 0;        // --board: bytes of each VM's monitoring board; 0 for none
+    bool profiling_server = false;  // --profiling-server: each VM listens on a socket file
     std::vector<FieldSetting> vm_settings;        // --set / --fill
     std::vector<FieldSetting> instance_settings;  // --ica-set
 };

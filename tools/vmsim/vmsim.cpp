@@ -7,6 +7,7 @@
 // library's structures, so that a mistake in either shows up as a disagreement in the tests.
 #include "blockFormat.h"
 #include "options.h"
+#include "vmServices.h"
 
 #include <cerrno>
 #include <climits>
@@ -43,6 +44,8 @@ struct Published {
     int own_sem_id = -1;
     std::vector<pid_t> children;       // one per live slot, -1 once reaped
     std::vector<int> child_slots;
+    bool services = false;             // the VMs publish a board or a profiling server
+    bool own_services = false;         // vmsim itself is such a VM (process cluster)
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
     bool cleaned = false;
 };
@@ -95,7 +98,10 @@ void clean_up() {
             while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
             }
             remove_event_of(child);
+            // A killed VM cannot remove its board and socket file itself.
+            if (published.services) remove_services_of(child);
         }
+        if (published.own_services) remove_services_of(getpid());
         if (published.own_sem_id != -1) semctl(published.own_sem_id, 0, IPC_RMID);
         if (published.shm_id != -1) shmctl(published.shm_id, IPC_RMID, nullptr);
         if (!published.file.empty()) unlink(published.file.c_str());
@@ -196,7 +202,7 @@ bool write_header(Block& block, const Options& options, const Geometry& g, int i
 }
 
 // The fields a VM publishes about itself when it starts; --set values come on top.
-bool write_vm(Block& block, const Options& options, uint64_t area, int slot, pid_t pid) {
+bool write_vm(Block& block, const Options& options, uint64_t area, int slot, pid_t pid, bool live) {
     Width w = options.width;
     set_number(block, area, w, "eyecatcher", static_cast<int32_t>(VM_EYECATCHER));
     set_number(block, area, w, "pid", pid);
@@ -212,6 +218,7 @@ bool write_vm(Block& block, const Options& options, uint64_t area, int slot, pid
     set_number(block, area, w, "committed_code_cache_size", 48LL << 20);
     set_number(block, area, w, "max_old_gen_size", 192LL << 20);
     set_number(block, area, w, "has_metaspace", 1);
+    if (live && options.board_size > 0) set_number(block, area, w, "run_with_monitoring_board", 1);
     set_text(block, area, w, "vm_version", "vmsim 1.0 (simulated VM)");
     set_text(block, area, w, "vm_args", "-Xmx256m");
     set_text(block, area, w, "vm_java_args", "demo.Main");
@@ -316,6 +323,7 @@ void child_exit(Block& block, const Options& options, uint64_t area, int code) {
     uint64_t count_offset = instance_attach_count_offset(options.width);
     block.put_int32(count_offset, block.get_int32(count_offset) - 1);
     remove_event_of(getpid());
+    if (published.services) remove_services_of(getpid());
     _exit(code & 0xFF);
 }
 
@@ -343,8 +351,9 @@ std::string join(const std::vector<std::string>& items) {
     return out;
 }
 
+// `vm_pids`: the pids of the running VMs in slot order; `event_pids`: the owners of semaphores.
 std::string ready_line(const Options& options, const Geometry& g, const std::vector<pid_t>& slot_pids, int seg_key,
-                       const std::vector<int>& event_pids) {
+                       const std::vector<int>& event_pids, const std::vector<int>& vm_pids) {
     std::vector<std::string> pids, live, dead, events;
     for (size_t i = 0; i < slot_pids.size(); i++) {
         pids.push_back(std::to_string(slot_pids[i]));
@@ -362,7 +371,28 @@ std::string ready_line(const Options& options, const Geometry& g, const std::vec
     line += " event_keys=" + join(events);
     line += " block_size=" + std::to_string(g.block_size);
     line += " vmsim_pid=" + std::to_string(getpid());
+    // One board and one socket file per running VM, in slot order (the event pids are the VMs').
+    std::vector<std::string> boards, servers;
+    for (int pid : vm_pids) {
+        if (options.board_size > 0) boards.push_back(board_path(pid));
+        if (options.profiling_server) servers.push_back(server_path(pid));
+    }
+    line += " boards=" + join(boards) + " servers=" + join(servers);
     return line;
+}
+
+// Publishes the calling VM's monitoring board and profiling server, as the options ask.
+bool start_services(const Options& options, int slot) {
+    std::string error;
+    if (options.board_size > 0 && !start_board(options.board_size, slot, &error)) {
+        fail(error);
+        return false;
+    }
+    if (options.profiling_server && !start_server(&error)) {
+        fail(error);
+        return false;
+    }
+    return true;
 }
 
 int run_process_cluster(const Options& options, const Geometry& g) {
@@ -396,7 +426,7 @@ int run_process_cluster(const Options& options, const Geometry& g) {
         slot_pids[slot] = slot == 0 && !dead ? own : ended_process_pid();
         in_use++;
         uint64_t area = g.instance_size + slot * g.vm_size;
-        if (!write_vm(block, options, area, slot, slot_pids[slot])) { clean_up(); return 2; }
+        if (!write_vm(block, options, area, slot, slot_pids[slot], !dead)) { clean_up(); return 2; }
         if (slot == 0 && pid_overridden(options, 0)) slot_pids[0] = block.get_int32(area + field_offset("pid", options.width));
     }
     if (!write_header(block, options, g, in_use)) { clean_up(); return 2; }
@@ -406,8 +436,11 @@ int run_process_cluster(const Options& options, const Geometry& g) {
         clean_up();
         return 2;
     }
-    say(ready_line(options, g, slot_pids, 0, {own}));
-    if (options.slots > 0 && !contains(options.dead, 0)) {
+    bool runs_a_vm = options.slots > 0 && !contains(options.dead, 0);
+    published.own_services = runs_a_vm && published.services;
+    if (runs_a_vm && !start_services(options, 0)) { clean_up(); return 2; }
+    say(ready_line(options, g, slot_pids, 0, {own}, runs_a_vm ? std::vector<int>{own} : std::vector<int>()));
+    if (runs_a_vm) {
         run_vm(block, options, g.instance_size, 0, published.own_sem_id, process_exit);
     }
     for (;;) pause();  // the signal thread ends vmsim
@@ -422,11 +455,15 @@ void run_child(Block& block, const Options& options, uint64_t area, int slot, in
     if (!pid_overridden(options, slot)) set_number(block, area, options.width, "pid", getpid());
     set_number(block, area, options.width, "eyecatcher", static_cast<int32_t>(VM_EYECATCHER));
     int sem_id = create_event(getpid(), options.mode);
-    char ok = sem_id != -1 ? 'y' : 'n';
+    char ok = sem_id != -1 && start_services(options, slot) ? 'y' : 'n';
     ssize_t ignored = write(ready_fd, &ok, 1);
     (void)ignored;
     close(ready_fd);
-    if (sem_id == -1) _exit(2);
+    if (ok != 'y') {
+        remove_event_of(getpid());
+        if (published.services) remove_services_of(getpid());
+        _exit(2);
+    }
     run_vm(block, options, area, slot, sem_id, child_exit);
     _exit(0);
 }
@@ -461,7 +498,7 @@ int run_instance_cluster(const Options& options, const Geometry& g) {
         in_use++;
         if (is_dead) slot_pids[slot] = ended_process_pid();
         uint64_t area = g.instance_size + slot * g.vm_size;
-        if (!write_vm(block, options, area, slot, slot_pids[slot])) { clean_up(); return 2; }
+        if (!write_vm(block, options, area, slot, slot_pids[slot], is_live && !is_dead)) { clean_up(); return 2; }
         // A live VM marks its slot in use itself, once it runs.
         if (is_live) block.put_int32(area + field_offset("eyecatcher", options.width), 0);
     }
@@ -493,7 +530,7 @@ int run_instance_cluster(const Options& options, const Geometry& g) {
         slot_pids[slot] = child;
         event_pids.push_back(child);
     }
-    say(ready_line(options, g, slot_pids, key, event_pids));
+    say(ready_line(options, g, slot_pids, key, event_pids, event_pids));
 
     // Report VMs that leave; when the last live VM has left, the cluster ends.
     bool had_children = !published.children.empty();
@@ -508,6 +545,8 @@ int run_instance_cluster(const Options& options, const Geometry& g) {
         for (size_t i = 0; i < published.children.size(); i++) {
             if (published.children[i] != ended) continue;
             published.children[i] = -1;
+            // Gone before EXITED is told, so a reader of that line finds no file of the VM.
+            if (published.services) remove_services_of(ended);
             int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
             say("EXITED slot=" + std::to_string(published.child_slots[i]) + " pid=" + std::to_string(ended) +
                 " code=" + std::to_string(code));
@@ -544,6 +583,7 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
     Geometry g = geometry(options);
     published.instance = options.instance;
+    published.services = options.board_size > 0 || options.profiling_server;
     // The VMs of an instance cluster are forked after this thread exists; a forked child has
     // only the forking thread, unblocks the signals and touches nothing the waiter holds.
     pthread_t waiter;
