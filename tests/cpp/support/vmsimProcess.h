@@ -19,6 +19,8 @@
 //   40      test_control_discovery.cpp       EndedClustersDisappear
 //   41      test_control_discovery.cpp       AppendsWithoutClearing
 //   50      test_control_hostile.cpp         MutatedHeadersThroughARealSegment (the test's own segment)
+//   65      test_vmsim_board.cpp             InstanceClusterOfTwoPublishesOneBoardAndServerPerVm
+//   66      test_vmsim_board.cpp             FilesOfAKilledInstanceVmAreRemovedByVmsim
 //   99      test_control_discovery.cpp       InstanceId99IsNeverFound
 // Process clusters need no table: their id is vmsim's own pid.
 #ifndef NOX_TESTS_VMSIM_PROCESS_H

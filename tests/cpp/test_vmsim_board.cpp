@@ -1,0 +1,322 @@
+// The monitoring boards and profiling servers that vmsim's VMs publish (--board, --profiling-server):
+// the files are read here with plain system calls against the layout documented in
+// tools/vmsim/README.md, and the exit requests are raised through the library as an inspector does.
+#include "controlAreaManager.h"
+#include "testSupport.h"
+#include "vmsimProcess.h"
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+
+using noxtest::Vmsim;
+
+namespace {
+
+std::vector<std::string> args(std::initializer_list<std::string> list) {
+    return std::vector<std::string>(list);
+}
+
+// Splits "a,b" into its items ("-" is the empty list).
+std::vector<std::string> paths_of(const std::string& text) {
+    std::vector<std::string> out;
+    if (text == "-" || text.empty()) return out;
+    size_t start = 0;
+    for (;;) {
+        size_t comma = text.find(',', start);
+        out.push_back(text.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
+        if (comma == std::string::npos) return out;
+        start = comma + 1;
+    }
+}
+
+std::string expected_path(const char* family, int pid) {
+    return std::string("/tmp/nox_jvm_") + family + std::to_string(geteuid()) + "_" + std::to_string(pid);
+}
+
+uint64_t little_endian(const unsigned char* at, size_t bytes) {
+    uint64_t value = 0;
+    for (size_t i = 0; i < bytes; i++) value |= static_cast<uint64_t>(at[i]) << (8 * i);
+    return value;
+}
+
+// The first 64 bytes of a board as they are now; empty when the file cannot be read.
+std::vector<unsigned char> board_head(const std::string& path) {
+    std::vector<unsigned char> head(64);
+    int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return {};
+    ssize_t got = pread(fd, head.data(), head.size(), 0);
+    close(fd);
+    if (got != static_cast<ssize_t>(head.size())) return {};
+    return head;
+}
+
+uint64_t counter_of(const std::string& path) {
+    std::vector<unsigned char> head = board_head(path);
+    return head.empty() ? 0 : little_endian(head.data() + 16, 8);
+}
+
+uint64_t realtime_ms() {
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+}
+
+// Checks a board's file and header: owner, mode, size, magic, pid, slot, size field, and a
+// counter and time that move with the clock.
+void expect_board(const std::string& path, int pid, int slot, off_t size) {
+    SCOPED_TRACE(path);
+    struct stat info;
+    ASSERT_EQ(0, lstat(path.c_str(), &info)) << strerror(errno);
+    EXPECT_TRUE(S_ISREG(info.st_mode));
+    EXPECT_EQ(0600u, info.st_mode & 07777);
+    EXPECT_EQ(geteuid(), info.st_uid);
+    EXPECT_EQ(size, info.st_size);
+    std::vector<unsigned char> head = board_head(path);
+    ASSERT_EQ(64u, head.size());
+    EXPECT_EQ(0, memcmp(head.data(), "NOXBOARD", 8));
+    EXPECT_EQ(static_cast<uint64_t>(pid), little_endian(head.data() + 8, 4));
+    EXPECT_EQ(static_cast<uint64_t>(slot), little_endian(head.data() + 12, 4));
+    EXPECT_EQ(static_cast<uint64_t>(size), little_endian(head.data() + 32, 4));
+    for (size_t i = 36; i < head.size(); i++) EXPECT_EQ(0, head[i]) << "byte " << i;
+
+    // The counter ticks about every 10 ms on a fixed schedule: over 300 ms it moves by at least
+    // a handful of ticks and never by more than the time allows.
+    auto before = std::chrono::steady_clock::now();
+    uint64_t first = counter_of(path);
+    uint64_t ms_before = realtime_ms();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    uint64_t second = counter_of(path);
+    auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - before);
+    EXPECT_GE(second, first + 5);
+    EXPECT_LE(second, first + static_cast<uint64_t>(elapsed.count()) / 10 + 2);
+    uint64_t tick_time = little_endian(board_head(path).data() + 24, 8);
+    EXPECT_GE(tick_time + 50, ms_before);  // a tick of the last few ms, give or take a late one
+    EXPECT_LE(tick_time, realtime_ms());
+}
+
+// A connected client of a profiling server; its reads give up after ten seconds.
+class Client {
+public:
+    explicit Client(const std::string& path) : _fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        struct sockaddr_un address;
+        memset(&address, 0, sizeof address);
+        address.sun_family = AF_UNIX;
+        strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        struct timeval limit = {10, 0};
+        setsockopt(_fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        _connected = connect(_fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address) == 0;
+    }
+    ~Client() { close(_fd); }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    bool connected() const { return _connected; }
+    bool send_text(const std::string& text) {
+        return send(_fd, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+    }
+    void end_output() { shutdown(_fd, SHUT_WR); }
+    // The next line without its newline; "<eof>" or "<error>" when there is none.
+    std::string line() {
+        for (;;) {
+            size_t newline = _buffer.find('\n');
+            if (newline != std::string::npos) {
+                std::string out = _buffer.substr(0, newline);
+                _buffer.erase(0, newline + 1);
+                return out;
+            }
+            char chunk[512];
+            ssize_t n = read(_fd, chunk, sizeof chunk);
+            if (n == 0) return "<eof>";
+            if (n < 0) return "<error>";
+            _buffer.append(chunk, static_cast<size_t>(n));
+        }
+    }
+
+private:
+    int _fd;
+    bool _connected;
+    std::string _buffer;
+};
+
+void expect_server(const std::string& path) {
+    SCOPED_TRACE(path);
+    struct stat info;
+    ASSERT_EQ(0, lstat(path.c_str(), &info)) << strerror(errno);
+    EXPECT_TRUE(S_ISSOCK(info.st_mode));
+    EXPECT_EQ(0600u, info.st_mode & 07777);
+    EXPECT_EQ(geteuid(), info.st_uid);
+    Client client(path);
+    ASSERT_TRUE(client.connected()) << strerror(errno);
+    ASSERT_TRUE(client.send_text("ping\n"));
+    EXPECT_EQ("PONG ping", client.line());
+}
+
+void raise_exit(ControlAreaManager_CL& manager, int slot, int code) {
+    ASSERT_TRUE(manager.is_valid());
+    ControlArea_CL* view = manager.get_control_area(slot, true);
+    ASSERT_NE(nullptr, view);
+    view->exit(code);
+}
+
+}  // namespace
+
+TEST(VmsimBoard, ReadyLineNamesNoBoardOrServerUnlessAsked) {
+    Vmsim vm(args({"--type", "process"}));
+    EXPECT_EQ("-", vm.field("boards"));
+    EXPECT_EQ("-", vm.field("servers"));
+    EXPECT_FALSE(noxtest::path_exists(expected_path("monitoringboard_", vm.pid())));
+    EXPECT_FALSE(noxtest::path_exists(expected_path("profiling_server_", vm.pid())));
+}
+
+TEST(VmsimBoard, BoardSizeBelowTheHeaderIsRefused) {
+    EXPECT_THROW(Vmsim(args({"--type", "process", "--board", "63"})), std::runtime_error);
+    EXPECT_THROW(Vmsim(args({"--type", "process", "--board", "many"})), std::runtime_error);
+}
+
+TEST(VmsimBoard, ProcessClusterBoardHasItsSizeModeAndATickingCounter) {
+    Vmsim vm(args({"--type", "process", "--board", "4096"}));
+    std::string board = expected_path("monitoringboard_", vm.pid());
+    EXPECT_EQ(board, vm.field("boards"));
+    EXPECT_EQ("-", vm.field("servers"));
+    expect_board(board, vm.pid(), 0, 4096);
+    // The VM says in its control area that it runs with a board.
+    ControlAreaManager_CL manager(ClusterInfo_CL(false, -1, CLUSTER_TYPE_PROCESS, vm.id()));
+    ASSERT_TRUE(manager.is_valid());
+    ControlArea_CL* view = manager.get_control_area(0, true);
+    ASSERT_NE(nullptr, view);
+    EXPECT_TRUE(view->get_run_with_monitoring_board());
+}
+
+TEST(VmsimBoard, BoardOfAnOddSizeIsExactlyThatLong) {
+    Vmsim vm(args({"--type", "process", "--board", "100"}));
+    expect_board(vm.field("boards"), vm.pid(), 0, 100);
+}
+
+TEST(VmsimBoard, ServerAnswersEveryLineOnEachConnection) {
+    Vmsim vm(args({"--type", "process", "--profiling-server"}));
+    std::string server = expected_path("profiling_server_", vm.pid());
+    EXPECT_EQ(server, vm.field("servers"));
+    EXPECT_EQ("-", vm.field("boards"));
+    expect_server(server);
+    Client first(server), second(server);
+    ASSERT_TRUE(first.connected());
+    ASSERT_TRUE(second.connected());
+    // Lines split across writes and several lines in one write are answered one by one.
+    ASSERT_TRUE(first.send_text("hel"));
+    ASSERT_TRUE(second.send_text("one\ntwo\n"));
+    ASSERT_TRUE(first.send_text("lo\n\n"));
+    EXPECT_EQ("PONG one", second.line());
+    EXPECT_EQ("PONG two", second.line());
+    EXPECT_EQ("PONG hello", first.line());
+    EXPECT_EQ("PONG ", first.line());
+    // A last line without newline is answered when the client ends its output.
+    ASSERT_TRUE(first.send_text("last"));
+    first.end_output();
+    EXPECT_EQ("PONG last", first.line());
+    EXPECT_EQ("<eof>", first.line());
+    ASSERT_TRUE(second.send_text("still here\n"));
+    EXPECT_EQ("PONG still here", second.line());
+}
+
+TEST(VmsimBoard, BothFilesDisappearAfterSigterm) {
+    std::string board, server;
+    {
+        Vmsim vm(args({"--type", "process", "--board", "4096", "--profiling-server"}));
+        board = vm.field("boards");
+        server = vm.field("servers");
+        ASSERT_TRUE(noxtest::path_exists(board));
+        ASSERT_TRUE(noxtest::path_exists(server));
+        Client idle(server);  // an open connection does not keep anything alive
+        ASSERT_TRUE(idle.connected());
+        vm.terminate();
+        EXPECT_FALSE(noxtest::path_exists(board));
+        EXPECT_FALSE(noxtest::path_exists(server));
+    }
+    EXPECT_FALSE(noxtest::path_exists(board));
+}
+
+TEST(VmsimBoard, ExitRequestIsAnsweredWhileAConnectionIsOpenAndRemovesBothFiles) {
+    Vmsim vm(args({"--type", "process", "--board", "4096", "--profiling-server"}));
+    std::string board = vm.field("boards"), server = vm.field("servers");
+    ASSERT_TRUE(noxtest::path_exists(board));
+    Client idle(server);  // connected and silent: the server must not hold up the VM's requests
+    ASSERT_TRUE(idle.connected());
+    ControlAreaManager_CL manager(ClusterInfo_CL(false, -1, CLUSTER_TYPE_PROCESS, vm.id()));
+    raise_exit(manager, 0, 9);
+    EXPECT_EQ(9, vm.wait_exit());
+    EXPECT_FALSE(noxtest::path_exists(board));
+    EXPECT_FALSE(noxtest::path_exists(server));
+    EXPECT_EQ("<eof>", idle.line());
+}
+
+TEST(VmsimBoard, InstanceClusterOfTwoPublishesOneBoardAndServerPerVm) {
+    Vmsim vm(args({"--type", "instance", "--id", "65", "--slots", "3", "--dead", "1", "--board", "8192",
+                   "--profiling-server"}));
+    std::vector<int> pids = vm.slot_pids();
+    ASSERT_EQ(3u, pids.size());
+    std::vector<std::string> boards = paths_of(vm.field("boards")), servers = paths_of(vm.field("servers"));
+    // One per live slot (0 and 2) in slot order; the dead slot has none.
+    ASSERT_EQ(2u, boards.size());
+    ASSERT_EQ(2u, servers.size());
+    const int live[] = {0, 2};
+    for (size_t i = 0; i < 2; i++) {
+        int pid = pids[live[i]];
+        EXPECT_EQ(expected_path("monitoringboard_", pid), boards[i]);
+        EXPECT_EQ(expected_path("profiling_server_", pid), servers[i]);
+        expect_board(boards[i], pid, live[i], 8192);
+        expect_server(servers[i]);
+    }
+    EXPECT_FALSE(noxtest::path_exists(expected_path("monitoringboard_", pids[1])));
+    std::string own_board = expected_path("monitoringboard_", vm.pid());
+    EXPECT_FALSE(noxtest::path_exists(own_board));  // vmsim itself is no VM of the cluster
+
+    // A VM that leaves on request removes its own files; the other VM's stay.
+    ControlAreaManager_CL manager(ClusterInfo_CL(false, -1, CLUSTER_TYPE_INSTANCE, 65));
+    ASSERT_TRUE(manager.is_valid());
+    ControlArea_CL* view = manager.get_control_area(0, true);
+    ASSERT_NE(nullptr, view);
+    EXPECT_TRUE(view->get_run_with_monitoring_board());
+    raise_exit(manager, 2, 4);
+    EXPECT_EQ("EXITED slot=2 pid=" + std::to_string(pids[2]) + " code=4", vm.wait_for("EXITED"));
+    EXPECT_FALSE(noxtest::path_exists(boards[1]));
+    EXPECT_FALSE(noxtest::path_exists(servers[1]));
+    expect_board(boards[0], pids[0], 0, 8192);
+    expect_server(servers[0]);
+
+    // SIGTERM to vmsim removes the files of the VM that is still running.
+    vm.terminate();
+    EXPECT_FALSE(noxtest::path_exists(boards[0]));
+    EXPECT_FALSE(noxtest::path_exists(servers[0]));
+}
+
+TEST(VmsimBoard, FilesOfAKilledInstanceVmAreRemovedByVmsim) {
+    Vmsim vm(args({"--type", "instance", "--id", "66", "--slots", "2", "--board", "4096", "--profiling-server"}));
+    std::vector<int> pids = vm.slot_pids();
+    std::vector<std::string> boards = paths_of(vm.field("boards")), servers = paths_of(vm.field("servers"));
+    ASSERT_EQ(2u, boards.size());
+    ASSERT_EQ(2u, servers.size());
+    ASSERT_EQ(0, kill(pids[0], SIGKILL));
+    EXPECT_EQ("EXITED slot=0 pid=" + std::to_string(pids[0]) + " code=" + std::to_string(128 + SIGKILL),
+              vm.wait_for("EXITED"));
+    EXPECT_FALSE(noxtest::path_exists(boards[0]));
+    EXPECT_FALSE(noxtest::path_exists(servers[0]));
+    EXPECT_TRUE(noxtest::path_exists(boards[1]));
+    EXPECT_TRUE(noxtest::path_exists(servers[1]));
+    // The last VM leaving on request ends the cluster, and nothing of it is left.
+    ControlAreaManager_CL manager(ClusterInfo_CL(false, -1, CLUSTER_TYPE_INSTANCE, 66));
+    raise_exit(manager, 1, 0);
+    EXPECT_EQ("EXITED slot=1 pid=" + std::to_string(pids[1]) + " code=0", vm.wait_for("EXITED"));
+    EXPECT_EQ(0, vm.wait_exit());
+    EXPECT_FALSE(noxtest::path_exists(boards[1]));
+    EXPECT_FALSE(noxtest::path_exists(servers[1]));
+}
