@@ -1,7 +1,8 @@
 // vmsim: a simulated VM for tests and demonstrations. It publishes a control-area block as a VM
 // does (a process cluster in its own /tmp control-area file, or an instance cluster of several
 // VMs in a System V segment, one child process per live VM), gives each VM a wake-up semaphore,
-// answers requests raised in the block, and removes everything it created when it ends.
+// answers requests raised in the block, and removes everything it created when it ends. On
+// request each running VM also publishes a monitoring board and a profiling server (vmServices).
 //
 // The block is written from vmsim's own table of the byte format (blockFormat.cpp), not with the
 // library's structures, so that a mistake in either shows up as a disagreement in the tests.
