@@ -31,6 +31,11 @@ public:
     // with pid -1 when no file is known for the pid even after one rescan of /tmp, or with the
     // pid and name but no mapping when the file could not be mapped.
     static SharedFile attach_control_area(int pid, const TraceOutput* tracer);
+    // Finds the file of `pid` as attach_control_area does and copies up to `wanted` bytes of it
+    // from behind the lead-in into `buffer`, without mapping it. True when the file opened as a
+    // non-empty regular file (the case in which attach_control_area maps it); `available` tells
+    // how many bytes were copied (0 when the file holds no more than its lead-in).
+    static bool read_control_area_header(int pid, void* buffer, size_t wanted, size_t* available);
     // Deletes the calling process's own control-area file.
     static void destroy_control_area();
     // Scans the control-area files; the scan hands stale ones to `stale_handler`.

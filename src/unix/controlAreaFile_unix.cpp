@@ -4,10 +4,14 @@
 #include "sharedUtils.h"
 
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
+#include <cstring>
+#include <fcntl.h>
 #include <new>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace J2SE {
@@ -93,7 +97,9 @@ static void scan_control_area_files(cvector<SharedFile>& files, const StaleShare
     SharedFile::get_shared_files(files, get_controlarea_format_string(), true, false, nullptr, true, handler);
 }
 
-SharedFile ControlAreaFile::attach_control_area(int pid, const TraceOutput* tracer) {
+// The cached file name of `pid`; on a miss the cache is refreshed from one scan of /tmp (which
+// also removes stale files) and asked again. Empty when the pid has no file.
+static cstring find_control_area_name(int pid) {
     cstring name = ControlAreaFileNames::lookup(pid);
     if (name.is_empty()) {
         cvector<SharedFile> fresh(8);
@@ -102,6 +108,11 @@ SharedFile ControlAreaFile::attach_control_area(int pid, const TraceOutput* trac
         ControlAreaFileNames::replace(fresh);
         name = ControlAreaFileNames::lookup(pid);
     }
+    return name;
+}
+
+SharedFile ControlAreaFile::attach_control_area(int pid, const TraceOutput* tracer) {
+    cstring name = find_control_area_name(pid);
     if (name.is_empty()) {
         if (tracer != nullptr) {
             cstring msg = cstring::printf("%s: Could not find control area filename for pid %d\n",
@@ -113,6 +124,53 @@ SharedFile ControlAreaFile::attach_control_area(int pid, const TraceOutput* trac
     SharedFile file(pid, name);
     if (file.attach(true, tracer)) file.set_mapping_offset(CONTROL_AREA_OFFSET);
     return file;  // the copy takes the mapping over
+}
+
+// Above this size the header is read through a mapping as attach_control_area would, so that a
+// file too large to map (a sparse file planted in /tmp) is refused exactly as before; a real
+// control-area file is a few dozen KB.
+static const off_t LARGEST_FILE_READ_BY_COPY = 1 << 20;
+
+// Mapping and unmapping the whole file only to read its first bytes costs tens of microseconds
+// (mostly the munmap); one pread of the lead-in and header costs about one. The descriptor is
+// opened and checked exactly as SharedFile::attach does, so the same files are accepted.
+bool ControlAreaFile::read_control_area_header(int pid, void* buffer, size_t wanted, size_t* available) {
+    *available = 0;
+    cstring name = find_control_area_name(pid);
+    if (name.is_empty()) return false;
+    // /tmp is writable by anyone: follow no link, never block on a FIFO, accept a regular file.
+    int fd = open(name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return false;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0) {
+        close(fd);
+        return false;
+    }
+    if (st.st_size > LARGEST_FILE_READ_BY_COPY) {
+        close(fd);
+        SharedFile file(pid, name);
+        if (!file.attach(true, nullptr)) return false;
+        size_t size = file.get_map_size();
+        if (size > CONTROL_AREA_OFFSET) {
+            *available = size - CONTROL_AREA_OFFSET < wanted ? size - CONTROL_AREA_OFFSET : wanted;
+            memcpy(buffer, static_cast<char*>(file.get_map_address()) + CONTROL_AREA_OFFSET, *available);
+        }
+        file.detach();
+        return true;
+    }
+    // Only the bytes the file had at fstat count, as with a mapping of that size; a file that
+    // shrinks meanwhile yields a short read here, where a mapping would have raised SIGBUS.
+    size_t size = static_cast<size_t>(st.st_size);
+    if (size > CONTROL_AREA_OFFSET) {
+        size_t want = size - CONTROL_AREA_OFFSET < wanted ? size - CONTROL_AREA_OFFSET : wanted;
+        ssize_t got;
+        do {
+            got = pread(fd, buffer, want, static_cast<off_t>(CONTROL_AREA_OFFSET));
+        } while (got < 0 && errno == EINTR);
+        if (got > 0) *available = static_cast<size_t>(got);
+    }
+    close(fd);
+    return true;
 }
 
 void ControlAreaFile::destroy_control_area() {
