@@ -5,7 +5,13 @@
 #include "controlAreaFile.h"
 #include "sharedUtils.h"
 
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
 #include <new>
+#include <unistd.h>
 #include <utility>
 
 namespace {
@@ -49,47 +55,51 @@ ControlAreaManager_CL::ControlAreaManager_CL(const ClusterInfo_CL& info)
       _instance_control_area(nullptr),
       _control_areas(8),
       _mapped_len(0) {
-    // The block is attached twice: once through the basic reader to check the header, then for
-    // good. The VM may change the header in between, so init() checks the sizes again against
-    // the attachment it is given.
-    size_t needed = 0;
-    int slots = 0;
-    ArchType_CL width = Bit32;
-    {
-        BasicInstanceControlArea_CL basic(info);
-        if (!basic.is_accepted() || !basic.is_compatible()) return;
-        BasicHeaderFacts_CL facts = basic.read_facts();
-        slots = facts.max_vm_nr;
-        width = facts.arch_type;
-        if (!promised_bytes(facts.instance_control_area_size, facts.control_area_size, slots, &needed)) return;
-        basic.detach();
-    }
+    // The block is attached once, and its header is checked on that attachment: a second
+    // attachment only to read the header would double the cost of the unmap (tens of
+    // microseconds per call). The header is read once into locals; init() reads the sizes again
+    // and checks them against the same mapping.
+    void* block = nullptr;
+    size_t block_bytes = 0;
     if (_cluster_type == CLUSTER_TYPE_INSTANCE) {
         J2SE::SharedMemory memory = J2SE::ControlAreaFile::attach_shared_memory(
             info._id, J2SE::SharedMemory::SHARED_MEMORY_KEY_CONTROLS, nullptr, nullptr);
-        if (memory.get_map_address() != nullptr && memory.get_map_size() != 0 && memory.get_map_size() >= needed) {
-            _shared_memory.take_over(memory);
-            _attached_area = _shared_memory.get_map_address();
-            _mapped_len = _shared_memory.get_map_size();
-        } else {
+        if (memory.get_map_address() == nullptr || memory.get_map_size() == 0) {
             memory.detach();
+            return;
         }
+        _shared_memory.take_over(memory);
+        block = _shared_memory.get_map_address();
+        block_bytes = _shared_memory.get_map_size();
     } else if (_cluster_type == CLUSTER_TYPE_PROCESS) {
         J2SE::SharedFile file = J2SE::ControlAreaFile::attach_control_area(info._id, nullptr);
         // Only the bytes behind the file's lead-in belong to the block, so they are what must
-        // hold the promised bytes.
-        size_t block_bytes = file.get_map_size() > file.get_map_offset() ? file.get_map_size() - file.get_map_offset() : 0;
-        if (file.is_attached() && block_bytes >= needed) {
-            _shared_file = file;  // the copy takes the mapping over
-            _attached_area = static_cast<char*>(_shared_file.get_map_address()) + _shared_file.get_map_offset();
-            _mapped_len = block_bytes;
-        } else {
+        // hold the header and the promised bytes.
+        if (!file.is_attached() || file.get_map_size() <= file.get_map_offset()) {
             file.detach();
+            return;
         }
+        _shared_file = file;  // the copy takes the mapping over
+        block = static_cast<char*>(_shared_file.get_map_address()) + _shared_file.get_map_offset();
+        block_bytes = _shared_file.get_map_size() - _shared_file.get_map_offset();
+    } else {
+        return;
     }
-    if (_attached_area == nullptr) return;
+    // Accepted (eyecatcher, major version, whole header mapped, slot count of the type) and
+    // large enough for every slot the header promises; else the attachment is refused whole.
+    BasicHeaderFacts_CL facts;
+    size_t needed = 0;
+    if (!BasicInstanceControlArea_CL::accept_header(block, block_bytes, _cluster_type, &facts) ||
+        !promised_bytes(facts.instance_control_area_size, facts.control_area_size, facts.max_vm_nr, &needed) ||
+        block_bytes < needed) {
+        _shared_memory.detach();
+        _shared_file.detach();
+        return;
+    }
+    _attached_area = block;
+    _mapped_len = block_bytes;
     _attached = true;
-    if (!init(width, slots, true)) detach();
+    if (!init(facts.arch_type, facts.max_vm_nr, true)) detach();
 }
 
 ControlAreaManager_CL::ControlAreaManager_CL(void* control_area, int len, ClusterType_CL type)
@@ -214,6 +224,62 @@ void ControlAreaManager_CL::detach() {
 
 namespace {
 
+// Instance-cluster ids are 0 to 98; 99 and above are never instance clusters.
+const int INSTANCE_CLUSTER_IDS = 99;
+
+// Marks in `present` the ids whose control-block key is the first field of one line of the
+// listing of /proc/sysvipc/shm (a title line, then one line per segment of this IPC namespace).
+// False when the listing cannot be read or has a line of an unexpected shape; `present` is then
+// not to be used. The text is parsed with strtol and range checks only.
+bool mark_line(const char* line, const char* end, bool* present) {
+    const char* p = line;
+    while (p < end && (*p == ' ' || *p == '\t')) p++;
+    if (p == end || (*p != '-' && (*p < '0' || *p > '9'))) return false;
+    // The field ends at a blank inside the line, so strtol stops before `end`.
+    errno = 0;
+    char* after = nullptr;
+    long key = strtol(p, &after, 10);
+    if (errno != 0 || after == p || after >= end || (*after != ' ' && *after != '\t')) return false;
+    if (key < INT_MIN || key > INT_MAX) return false;
+    for (int id = 0; id < INSTANCE_CLUSTER_IDS; id++) {
+        if (J2SE::unix_get_shared_memory_key(id, J2SE::SharedMemory::SHARED_MEMORY_KEY_CONTROLS) == key) {
+            present[id] = true;
+        }
+    }
+    return true;
+}
+
+bool existing_instance_keys(bool* present) {
+    for (int id = 0; id < INSTANCE_CLUSTER_IDS; id++) present[id] = false;
+    int fd = open("/proc/sysvipc/shm", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    char buffer[4096];
+    size_t held = 0;
+    bool title_seen = false;
+    bool ok = true;
+    while (ok) {
+        ssize_t got = read(fd, buffer + held, sizeof buffer - held);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) ok = false;
+        if (got <= 0) break;
+        held += static_cast<size_t>(got);
+        size_t start = 0;
+        for (size_t i = 0; i < held && ok; i++) {
+            if (buffer[i] != '\n') continue;
+            if (title_seen) ok = mark_line(buffer + start, buffer + i, present);
+            title_seen = true;
+            start = i + 1;
+        }
+        // A line longer than the whole buffer is not a line of this listing.
+        if (start == 0 && held == sizeof buffer) ok = false;
+        memmove(buffer, buffer + start, held - start);
+        held -= start;
+    }
+    close(fd);
+    // The listing ends with a newline and always has its title line.
+    return ok && held == 0 && title_seen;
+}
+
 void add_running_instance_cluster(int id, J2SE::cvector<ClusterInfo_CL>& out) {
     ControlAreaManager_CL manager(ClusterInfo_CL(false, -1, CLUSTER_TYPE_INSTANCE, id));
     if (!manager.is_valid()) return;
@@ -232,25 +298,32 @@ void add_running_instance_cluster(int id, J2SE::cvector<ClusterInfo_CL>& out) {
     out.push_back(ClusterInfo_CL(instance->is_compatible(), version, CLUSTER_TYPE_INSTANCE, id));
 }
 
+// The header of a process cluster is read with one pread instead of a mapping of the whole
+// file: the same file is opened and checked as attach_control_area does, and the same bytes
+// (those behind the lead-in, as many as the file had when it was checked) are looked at.
 void add_process_cluster(int pid, J2SE::cvector<ClusterInfo_CL>& out) {
-    J2SE::SharedFile file = J2SE::ControlAreaFile::attach_control_area(pid, nullptr);
-    if (!file.is_attached()) return;
+    BasicInstanceControlAreaLayout_CL<Bit64> header;
+    size_t available = 0;
+    if (!J2SE::ControlAreaFile::read_control_area_header(pid, &header, sizeof header, &available)) return;
     // A file too short to hold the header's first fields reads as a wrong eyecatcher.
-    size_t available = file.get_map_size() > file.get_map_offset() ? file.get_map_size() - file.get_map_offset() : 0;
-    BasicHeaderFacts_CL facts = BasicInstanceControlArea_CL::read_facts(
-        static_cast<char*>(file.get_map_address()) + file.get_map_offset(), available);
+    BasicHeaderFacts_CL facts = BasicInstanceControlArea_CL::read_facts(&header, available);
     bool eyecatcher_ok = facts.eyecatcher == INSTANCE_CONTROL_AREA_EYECATCHER;
     bool attachable = eyecatcher_ok && VersionWord_CL::major(facts.version) == CONTROL_AREA_MAJOR_VERSION;
     out.push_back(ClusterInfo_CL(attachable, eyecatcher_ok ? static_cast<int>(facts.version) : -1,
                                  CLUSTER_TYPE_PROCESS, pid));
-    file.detach();
 }
 
 }  // namespace
 
 void Controls::get_running_clusters(J2SE::cvector<ClusterInfo_CL>& out) {
-    // Ids 0 to 98 only: 99 and above are never instance clusters.
-    for (int id = 0; id < 99; id++) add_running_instance_cluster(id, out);
+    // Probing a key that does not exist costs about a microsecond, 99 of them a tenth of a
+    // millisecond; one read of the host's segment list tells which keys exist. A key absent
+    // there would fail the probe too. Without the list every id is probed.
+    bool present[INSTANCE_CLUSTER_IDS];
+    bool listed = existing_instance_keys(present);
+    for (int id = 0; id < INSTANCE_CLUSTER_IDS; id++) {
+        if (!listed || present[id]) add_running_instance_cluster(id, out);
+    }
 
     J2SE::cvector<J2SE::SharedFile> files(8);
     J2SE::StdStaleSharedFileHandler handler;
