@@ -12,6 +12,9 @@
 #include <cstring>
 #include <jni.h>
 
+#include <atomic>
+#include <pthread.h>
+
 namespace J2SE {
 
 namespace {
@@ -28,7 +31,11 @@ jfieldID socketIdentifier_field = nullptr;
 jclass fileSocketException_class = nullptr;
 jmethodID fileSocketException_constructor = nullptr;
 jclass socketTimeoutException_class = nullptr;
-bool initialized = false;
+// Set last, once every identity above is in place; read without the lock by every native.
+std::atomic<bool> initialized(false);
+// Serialises the first callers, so that the identities are looked up (and the class references
+// made global) once.
+pthread_mutex_t init_lock = PTHREAD_MUTEX_INITIALIZER;
 
 const int STACK_BUFFER_SIZE = 1024;
 
@@ -41,10 +48,10 @@ jclass global_class(JNIEnv* env, const char* name) {
 }
 
 // Looks everything up; on a failure a Java exception (NoSuchFieldError, ...) is pending and
-// `initialized` stays false.
-void cache_identities(JNIEnv* env, jclass cls) {
-    if (initialized) return;
+// `initialized` stays false. Called with init_lock held.
+void cache_identities_locked(JNIEnv* env, jclass cls) {
     if (impl_class == nullptr) impl_class = static_cast<jclass>(env->NewGlobalRef(cls));
+    if (impl_class == nullptr) return;
     fileSocket_pd_field = env->GetFieldID(cls, "fileSocket_pd", "J");
     if (fileSocket_pd_field == nullptr) return;
     restrictAccess_field = env->GetFieldID(cls, "restrictAccess", "Z");
@@ -71,7 +78,14 @@ void cache_identities(JNIEnv* env, jclass cls) {
         socketTimeoutException_class = global_class(env, "java/net/SocketTimeoutException");
         if (socketTimeoutException_class == nullptr) return;
     }
-    initialized = true;
+    initialized.store(true);
+}
+
+void cache_identities(JNIEnv* env, jclass cls) {
+    if (initialized.load()) return;
+    pthread_mutex_lock(&init_lock);
+    if (!initialized.load()) cache_identities_locked(env, cls);
+    pthread_mutex_unlock(&init_lock);
 }
 
 void throw_new(JNIEnv* env, const char* class_name, const char* message) {
@@ -193,11 +207,11 @@ using J2SE::JavaExceptionHandler;
 namespace {
 
 bool ensure_initialized(JNIEnv* env, jobject self) {
-    if (J2SE::initialized) return true;
+    if (J2SE::initialized.load()) return true;
     jclass cls = env->GetObjectClass(self);
     J2SE::cache_identities(env, cls);
     env->DeleteLocalRef(cls);
-    return J2SE::initialized;
+    return J2SE::initialized.load();
 }
 
 // The native socket of `self`; null (with a FileSocketException pending) when there is none.

@@ -176,13 +176,17 @@ public:
     static void destroy(FileSocket* socket);
 
     int socket_fd() const { return __atomic_load_n(&_socket_fd, __ATOMIC_ACQUIRE); }
-    const cstring& socket_identifier() const { return _socket_identifier; }
+    // A copy of the identifier, taken under the registry's lock: threads woken by a close read
+    // it for their reports while the closing thread clears it.
+    cstring socket_identifier() const;
     bool is_bound() const { return _is_bound; }
     bool has_blocking_data() const { return _blocking_IO_data != nullptr; }
 
 private:
     void create_descriptor(ExceptionHandler& handler);
     void set_socket_fd(int fd) { __atomic_store_n(&_socket_fd, fd, __ATOMIC_RELEASE); }
+    // Replaces the identifier under the registry's lock (the empty string clears it).
+    void set_socket_identifier(const cstring& identifier);
     void timed_connect(int fd, const cstring& path, const void* address, int timeout_ms,
                        ExceptionHandler& handler);
     // Blocking connect attempts, each bounded by a short SO_SNDTIMEO slice so that a close can

@@ -72,8 +72,8 @@ void ExceptionHandler::fill(const cstring& identifier, const char* message, int 
 }
 
 void ExceptionHandler::fill(const FileSocket* socket, const char* message, int error) {
-    static const cstring no_identifier;
-    fill(socket != nullptr ? socket->socket_identifier() : no_identifier, message, error);
+    cstring identifier = socket != nullptr ? socket->socket_identifier() : cstring();
+    fill(identifier, message, error);
 }
 
 void ExceptionHandler::throw_FileSocketException(const FileSocket* socket, const char* message) {
@@ -212,8 +212,10 @@ void FileSocket::bind(const cstring& path, int backlog, bool restrictAccess, Exc
         handler.throw_FileSocketException(this, "FileSocket was not created successfully (has no socket endpoint)");
         return;
     }
-    // An empty path would make Linux choose an abstract name.
-    if (path.is_empty()) {
+    // An empty path would make Linux choose an abstract name. A path too long for the socket
+    // address would be bound under a shortened name while the stale-socket removal, the chmod
+    // and the removal at close act on the whole path, a different file: refuse both.
+    if (path.is_empty() || path.length() > sizeof(sockaddr_un::sun_path) - 1) {
         handler.throw_FileSocketException(this, "bind failed");
         return;
     }
@@ -230,7 +232,7 @@ void FileSocket::bind(const cstring& path, int backlog, bool restrictAccess, Exc
         return;
     }
     // Bound before listen, so that a close removes the file even when listen fails.
-    _socket_identifier = path;
+    set_socket_identifier(path);
     _is_bound = true;
     if (::listen(fd, backlog == 0 ? LARGEST_BACKLOG : backlog) != 0) {
         handler.throw_FileSocketException(this, "listen failed");
@@ -243,7 +245,7 @@ void FileSocket::bind(const cstring& path, int backlog, bool restrictAccess, Exc
 
 FileSocket* FileSocket::accept(int /*backlog*/, bool /*restrictAccess*/, ExceptionHandler& handler) {
     // The backlog and the access restriction were applied by bind.
-    if (!_is_bound || _socket_identifier.is_empty()) {
+    if (!_is_bound || socket_identifier().is_empty()) {
         handler.throw_FileSocketException(this, "FileSocket::accept failed: file socket has no bound filename");
         return nullptr;
     }
@@ -266,7 +268,7 @@ FileSocket* FileSocket::accept(int /*backlog*/, bool /*restrictAccess*/, Excepti
             return nullptr;
         }
     }
-    FileSocket* connection = create(accepted, _socket_identifier, handler);
+    FileSocket* connection = create(accepted, socket_identifier(), handler);
     if (connection == nullptr) {
         ::close(accepted);
         return nullptr;
@@ -345,7 +347,7 @@ void FileSocket::connect(const cstring& path, int timeout_ms, ExceptionHandler& 
         return;
     }
     if (connect_in_slices(fd, &address, 0, false) == 0) {
-        _socket_identifier = path;
+        set_socket_identifier(path);
     } else {
         handler.throw_FileSocketException(this, nullptr);
     }
@@ -370,7 +372,7 @@ void FileSocket::timed_connect(int fd, const cstring& path, const void* address,
         }
     }
     if (result == 0) {
-        _socket_identifier = path;
+        set_socket_identifier(path);
         return;
     }
     if (refused) {
@@ -382,7 +384,7 @@ void FileSocket::timed_connect(int fd, const cstring& path, const void* address,
         return;
     }
     if (connect_in_slices(fd, address, deadline, true) == 0) {
-        _socket_identifier = path;
+        set_socket_identifier(path);
     } else if (errno == EAGAIN) {
         handler.throw_SocketTimeoutException(this, "Connect timed out");
     } else {
@@ -495,7 +497,7 @@ void FileSocket::closef(ExceptionHandler& handler) {
     int fd = socket_fd();
     if (fd == -1) {
         _is_bound = false;
-        _socket_identifier.clear();
+        set_socket_identifier(cstring());
         return;
     }
     int shutdown_error = 0;
@@ -504,9 +506,28 @@ void FileSocket::closef(ExceptionHandler& handler) {
     if (shutdown_error != 0) handler.throw_FileSocketException(this, shutdown_error);
     if (result != 0) handler.throw_FileSocketException(this, close_error);
     set_socket_fd(-1);
-    if (_is_bound && !_socket_identifier.is_empty()) unlink(_socket_identifier.c_str());
+    cstring identifier = socket_identifier();
+    if (_is_bound && !identifier.is_empty()) unlink(identifier.c_str());
     _is_bound = false;
-    _socket_identifier.clear();
+    set_socket_identifier(cstring());
+}
+
+cstring FileSocket::socket_identifier() const {
+    if (_blocking_IO_data == nullptr) return _socket_identifier;
+    pthread_mutex_lock(&_blocking_IO_data->_lock);
+    cstring copy(_socket_identifier);
+    pthread_mutex_unlock(&_blocking_IO_data->_lock);
+    return copy;
+}
+
+void FileSocket::set_socket_identifier(const cstring& identifier) {
+    if (_blocking_IO_data == nullptr) {
+        _socket_identifier = identifier;
+        return;
+    }
+    pthread_mutex_lock(&_blocking_IO_data->_lock);
+    _socket_identifier = identifier;
+    pthread_mutex_unlock(&_blocking_IO_data->_lock);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -518,7 +539,13 @@ cstring FileSocket::create_identifier(const cstring& name) {
     snprintf(buffer, sizeof buffer, "%s", FileSocketHelperUnix::TMP_DIR_PREFIX);
     size_t prefix = strlen(FileSocketHelperUnix::TMP_DIR_PREFIX);
     size_t room = sizeof buffer - 1 - prefix;
-    strncat(buffer, name.c_str(), name.length() < room ? name.length() : room);
+    size_t kept = name.length() < room ? name.length() : room;
+    // A cut inside a multi-byte character would hand Java an invalid UTF-8 text: cut before
+    // the character instead.
+    if (kept < name.length()) {
+        while (kept > 0 && (static_cast<unsigned char>(name.c_str()[kept]) & 0xC0) == 0x80) kept--;
+    }
+    strncat(buffer, name.c_str(), kept);
     buffer[sizeof buffer - 1] = '\0';
     return cstring(buffer);
 }

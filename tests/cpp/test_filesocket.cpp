@@ -196,19 +196,35 @@ TEST(FileSocket, BindAndAcceptTextsAndTheSocketFile) {
     EXPECT_FALSE(ok.has_thrown()) << ok.message().c_str();
 }
 
-TEST(FileSocket, LongPathsAreCutInTheAddressButNotInTheIdentifier) {
+TEST(FileSocket, PathsTooLongForTheAddressAreNotBound) {
     noxtest::ScopedDir dir;
     std::string whole = dir.file(std::string(120 - dir.path().size(), 'p'));
     ASSERT_GT(whole.size(), 107u);
+    // A file of the user that happens to sit at the whole path must survive: a bind under the
+    // cut name would have removed or changed it at close.
+    ASSERT_TRUE(noxtest::write_file(whole, 5));
     ExceptionHandler handler;
     FileSocket server(handler);
     server.bind(whole.c_str(), 0, true, handler);
-    // The file was created under the cut name, so the chmod of the whole path fails; the
-    // socket still listens.
-    EXPECT_STREQ(handler.message(), "chmod failed");
-    EXPECT_TRUE(server.is_bound());
-    EXPECT_STREQ(server.socket_identifier(), whole.c_str());
-    EXPECT_TRUE(exists(whole.substr(0, 107)));
+    EXPECT_STREQ(handler.message(), "bind failed");
+    EXPECT_FALSE(server.is_bound());
+    EXPECT_FALSE(exists(whole.substr(0, 107)));
+    server.closef(handler);
+    struct stat st;
+    ASSERT_EQ(stat(whole.c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 5);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+    // The longest path that fits is bound as it is.
+    std::string longest = dir.file(std::string(107 - dir.path().size() - 1, 'q'));
+    ASSERT_EQ(longest.size(), 107u);
+    ExceptionHandler fits;
+    FileSocket other(fits);
+    other.bind(longest.c_str(), 0, true, fits);
+    EXPECT_FALSE(fits.has_thrown()) << fits.message().c_str();
+    EXPECT_TRUE(exists(longest));
+    other.closef(fits);
+    EXPECT_FALSE(exists(longest));
 }
 
 TEST(FileSocket, ConnectTexts) {
