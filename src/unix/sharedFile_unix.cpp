@@ -241,6 +241,13 @@ static cstring directory_of(const cstring& path_pattern) {
     return cstring(text, slash);
 }
 
+// The owner of a running process, from its /proc folder; false when there is no such process.
+static bool stat_process(int pid, struct stat* st) {
+    char path[32];
+    snprintf(path, sizeof path, "/proc/%d", pid);
+    return stat(path, st) == 0;
+}
+
 // Applies the rule "newest file per pid" to a new `path` whose pid is already listed. Only files
 // of one owner are compared, and a file is deleted only when the calling user owns it.
 // Returns true when the new path was dealt with (listed in place of the old or dropped), false
@@ -251,7 +258,7 @@ static bool resolve_duplicate(cvector<SharedFile>& files, const char* path, int 
         const cstring& listed_name = files[i].get_file_name();
         if (strcmp(listed_name.c_str(), path) == 0) return true;
         struct stat listed;
-        if (stat(listed_name.c_str(), &listed) != 0) return true;  // leave both files alone
+        if (lstat(listed_name.c_str(), &listed) != 0) return true;  // leave both files alone
         if (listed.st_uid != st.st_uid) continue;
 
         bool ours = st.st_uid == geteuid();
@@ -313,6 +320,11 @@ void* SharedFile::get_shared_files(cvector<SharedFile>& files, const cstring& pa
         } else if (!S_ISSOCK(st.st_mode)) {
             continue;  // directories, links, pipes and devices are never a VM's file
         }
+
+        // A file is a process's file only when the process's owner owns it: a file that another
+        // user planted under a VM's pid is neither listed nor ever taken for the VM's own.
+        struct stat process;
+        if (stat_process(pid, &process) && process.st_uid != st.st_uid) continue;
 
         cstring file_name(path);
         if (handler.is_stale(file_name, pid)) {
