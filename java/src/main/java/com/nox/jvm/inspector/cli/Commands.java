@@ -1,0 +1,401 @@
+package com.nox.jvm.inspector.cli;
+
+import com.nox.jvm.inspector.cluster.ClusterEntry;
+import com.nox.jvm.inspector.cluster.ClusterType;
+import com.nox.jvm.inspector.cluster.DebuggingState;
+import com.nox.jvm.inspector.cluster.VmDebugInfo;
+import com.nox.jvm.inspector.cluster.VmInspector;
+import com.nox.jvm.inspector.cluster.VmInspector.Vm;
+import com.nox.jvm.inspector.cluster.VmMemoryInfo;
+import com.nox.jvm.inspector.cluster.VmNotFoundException;
+import com.nox.jvm.inspector.cluster.VmRef;
+import com.nox.jvm.inspector.cluster.VmStartInfo;
+import com.nox.jvm.inspector.cluster.VmTimeInfo;
+import com.nox.jvm.inspector.natives.InspectorNatives;
+import com.nox.jvm.inspector.natives.MonitoringBoard;
+
+import java.io.PrintStream;
+import java.lang.reflect.InvocationTargetException;
+import java.lang.reflect.RecordComponent;
+import java.nio.ByteBuffer;
+import java.util.ArrayList;
+import java.util.Comparator;
+import java.util.List;
+import java.util.Locale;
+import java.util.Optional;
+
+/** The commands of the inspector, each writing either text or JSON to {@code out}. */
+final class Commands {
+    /** Bytes of each monitoring board shown by {@code boards}. */
+    static final int BOARD_PREFIX = 16;
+
+    private final PrintStream out;
+    private final boolean json;
+    private final VmInspector inspector = new VmInspector();
+
+    Commands(PrintStream out, boolean json) {
+        this.out = out;
+        this.json = json;
+    }
+
+    // ---------------------------------------------------------------- list
+
+    /** What {@code list} shows of one VM; records the VM no longer publishes are empty. */
+    private record Row(Vm vm, Optional<VmStartInfo> start, Optional<VmDebugInfo> debug, long startedAt) {
+    }
+
+    void list() {
+        long now = System.currentTimeMillis() / 1000;
+        List<ClusterEntry> clusters = inspector.clusters();
+        List<Row> rows = new ArrayList<>();
+        List<Integer> liveCounts = new ArrayList<>();
+        for (ClusterEntry cluster : clusters) {
+            List<Vm> vms = inspector.vmsOf(cluster.type(), cluster.id());
+            liveCounts.add(vms.size());
+            for (Vm vm : vms) {
+                rows.add(new Row(vm, inspector.startInfo(vm.ref()), inspector.debugInfo(vm.ref()),
+                        InspectorNatives.getCreationTimeOfProcess0(vm.pid())));
+            }
+        }
+        if (json) {
+            Json j = new Json().beginObject().name("clusters").beginArray();
+            for (int i = 0; i < clusters.size(); i++) {
+                ClusterEntry c = clusters.get(i);
+                j.beginObject().name("cluster").value(clusterName(c.type(), c.typeCode(), c.id()))
+                        .name("type").value(typeName(c.type(), c.typeCode())).name("typeCode").value(c.typeCode())
+                        .name("id").value(c.id()).name("attachable").value(c.attachable())
+                        .name("liveVms").value(liveCounts.get(i)).endObject();
+            }
+            j.endArray().name("vms").beginArray();
+            for (Row row : rows) {
+                j.beginObject();
+                vmMembers(j, row.vm(), row.startedAt(), now);
+                j.name("version").value(row.start().map(VmStartInfo::vmVersion).orElse(null))
+                        .name("mainClass").value(row.start().map(VmStartInfo::mainClass).orElse(null))
+                        .name("debuggingState").value(row.debug().map(d -> d.state().name()).orElse(null));
+                j.endObject();
+            }
+            out.print(j.endArray().endObject());
+            return;
+        }
+        Table table = new Table("CLUSTER", ">SLOT", ">PID", ">VM-ID", "VERSION", "MAIN-CLASS", "DEBUGGING", ">UPTIME");
+        for (Row row : rows) {
+            Vm vm = row.vm();
+            table.add(clusterName(vm.ref()), vm.ref().slot(), vm.pid(), vm.vmId(),
+                    row.start().map(s -> orDash(s.vmVersion())).orElse("-"),
+                    row.start().map(s -> orDash(s.mainClass())).orElse("-"),
+                    row.debug().map(d -> stateName(d.state(), d.stateCode())).orElse("-"),
+                    row.startedAt() > 0 ? Human.duration(now - row.startedAt()) : "-");
+        }
+        if (table.isEmpty()) {
+            out.println("No Java VMs on this host publish a control area.");
+        } else {
+            out.print(table);
+        }
+    }
+
+    // ---------------------------------------------------------------- info
+
+    void info(Target target) {
+        Vm vm = resolve(target);
+        VmRef ref = vm.ref();
+        // The start record is read first: if it is gone, the VM ended after it was found.
+        VmStartInfo start = inspector.startInfo(ref).orElseThrow(() -> gone(vm));
+        Optional<VmTimeInfo> time = inspector.timeInfo(ref);
+        Optional<VmMemoryInfo> memory = inspector.memoryInfo(ref);
+        Optional<VmDebugInfo> debug = inspector.debugInfo(ref);
+        long startedAt = InspectorNatives.getCreationTimeOfProcess0(vm.pid());
+        long now = System.currentTimeMillis() / 1000;
+        if (json) {
+            Json j = new Json().beginObject().name("vm").beginObject();
+            vmMembers(j, vm, startedAt, now);
+            j.endObject();
+            j.name("start");
+            recordJson(j, start);
+            j.name("time");
+            recordJson(j, time.orElse(null));
+            j.name("memory");
+            recordJson(j, memory.orElse(null));
+            j.name("debugging");
+            recordJson(j, debug.orElse(null));
+            out.print(j.endObject());
+            return;
+        }
+        out.println("VM pid " + vm.pid() + ", VM id " + vm.vmId() + ", " + ref + " (" + clusterName(ref) + ":"
+                + ref.slot() + ")");
+        Section s = new Section();
+        s.line("process started", startedAt > 0
+                ? Human.duration(now - startedAt) + " ago (" + java.time.Instant.ofEpochSecond(startedAt) + ")"
+                : "unknown");
+        s.print("");
+        s = new Section();
+        s.line("version", orDash(start.vmVersion()));
+        s.line("working directory", orDash(start.workingDirectory()));
+        s.line("VM flags", orDash(start.vmFlags()));
+        s.line("VM arguments", orDash(start.vmArguments()));
+        s.line("Java arguments", orDash(start.javaArguments()));
+        s.line("splittable Java arguments", orDash(start.splittableJavaArguments()));
+        s.line("tag", orDash(start.vmTag()));
+        s.line("main class", orDash(start.mainClass()));
+        s.line("monitoring board", yesNo(start.runsWithMonitoringBoard()));
+        s.line("metaspace", yesNo(start.hasMetaspace()));
+        s.print("Start");
+        s = new Section();
+        if (time.isEmpty()) {
+            s.line("(not available: the VM has gone)", "");
+        } else if (!time.get().available()) {
+            s.line("(the VM publishes no process times)", "");
+        } else {
+            VmTimeInfo t = time.get();
+            s.line("total (system + user)", t.totalTime());
+            s.line("system", t.systemTime());
+            s.line("user", t.userTime());
+            s.line("processing", t.processingTime());
+        }
+        s.print("Time (CPU time, in the VM's own unit)");
+        s = new Section();
+        if (memory.isEmpty()) {
+            s.line("(not available: the VM has gone)", "");
+        } else {
+            VmMemoryInfo m = memory.get();
+            s.line("committed total", Human.bytes(m.committedTotal()));
+            s.line("  Java heap", Human.bytes(m.committedJavaHeap()));
+            s.line("  class pool", Human.bytes(m.committedClassPool()));
+            s.line("  code cache", Human.bytes(m.committedCodeCache()));
+            s.line("max old generation", Human.bytes(m.maxOldGenSize()));
+            s.line("max permanent generation", Human.bytes(m.maxPermGenSize()));
+            s.line("old gen. after last GC", Human.bytes(m.oldGenUsageAfterGc()));
+            s.line("perm. gen. after last GC", Human.bytes(m.permGenUsageAfterGc()));
+            s.line("GCs (full)", m.numberOfGcs() + " (" + m.numberOfFullGcs() + ")");
+            s.line("GC durations", "all " + m.durationOfGcs() + ", full " + m.durationOfFullGcs() + ", concurrent "
+                    + m.durationOfConcurrentGcs() + " (VM's unit)");
+            s.line("GC work time", "all " + m.workTimeOfGcs() + ", full " + m.workTimeOfFullGcs() + " (VM's unit)");
+            s.line("memory shortages", "Java heap " + m.javaHeapMemoryShortages() + ", perm. gen. "
+                    + m.permGenMemoryShortages());
+            s.line("GC spinning", "Java heap " + m.gcSpinningDueToJavaHeap() + ", perm. gen. "
+                    + m.gcSpinningDueToPermGen());
+            s.line("OutOfMemoryErrors", m.outOfMemoryErrorCount());
+            s.line("cluster shared pool", Human.bytes(m.sharedPoolSize()));
+            s.line("cluster global memory", Human.bytes(m.globalMemory()));
+            s.line("cluster allocated", Human.bytes(m.globalAllocatedMemory()));
+            s.line("cluster peak", Human.bytes(m.globalMemoryPeak()));
+        }
+        s.print("Memory");
+        s = new Section();
+        if (debug.isEmpty()) {
+            s.line("(not available: the VM has gone)", "");
+        } else {
+            VmDebugInfo d = debug.get();
+            s.line("state", stateName(d.state(), d.stateCode()));
+            s.line("on demand", yesNo(d.canDebugOnDemand()));
+            s.line("port range", d.fromPort() == -1 && d.toPort() == -1 ? "-" : d.fromPort() + "-" + d.toPort());
+            s.line("current port", d.currentDebugPort() == -1 ? "-" : Integer.toString(d.currentDebugPort()));
+            s.line("client", orDash(d.debuggingClient()));
+            s.line("locally", yesNo(d.debuggingLocally()));
+        }
+        s.print("Debugging");
+    }
+
+    /** Label-value lines under a heading, the values lined up. */
+    private final class Section {
+        private final List<String[]> lines = new ArrayList<>();
+
+        void line(String label, Object value) {
+            lines.add(new String[] {label, Human.printable(String.valueOf(value))});
+        }
+
+        void print(String heading) {
+            if (!heading.isEmpty()) {
+                out.println();
+                out.println(heading);
+            }
+            int width = lines.stream().mapToInt(l -> l[0].length()).max().orElse(0);
+            for (String[] l : lines) {
+                out.println(("  " + l[0] + " ".repeat(width - l[0].length()) + "  " + l[1]).stripTrailing());
+            }
+        }
+    }
+
+    // ---------------------------------------------------------------- requests
+
+    void startDebugging(Target target, int suspend) {
+        Vm vm = resolve(target);
+        long startedAt = InspectorNatives.getCreationTimeOfProcess0(vm.pid());
+        try {
+            inspector.startDebugging(vm.ref(), suspend);
+        } catch (VmNotFoundException e) {
+            throw gone(vm);
+        }
+        reportRequest(vm, startedAt, "start-debugging", "suspend", suspend,
+                "asked to start debugging (suspend policy " + suspend + ")");
+    }
+
+    void stopDebugging(Target target) {
+        Vm vm = resolve(target);
+        long startedAt = InspectorNatives.getCreationTimeOfProcess0(vm.pid());
+        try {
+            inspector.stopDebugging(vm.ref());
+        } catch (VmNotFoundException e) {
+            throw gone(vm);
+        }
+        reportRequest(vm, startedAt, "stop-debugging", null, 0, "asked to stop debugging");
+    }
+
+    void exit(Target target, int code) {
+        Vm vm = resolve(target);
+        long startedAt = InspectorNatives.getCreationTimeOfProcess0(vm.pid());
+        try {
+            inspector.exit(vm.ref(), code);
+        } catch (VmNotFoundException e) {
+            throw gone(vm);
+        }
+        reportRequest(vm, startedAt, "exit", "code", code, "asked to exit with code " + code);
+    }
+
+    /** {@code startedAt} is read before the request: a VM asked to exit may be gone by now. */
+    private void reportRequest(Vm vm, long startedAt, String request, String argName, int argValue, String text) {
+        if (json) {
+            Json j = new Json().beginObject().name("request").value(request);
+            if (argName != null) {
+                j.name(argName).value(argValue);
+            }
+            j.name("raised").value(true).name("vm").beginObject();
+            vmMembers(j, vm, startedAt, System.currentTimeMillis() / 1000);
+            out.print(j.endObject().endObject());
+        } else {
+            out.println("VM pid " + vm.pid() + " (" + clusterName(vm.ref()) + ":" + vm.ref().slot() + ") " + text
+                    + "; the VM acts on the request in its own time.");
+        }
+    }
+
+    // ---------------------------------------------------------------- boards
+
+    void boards() {
+        InspectorNatives.initLocalMonitorBoards0(MonitoringBoard.class);
+        Object[] found = InspectorNatives.getListOfVisibleMonitorBoards0();
+        List<MonitoringBoard> boards = new ArrayList<>();
+        if (found != null) {
+            for (Object o : found) {
+                if (o instanceof MonitoringBoard board) {
+                    boards.add(board);
+                }
+            }
+        }
+        boards.sort(Comparator.comparingInt(MonitoringBoard::pid));
+        if (json) {
+            Json j = new Json().beginObject().name("boards").beginArray();
+            for (MonitoringBoard b : boards) {
+                j.beginObject().name("pid").value(b.pid()).name("size").value(b.size())
+                        .name("firstBytes").value(Human.hex(prefix(b), BOARD_PREFIX)).endObject();
+            }
+            out.print(j.endArray().endObject());
+            return;
+        }
+        Table table = new Table(">PID", ">SIZE", "FIRST BYTES");
+        for (MonitoringBoard b : boards) {
+            table.add(b.pid(), Human.bytes(b.size()), Human.hex(prefix(b), BOARD_PREFIX));
+        }
+        if (table.isEmpty()) {
+            out.println("No monitoring boards are visible on this host.");
+        } else {
+            out.print(table);
+        }
+    }
+
+    private static byte[] prefix(MonitoringBoard board) {
+        ByteBuffer buffer = board.buffer();
+        byte[] bytes = new byte[Math.min(BOARD_PREFIX, buffer.remaining())];
+        buffer.get(bytes);
+        return bytes;
+    }
+
+    // ---------------------------------------------------------------- helpers
+
+    /** The live VM the user named, or a refusal naming what was not found. */
+    private Vm resolve(Target target) {
+        if (target.pid() != null) {
+            int pid = target.pid();
+            return inspector.byPid(pid).orElseThrow(() -> CliError.refused("no live VM with pid " + pid
+                    + (InspectorNatives.isProcessAlive0(pid) == 0 ? " (no such process)"
+                    : " (the process publishes no control area)")));
+        }
+        VmRef ref = target.ref();
+        return inspector.vmsOf(ref.type(), ref.clusterId()).stream().filter(vm -> vm.ref().slot() == ref.slot())
+                .findFirst().orElseThrow(() -> CliError.refused("no live VM in " + ref));
+    }
+
+    private static CliError gone(Vm vm) {
+        return CliError.refused("VM pid " + vm.pid() + " (" + vm.ref() + ") has gone");
+    }
+
+    private static void vmMembers(Json j, Vm vm, long startedAt, long now) {
+        VmRef ref = vm.ref();
+        j.name("cluster").value(clusterName(ref)).name("clusterType").value(typeName(ref.type(), ref.type().code()))
+                .name("clusterId").value(ref.clusterId()).name("slot").value(ref.slot()).name("pid").value(vm.pid())
+                .name("vmId").value(vm.vmId());
+        if (startedAt > 0) {
+            j.name("startTime").value(startedAt).name("uptimeSeconds").value(Math.max(0, now - startedAt));
+        } else {
+            j.name("startTime").nullValue().name("uptimeSeconds").nullValue();
+        }
+    }
+
+    /**
+     * A record as a JSON object, one member per component under the component's name (null for
+     * no record). Enums are written by name, so the object follows the record classes as they are.
+     */
+    private static void recordJson(Json j, Record record) {
+        if (record == null) {
+            j.nullValue();
+            return;
+        }
+        j.beginObject();
+        for (RecordComponent component : record.getClass().getRecordComponents()) {
+            Object value;
+            try {
+                value = component.getAccessor().invoke(record);
+            } catch (IllegalAccessException | InvocationTargetException e) {
+                throw new IllegalStateException("cannot read " + component.getName(), e);
+            }
+            j.name(component.getName());
+            if (value == null) {
+                j.nullValue();
+            } else if (value instanceof Boolean b) {
+                j.value(b);
+            } else if (value instanceof Number n) {
+                j.value(n.longValue());
+            } else if (value instanceof Enum<?> e) {
+                j.value(e.name());
+            } else {
+                j.value(value.toString());
+            }
+        }
+        j.endObject();
+    }
+
+    static String clusterName(VmRef ref) {
+        return clusterName(ref.type(), ref.type().code(), ref.clusterId());
+    }
+
+    static String clusterName(ClusterType type, int code, int id) {
+        return typeName(type, code) + ":" + id;
+    }
+
+    static String typeName(ClusterType type, int code) {
+        return type == ClusterType.UNKNOWN ? "unknown(" + code + ")" : type.name().toLowerCase(Locale.ROOT);
+    }
+
+    /** {@code WAIT_FOR_DEBUGGER} as {@code wait-for-debugger}; an unknown code with its number. */
+    static String stateName(DebuggingState state, int code) {
+        return state == DebuggingState.UNKNOWN ? "unknown(" + code + ")"
+                : state.name().toLowerCase(Locale.ROOT).replace('_', '-');
+    }
+
+    private static String yesNo(boolean flag) {
+        return flag ? "yes" : "no";
+    }
+
+    private static String orDash(String text) {
+        return text == null || text.isEmpty() ? "-" : text;
+    }
+}

@@ -1,0 +1,168 @@
+package com.nox.jvm.inspector.cli;
+
+import com.nox.jvm.inspector.cluster.MalformedRecordException;
+import com.nox.jvm.inspector.natives.NativeLibrary;
+
+import java.io.FileDescriptor;
+import java.io.FileOutputStream;
+import java.io.PrintStream;
+import java.nio.charset.StandardCharsets;
+import java.util.ArrayList;
+import java.util.List;
+
+/**
+ * The command-line inspector: lists the Java VMs on this host, shows what one VM publishes,
+ * asks a VM to start or stop debugging or to exit, and lists the monitoring boards. Started by
+ * the launcher tools/noxinspect. Exit codes: 0 done, 1 no such VM or request refused, 2 wrong
+ * command line, 3 the inspector cannot work (native library not loadable, unreadable record).
+ */
+public final class Main {
+    static final String USAGE = """
+            usage: noxinspect [--json] COMMAND
+              list                          the Java VMs on this host
+              info VM                       start, time, memory and debugging records of one VM
+              debug start VM [--suspend N]  ask the VM to start debugging (suspend policy N, default 0)
+              debug stop VM                 ask the VM to stop debugging
+              exit VM CODE                  ask the VM to exit with CODE (0 to 255)
+              boards                        the monitoring boards visible on this host
+              help                          this text
+            VM is a pid, or type:id:slot with type process (1) or instance (2), e.g. instance:84:0.
+            --json writes the result as JSON on stdout; messages always go to stderr.
+            Exit codes: 0 done, 1 no such VM or request refused, 2 wrong command line,
+            3 the inspector cannot work here (native library missing, unreadable record).
+            """;
+
+    private Main() {
+    }
+
+    public static void main(String[] args) {
+        PrintStream out = new PrintStream(new FileOutputStream(FileDescriptor.out), false, StandardCharsets.UTF_8);
+        PrintStream err = new PrintStream(new FileOutputStream(FileDescriptor.err), true, StandardCharsets.UTF_8);
+        int code = run(args, out, err);
+        out.flush();
+        err.flush();
+        System.exit(code);
+    }
+
+    /** Runs one command line; returns the exit code. */
+    static int run(String[] args, PrintStream out, PrintStream err) {
+        boolean json = false;
+        boolean help = false;
+        List<String> words = new ArrayList<>();
+        for (String arg : args) {
+            switch (arg) {
+                case "--json" -> json = true;
+                case "-h", "--help" -> help = true;
+                default -> words.add(arg);
+            }
+        }
+        if (help || (!words.isEmpty() && words.get(0).equals("help"))) {
+            out.print(USAGE);
+            return 0;
+        }
+        try {
+            Runnable command = parse(words, json, out);
+            loadLibrary();
+            command.run();
+            return 0;
+        } catch (CliError e) {
+            err.println("noxinspect: " + e.getMessage());
+            if (e.exitCode() == CliError.USAGE) {
+                err.print(USAGE);
+            }
+            return e.exitCode();
+        } catch (MalformedRecordException e) {
+            err.println("noxinspect: a VM published a record the inspector cannot read: " + e.getMessage());
+            return CliError.BROKEN;
+        }
+    }
+
+    /** Checks the command line completely before anything is asked of a VM. */
+    private static Runnable parse(List<String> words, boolean json, PrintStream out) {
+        if (words.isEmpty()) {
+            throw CliError.usage("no command given");
+        }
+        String name = words.get(0);
+        List<String> rest = words.subList(1, words.size());
+        Commands commands = new Commands(out, json);
+        switch (name) {
+            case "list" -> {
+                expectCount(name, rest, 0);
+                return commands::list;
+            }
+            case "boards" -> {
+                expectCount(name, rest, 0);
+                return commands::boards;
+            }
+            case "info" -> {
+                expectCount(name, rest, 1);
+                Target target = Target.parse(rest.get(0));
+                return () -> commands.info(target);
+            }
+            case "exit" -> {
+                expectCount(name, rest, 2);
+                Target target = Target.parse(rest.get(0));
+                int code = Target.number(rest.get(1), "exit code");
+                if (code < 0 || code > 255) {
+                    throw CliError.usage("exit code must be 0 to 255, not " + code);
+                }
+                return () -> commands.exit(target, code);
+            }
+            case "debug" -> {
+                return parseDebug(rest, commands);
+            }
+            default -> throw CliError.usage("unknown command '" + name + "'");
+        }
+    }
+
+    private static Runnable parseDebug(List<String> rest, Commands commands) {
+        if (rest.isEmpty() || !(rest.get(0).equals("start") || rest.get(0).equals("stop"))) {
+            throw CliError.usage("debug needs start or stop");
+        }
+        boolean start = rest.get(0).equals("start");
+        Integer suspend = null;
+        List<String> positional = new ArrayList<>();
+        for (int i = 1; i < rest.size(); i++) {
+            String word = rest.get(i);
+            if (word.equals("--suspend")) {
+                if (!start) {
+                    throw CliError.usage("--suspend belongs to debug start");
+                }
+                if (suspend != null || i + 1 >= rest.size()) {
+                    throw CliError.usage("--suspend takes one number, once");
+                }
+                suspend = Target.number(rest.get(++i), "suspend policy");
+            } else if (word.startsWith("--")) {
+                throw CliError.usage("unknown option " + word);
+            } else {
+                positional.add(word);
+            }
+        }
+        expectCount("debug " + rest.get(0), positional, 1);
+        Target target = Target.parse(positional.get(0));
+        int policy = suspend == null ? 0 : suspend;
+        return start ? () -> commands.startDebugging(target, policy) : () -> commands.stopDebugging(target);
+    }
+
+    private static void expectCount(String command, List<String> args, int count) {
+        if (args.size() != count) {
+            String need = switch (count) {
+                case 0 -> "no arguments";
+                case 1 -> "one argument";
+                default -> count + " arguments";
+            };
+            throw CliError.usage(command + " takes " + need + ", got "
+                    + (args.isEmpty() ? "none" : String.join(" ", args)));
+        }
+    }
+
+    private static void loadLibrary() {
+        try {
+            NativeLibrary.load();
+        } catch (UnsatisfiedLinkError e) {
+            String path = System.getProperty("nox.inspector.library");
+            throw CliError.broken("cannot load the native library " + (path == null || path.isEmpty()
+                    ? "noxjvm_inspector from java.library.path" : path) + ": " + e.getMessage());
+        }
+    }
+}

@@ -1,0 +1,56 @@
+package com.nox.jvm.inspector.cli;
+
+import com.nox.jvm.inspector.cluster.ClusterType;
+import com.nox.jvm.inspector.cluster.VmRef;
+
+import java.util.Locale;
+
+/**
+ * How the user names a VM on the command line: by the pid of its process, or by its place as
+ * {@code type:id:slot}, where type is {@code process} (or 1) or {@code instance} (or 2).
+ * Exactly one of {@link #pid} and {@link #ref} is set.
+ */
+record Target(Integer pid, VmRef ref) {
+
+    static Target parse(String text) {
+        if (text.indexOf(':') < 0) {
+            int pid = number(text, "pid");
+            if (pid <= 0) {
+                throw CliError.usage("a pid is a positive number, not " + text);
+            }
+            return new Target(pid, null);
+        }
+        String[] parts = text.split(":", -1);
+        if (parts.length != 3) {
+            throw CliError.usage("expected type:id:slot, got " + text);
+        }
+        ClusterType type = switch (parts[0].toLowerCase(Locale.ROOT)) {
+            case "process", "1" -> ClusterType.PROCESS;
+            case "instance", "2" -> ClusterType.INSTANCE;
+            default -> throw CliError.usage("cluster type must be process, instance, 1 or 2, not " + parts[0]);
+        };
+        int id = number(parts[1], "cluster id");
+        int slot = number(parts[2], "slot");
+        if (slot < 0) {
+            throw CliError.usage("a slot is 0 or more, not " + slot);
+        }
+        return new Target(null, new VmRef(type, id, slot));
+    }
+
+    /** A decimal int, or a usage error naming what was expected. */
+    static int number(String text, String what) {
+        if (!text.matches("-?[0-9]{1,10}")) {
+            throw CliError.usage(what + " must be a number, not '" + text + "'");
+        }
+        long value = Long.parseLong(text);
+        if (value != (int) value) {
+            throw CliError.usage(what + " out of range: " + text);
+        }
+        return (int) value;
+    }
+
+    @Override
+    public String toString() {
+        return pid != null ? "pid " + pid : ref.toString();
+    }
+}

@@ -1,0 +1,341 @@
+package com.nox.jvm.inspector.cli;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertNotNull;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import java.time.Instant;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Map;
+
+import org.junit.jupiter.api.Test;
+
+/**
+ * tools/noxinspect run as a user runs it, against simulated VMs (vmsim): a process cluster and
+ * instance clusters 84 to 89. Other tests may run VMs at the same time, so only our own VMs'
+ * lines and entries are asserted on.
+ */
+class NoxinspectTest {
+
+    /** The whitespace-separated cells of the list line of the VM with this pid. */
+    private static String[] listLine(String out, long pid) {
+        for (String line : out.split("\n")) {
+            String[] cells = line.trim().split("\\s+");
+            if (cells.length >= 3 && cells[2].equals(Long.toString(pid))) {
+                return cells;
+            }
+        }
+        return null;
+    }
+
+    /** The index i for which {@code vms.i.pid} is this pid in a flattened list, or -1. */
+    private static int vmIndex(Map<String, String> flat, long pid) {
+        for (int i = 0; flat.containsKey("vms." + i + ".pid"); i++) {
+            if (flat.get("vms." + i + ".pid").equals(Long.toString(pid))) {
+                return i;
+            }
+        }
+        return -1;
+    }
+
+    private static String q(String text) {
+        return "\"" + text + "\"";
+    }
+
+    private static void assertNoStackTrace(Launcher.Result r) {
+        assertFalse(r.err().contains("Exception") || r.err().contains("\tat "), r.toString());
+    }
+
+    @Test
+    void listShowsProcessAndInstanceVmsWithTheirFields() throws Exception {
+        try (Vmsim proc = new Vmsim("--width", "32", "--set", "vm_version=17.0.9-proc",
+                "--set", "jar_main_class=cli.ProcessMain", "--set", "vm_id=4711");
+             Vmsim inst = new Vmsim("--type", "instance", "--id", "84", "--slots", "3", "--width", "64",
+                     "--set", "vm_version=17.0.9-inst", "--set", "1:jar_main_class=cli.SlotOne",
+                     "--set", "2:debugging_state=5")) {
+            Launcher.Result r = Launcher.run("list");
+            assertEquals(0, r.exitCode(), r.toString());
+            assertEquals("", r.err());
+            assertTrue(r.out().startsWith("CLUSTER"), r.out());
+            String header = r.out().lines().findFirst().orElseThrow();
+            assertEquals(List.of("CLUSTER", "SLOT", "PID", "VM-ID", "VERSION", "MAIN-CLASS", "DEBUGGING", "UPTIME"),
+                    List.of(header.trim().split("\\s+")));
+
+            String[] p = listLine(r.out(), proc.id());
+            assertNotNull(p, r.out());
+            assertEquals(List.of("process:" + proc.id(), "0", Integer.toString(proc.id()), "4711", "17.0.9-proc",
+                    "cli.ProcessMain", "not-active"), List.of(p).subList(0, 7));
+            assertTrue(p[7].matches("[0-9]+s|[0-9]+m[0-9]{2}s"), p[7]);
+
+            int[] pids = inst.slotPids();
+            String[][] mains = {{"demo.Main", "not-active"}, {"cli.SlotOne", "not-active"},
+                {"demo.Main", "debugger-attached"}};
+            for (int slot = 0; slot < 3; slot++) {
+                String[] cells = listLine(r.out(), pids[slot]);
+                assertNotNull(cells, "slot " + slot + "\n" + r.out());
+                // vmsim gives slot s the VM id 100 + s.
+                assertEquals(List.of("instance:84", Integer.toString(slot), Integer.toString(pids[slot]),
+                        Integer.toString(100 + slot), "17.0.9-inst", mains[slot][0], mains[slot][1]),
+                        List.of(cells).subList(0, 7));
+            }
+        }
+    }
+
+    @Test
+    void listJsonIsValidAndMatchesTheVms() throws Exception {
+        try (Vmsim proc = new Vmsim("--set", "jar_main_class=cli.Json\"Main");
+             Vmsim inst = new Vmsim("--type", "instance", "--id", "84", "--slots", "4", "--live", "0,2",
+                     "--width", "32")) {
+            Launcher.Result r = Launcher.run("list", "--json");
+            assertEquals(0, r.exitCode(), r.toString());
+            assertEquals("", r.err());
+            Map<String, String> flat = Launcher.flatJson(r.out());
+
+            int i = vmIndex(flat, proc.id());
+            assertTrue(i >= 0, r.out());
+            assertEquals(q("process:" + proc.id()), flat.get("vms." + i + ".cluster"));
+            assertEquals(q("process"), flat.get("vms." + i + ".clusterType"));
+            assertEquals("0", flat.get("vms." + i + ".slot"));
+            assertEquals(q("cli.Json\\\"Main"), flat.get("vms." + i + ".mainClass"));
+            assertEquals(q("NOT_ACTIVE"), flat.get("vms." + i + ".debuggingState"));
+            // The start time agrees with what the JDK reports for the process, to the second.
+            Instant started = ProcessHandle.of(proc.id()).orElseThrow().info().startInstant().orElseThrow();
+            long startTime = Long.parseLong(flat.get("vms." + i + ".startTime"));
+            assertTrue(Math.abs(startTime - started.getEpochSecond()) <= 1, startTime + " vs " + started);
+            assertTrue(Long.parseLong(flat.get("vms." + i + ".uptimeSeconds")) >= 0);
+
+            int[] pids = inst.slotPids();
+            for (int slot : new int[] {0, 2}) {
+                int k = vmIndex(flat, pids[slot]);
+                assertTrue(k >= 0, "slot " + slot + "\n" + r.out());
+                assertEquals(q("instance:84"), flat.get("vms." + k + ".cluster"));
+                assertEquals("84", flat.get("vms." + k + ".clusterId"));
+                assertEquals(Integer.toString(slot), flat.get("vms." + k + ".slot"));
+                assertEquals(Integer.toString(100 + slot), flat.get("vms." + k + ".vmId"));
+                assertEquals(q("vmsim 1.0 (simulated VM)"), flat.get("vms." + k + ".version"));
+            }
+            // Slots 1 and 3 are empty: no entry names them.
+            long entriesOf84 = flat.entrySet().stream()
+                    .filter(e -> e.getKey().endsWith(".cluster") && e.getKey().startsWith("vms.")
+                            && e.getValue().equals(q("instance:84"))).count();
+            assertEquals(2, entriesOf84, r.out());
+            boolean clusterListed = false;
+            for (int c = 0; flat.containsKey("clusters." + c + ".id"); c++) {
+                if (flat.get("clusters." + c + ".cluster").equals(q("instance:84"))) {
+                    clusterListed = true;
+                    assertEquals("2", flat.get("clusters." + c + ".liveVms"));
+                    assertEquals("true", flat.get("clusters." + c + ".attachable"));
+                    assertEquals("2", flat.get("clusters." + c + ".typeCode"));
+                }
+            }
+            assertTrue(clusterListed, r.out());
+        }
+    }
+
+    @Test
+    void infoByPidAndBySlotInTextAndJson() throws Exception {
+        try (Vmsim inst = new Vmsim("--type", "instance", "--id", "85", "--slots", "2", "--width", "64",
+                "--set", "1:vm_version=17.0.9+9-info", "--set", "1:jar_main_class=cli.InfoMain",
+                "--set", "1:vm_args=-Xmx2g -Dname=value", "--set", "1:vm_tag=info-tag",
+                "--set", "1:committed_java_heap_size=1610612736", "--set", "1:committed_class_pool_size=1048576",
+                "--set", "1:committed_code_cache_size=3072", "--set", "1:number_of_gcs=12",
+                "--set", "1:system_time=250", "--set", "1:user_time=750")) {
+            int pid = inst.slotPids()[1];
+            Launcher.Result text = Launcher.run("info", Integer.toString(pid));
+            assertEquals(0, text.exitCode(), text.toString());
+            assertEquals("", text.err());
+            String out = text.out();
+            assertTrue(out.startsWith("VM pid " + pid + ", VM id 101, slot 1 of instance cluster 85"), out);
+            for (String heading : new String[] {"\nStart\n", "\nTime", "\nMemory\n", "\nDebugging\n"}) {
+                assertTrue(out.contains(heading), heading + "\n" + out);
+            }
+            assertTrue(out.matches("(?s).*\n  version +17\\.0\\.9\\+9-info\n.*"), out);
+            assertTrue(out.matches("(?s).*\n  main class +cli\\.InfoMain\n.*"), out);
+            assertTrue(out.matches("(?s).*\n  VM arguments +-Xmx2g -Dname=value\n.*"), out);
+            assertTrue(out.matches("(?s).*\n  tag +info-tag\n.*"), out);
+            // 1.5 GiB + 1 MiB + 3 KiB, in binary units.
+            assertTrue(out.matches("(?s).*\n    Java heap +1\\.5 GiB\n.*"), out);
+            assertTrue(out.matches("(?s).*\n    class pool +1 MiB\n.*"), out);
+            assertTrue(out.matches("(?s).*\n    code cache +3 KiB\n.*"), out);
+            assertTrue(out.matches("(?s).*\n  committed total +1\\.5 GiB\n.*"), out);
+            assertTrue(out.matches("(?s).*\n  GCs \\(full\\) +12 \\(0\\)\n.*"), out);
+            assertTrue(out.matches("(?s).*\n  total \\(system \\+ user\\) +1000\n.*"), out);
+            assertTrue(out.matches("(?s).*\n  port range +8010-8019\n.*"), out);
+            assertTrue(out.matches("(?s).*\n  state +not-active\n.*"), out);
+
+            // The same VM named by its place, as JSON.
+            Launcher.Result json = Launcher.run("--json", "info", "instance:85:1");
+            assertEquals(0, json.exitCode(), json.toString());
+            Map<String, String> flat = Launcher.flatJson(json.out());
+            assertEquals(Integer.toString(pid), flat.get("vm.pid"));
+            assertEquals("101", flat.get("vm.vmId"));
+            assertEquals(q("17.0.9+9-info"), flat.get("start.vmVersion"));
+            assertEquals(q("cli.InfoMain"), flat.get("start.mainClass"));
+            assertEquals(q("info-tag"), flat.get("start.vmTag"));
+            assertEquals("true", flat.get("start.hasMetaspace"));
+            assertEquals("1610612736", flat.get("memory.committedJavaHeap"));
+            assertEquals(Long.toString(1610612736L + 1048576 + 3072), flat.get("memory.committedTotal"));
+            assertEquals("12", flat.get("memory.numberOfGcs"));
+            assertEquals("1000", flat.get("time.totalTime"));
+            assertEquals("250", flat.get("time.systemTime"));
+            assertEquals("8010", flat.get("debugging.fromPort"));
+            assertEquals("8019", flat.get("debugging.toPort"));
+            assertEquals(q("NOT_ACTIVE"), flat.get("debugging.state"));
+
+            // Type codes name the cluster type as well; the same VM by "2:85:1".
+            Launcher.Result byCode = Launcher.run("info", "2:85:1", "--json");
+            assertEquals(0, byCode.exitCode(), byCode.toString());
+            assertEquals(Integer.toString(pid), Launcher.flatJson(byCode.out()).get("vm.pid"));
+        }
+    }
+
+    @Test
+    void textFieldsWithQuotesBackslashesAndControlCharactersStayIntact() throws Exception {
+        String args = "say \"hi\" \\ back\ttab\nline\u0001end";
+        try (Vmsim inst = new Vmsim("--type", "instance", "--id", "88", "--slots", "1", "--set", "vm_args=" + args)) {
+            Launcher.Result json = Launcher.run("info", "--json", "instance:88:0");
+            assertEquals(0, json.exitCode(), json.toString());
+            assertTrue(Launcher.jsonStringAt(json.out(), args, "start", "vmArguments"), json.out());
+            Launcher.Result text = Launcher.run("info", "instance:88:0");
+            assertEquals(0, text.exitCode(), text.toString());
+            // One line, with the control characters made visible.
+            assertTrue(text.out().contains("  VM arguments               say \"hi\" \\ back\\ttab\\nline\\x01end\n"),
+                    text.out());
+        }
+    }
+
+    @Test
+    void debugStartAndStopReachTheVm() throws Exception {
+        try (Vmsim inst = new Vmsim("--type", "instance", "--id", "86", "--slots", "2")) {
+            int pid = inst.slotPids()[0];
+            Launcher.Result start = Launcher.run("debug", "start", Integer.toString(pid), "--suspend", "2");
+            assertEquals(0, start.exitCode(), start.toString());
+            assertTrue(start.out().contains("VM pid " + pid), start.out());
+            assertEquals("REQUEST slot=0 pid=" + pid + " flag=start_debugging suspend=2", inst.waitFor("REQUEST"));
+            // vmsim has acted once it printed the line: the VM now waits for a debugger on its first port.
+            Map<String, String> flat = Launcher.flatJson(Launcher.run("info", "--json", "instance:86:0").out());
+            assertEquals(q("WAIT_FOR_DEBUGGER"), flat.get("debugging.state"));
+            assertEquals("8000", flat.get("debugging.currentDebugPort"));
+            String[] cells = listLine(Launcher.run("list").out(), pid);
+            assertNotNull(cells);
+            // The version holds blanks; the debugging state is the last cell but one.
+            assertEquals("wait-for-debugger", cells[cells.length - 2]);
+
+            Launcher.Result stop = Launcher.run("debug", "stop", "instance:86:0", "--json");
+            assertEquals(0, stop.exitCode(), stop.toString());
+            Map<String, String> stopJson = Launcher.flatJson(stop.out());
+            assertEquals(q("stop-debugging"), stopJson.get("request"));
+            assertEquals(Integer.toString(pid), stopJson.get("vm.pid"));
+            assertEquals("REQUEST slot=0 pid=" + pid + " flag=stop_debugging", inst.waitFor("REQUEST"));
+            flat = Launcher.flatJson(Launcher.run("info", "--json", Integer.toString(pid)).out());
+            assertEquals(q("NOT_ACTIVE"), flat.get("debugging.state"));
+            assertEquals("-1", flat.get("debugging.currentDebugPort"));
+        }
+    }
+
+    @Test
+    void exitEndsTheProcessClusterWithTheCode() throws Exception {
+        try (Vmsim proc = new Vmsim()) {
+            Launcher.Result r = Launcher.run("exit", Integer.toString(proc.id()), "7");
+            assertEquals(0, r.exitCode(), r.toString());
+            assertEquals("", r.err());
+            assertEquals(7, proc.waitExit());
+            Launcher.Result after = Launcher.run("info", Integer.toString(proc.id()));
+            assertEquals(1, after.exitCode(), after.toString());
+            assertTrue(after.err().startsWith("noxinspect: no live VM with pid " + proc.id()), after.err());
+            assertEquals("", after.out());
+            assertNoStackTrace(after);
+        }
+    }
+
+    @Test
+    void exitEndsOneVmOfAnInstanceCluster() throws Exception {
+        try (Vmsim inst = new Vmsim("--type", "instance", "--id", "87", "--slots", "3")) {
+            int[] pids = inst.slotPids();
+            Launcher.Result r = Launcher.run("--json", "exit", "instance:87:1", "5");
+            assertEquals(0, r.exitCode(), r.toString());
+            Map<String, String> flat = Launcher.flatJson(r.out());
+            assertEquals(q("exit"), flat.get("request"));
+            assertEquals("5", flat.get("code"));
+            assertEquals(Integer.toString(pids[1]), flat.get("vm.pid"));
+            assertEquals("EXITED slot=1 pid=" + pids[1] + " code=5", inst.waitFor("EXITED"));
+            String list = Launcher.run("list").out();
+            assertEquals(null, listLine(list, pids[1]), list);
+            assertNotNull(listLine(list, pids[0]), list);
+            assertNotNull(listLine(list, pids[2]), list);
+            Launcher.Result again = Launcher.run("exit", "instance:87:1", "5");
+            assertEquals(1, again.exitCode(), again.toString());
+            assertEquals("noxinspect: no live VM in slot 1 of instance cluster 87\n", again.err());
+        }
+    }
+
+    @Test
+    void unknownVmsAreRefusedWithExitCodeOne() throws Exception {
+        long self = ProcessHandle.current().pid();
+        List<String[]> cases = new ArrayList<>();
+        cases.add(new String[] {"no live VM with pid " + self + " (the process publishes no control area)", "info",
+            Long.toString(self)});
+        cases.add(new String[] {"no live VM with pid " + self, "debug", "start", Long.toString(self)});
+        cases.add(new String[] {"no live VM with pid " + self, "exit", Long.toString(self), "3"});
+        cases.add(new String[] {"no live VM in slot 0 of instance cluster 89", "info", "instance:89:0"});
+        cases.add(new String[] {"no live VM in slot 0 of process cluster " + self, "debug", "stop",
+            "process:" + self + ":0", "--json"});
+        for (String[] c : cases) {
+            String[] args = java.util.Arrays.copyOfRange(c, 1, c.length);
+            Launcher.Result r = Launcher.run(args);
+            assertEquals(1, r.exitCode(), String.join(" ", args) + "\n" + r);
+            assertTrue(r.err().startsWith("noxinspect: " + c[0]), r.toString());
+            assertEquals(1, r.err().lines().count(), r.toString());
+            assertEquals("", r.out());
+            assertNoStackTrace(r);
+        }
+    }
+
+    @Test
+    void badCommandLinesGiveUsageAndExitCodeTwo() throws Exception {
+        String[][] cases = {
+            {}, {"frob"}, {"list", "extra"}, {"info"}, {"info", "abc"}, {"info", "0"}, {"info", "-5"},
+            {"info", "galaxy:1:0"}, {"info", "instance:1"}, {"info", "instance:x:0"}, {"info", "instance:84:-1"},
+            {"info", "99999999999"}, {"exit", "123"}, {"exit", "123", "256"}, {"exit", "123", "-1"},
+            {"exit", "123", "seven"}, {"debug"}, {"debug", "pause", "123"}, {"debug", "start"},
+            {"debug", "start", "123", "--suspend"}, {"debug", "start", "123", "--suspend", "x"},
+            {"debug", "stop", "123", "--suspend", "1"}, {"debug", "start", "123", "--frob"}, {"boards", "1"},
+        };
+        for (String[] args : cases) {
+            Launcher.Result r = Launcher.run(args);
+            assertEquals(2, r.exitCode(), String.join(" ", args) + "\n" + r);
+            assertTrue(r.err().startsWith("noxinspect: "), r.toString());
+            assertTrue(r.err().contains("\nusage: noxinspect"), r.toString());
+            assertEquals("", r.out());
+            assertNoStackTrace(r);
+        }
+        Launcher.Result help = Launcher.run("help");
+        assertEquals(0, help.exitCode(), help.toString());
+        assertTrue(help.out().startsWith("usage: noxinspect"), help.out());
+        assertEquals("", help.err());
+        assertEquals(help.out(), Launcher.run("--help").out());
+    }
+
+    @Test
+    void boardsListsInTextAndJson() throws Exception {
+        // Boards of other processes may be there or not; both forms must agree and parse.
+        Launcher.Result json = Launcher.run("boards", "--json");
+        assertEquals(0, json.exitCode(), json.toString());
+        assertEquals("", json.err());
+        Map<String, String> flat = Launcher.flatJson(json.out());
+        assertTrue(flat.containsKey("boards") || flat.containsKey("boards.0.pid"), json.out());
+        Launcher.Result text = Launcher.run("boards");
+        assertEquals(0, text.exitCode(), text.toString());
+        assertTrue(text.out().startsWith("PID") || text.out().startsWith("No monitoring boards"), text.out());
+    }
+
+    @Test
+    void launcherWithoutABuildSaysWhereItLooked() throws Exception {
+        Launcher.Result r = Launcher.runWith(Map.of("NOX_BUILD_DIR", "/nonexistent/nox-build"), "list");
+        assertEquals(3, r.exitCode(), r.toString());
+        assertTrue(r.err().startsWith("noxinspect: no built inspector in /nonexistent/nox-build"), r.err());
+        assertEquals("", r.out());
+    }
+}
