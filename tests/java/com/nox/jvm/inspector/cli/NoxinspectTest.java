@@ -318,17 +318,46 @@ class NoxinspectTest {
         assertEquals(help.out(), Launcher.run("--help").out());
     }
 
+    /** The hex pairs of a little-endian int32, as the boards listing prints them. */
+    private static String hexLe(int value) {
+        return String.format("%02x %02x %02x %02x", value & 0xff, (value >> 8) & 0xff, (value >> 16) & 0xff,
+                (value >>> 24) & 0xff);
+    }
+
     @Test
-    void boardsListsInTextAndJson() throws Exception {
-        // Boards of other processes may be there or not; both forms must agree and parse.
-        Launcher.Result json = Launcher.run("boards", "--json");
-        assertEquals(0, json.exitCode(), json.toString());
-        assertEquals("", json.err());
-        Map<String, String> flat = Launcher.flatJson(json.out());
-        assertTrue(flat.containsKey("boards") || flat.containsKey("boards.0.pid"), json.out());
-        Launcher.Result text = Launcher.run("boards");
-        assertEquals(0, text.exitCode(), text.toString());
-        assertTrue(text.out().startsWith("PID") || text.out().startsWith("No monitoring boards"), text.out());
+    void boardsShowEachVmsBoardInTextAndJson() throws Exception {
+        try (Vmsim inst = new Vmsim("--type", "instance", "--id", "89", "--slots", "2", "--board", "4096")) {
+            int[] pids = inst.slotPids();
+            Launcher.Result json = Launcher.run("boards", "--json");
+            assertEquals(0, json.exitCode(), json.toString());
+            assertEquals("", json.err());
+            Map<String, String> flat = Launcher.flatJson(json.out());
+            Launcher.Result text = Launcher.run("boards");
+            assertEquals(0, text.exitCode(), text.toString());
+            assertEquals(List.of("PID", "SIZE", "FIRST", "BYTES", "AS", "TEXT"),
+                    List.of(text.out().lines().findFirst().orElseThrow().trim().split("\\s+")), text.out());
+            for (int slot = 0; slot < 2; slot++) {
+                int pid = pids[slot];
+                int k = -1;
+                for (int i = 0; flat.containsKey("boards." + i + ".pid"); i++) {
+                    if (flat.get("boards." + i + ".pid").equals(Integer.toString(pid))) {
+                        k = i;
+                    }
+                }
+                assertTrue(k >= 0, "board of slot " + slot + "\n" + json.out());
+                assertEquals("4096", flat.get("boards." + k + ".size"));
+                // vmsim's board: "NOXBOARD", then the VM's pid and slot as little-endian int32.
+                String first = "4e 4f 58 42 4f 41 52 44 " + hexLe(pid) + " " + hexLe(slot);
+                assertEquals(q(first), flat.get("boards." + k + ".firstBytes"));
+                String[] cells = listLine("x x " + text.out().replace("\n", "\nx x "), pid);
+                assertNotNull(cells, text.out());
+                assertEquals(pid + " 4 KiB " + first + " NOXBOARD........",
+                        String.join(" ", List.of(cells).subList(2, cells.length)));
+            }
+            // The start record says so as well.
+            assertTrue(Launcher.run("info", Integer.toString(pids[0])).out()
+                    .matches("(?s).*\n  monitoring board +yes\n.*"));
+        }
     }
 
     @Test

@@ -291,9 +291,10 @@ final class Commands {
             out.print(j.endArray().endObject());
             return;
         }
-        Table table = new Table(">PID", ">SIZE", "FIRST BYTES");
+        Table table = new Table(">PID", ">SIZE", "FIRST BYTES", "AS TEXT");
         for (MonitoringBoard b : boards) {
-            table.add(b.pid(), Human.bytes(b.size()), Human.hex(prefix(b), BOARD_PREFIX));
+            byte[] first = prefix(b);
+            table.add(b.pid(), Human.bytes(b.size()), Human.hex(first, BOARD_PREFIX), Human.ascii(first));
         }
         if (table.isEmpty()) {
             out.println("No monitoring boards are visible on this host.");

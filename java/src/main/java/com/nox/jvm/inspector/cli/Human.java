@@ -84,4 +84,13 @@ final class Human {
         }
         return sb.toString();
     }
+
+    /** The bytes as text, as a hex dump shows them: printable ASCII as is, anything else as '.'. */
+    static String ascii(byte[] bytes) {
+        StringBuilder sb = new StringBuilder(bytes.length);
+        for (byte b : bytes) {
+            sb.append(b >= 0x20 && b < 0x7f ? (char) b : '.');
+        }
+        return sb.toString();
+    }
 }
