@@ -1,5 +1,6 @@
 package com.nox.jvm.inspector.cli;
 
+import com.nox.jvm.inspector.testing.Vmsim;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertNotNull;

@@ -1,4 +1,4 @@
-package com.nox.jvm.inspector.cluster;
+package com.nox.jvm.inspector.testing;
 
 import java.io.BufferedReader;
 import java.io.IOException;
@@ -14,14 +14,15 @@ import java.util.concurrent.TimeUnit;
 /**
  * A simulated VM (tools/vmsim) started for one test: waits for its READY line and ends it (vmsim
  * then removes its files, segment and semaphores) when closed, also when the test fails.
- * Instance-cluster ids used by the Java tests: 80 to 89.
+ * Instance-cluster ids are global to the host and test classes run in parallel, so each class
+ * has its own: the cluster-natives tests 80 to 83, the command-line tests 84 to 89.
  */
-final class Vmsim implements AutoCloseable {
+public final class Vmsim implements AutoCloseable {
     private final Process process;
     private final BufferedReader out;
     private final Map<String, String> fields = new HashMap<>();
 
-    Vmsim(String... args) throws IOException {
+    public Vmsim(String... args) throws IOException {
         List<String> command = new ArrayList<>();
         command.add(System.getProperty("nox.vmsim", "vmsim"));
         command.addAll(Arrays.asList(args));
@@ -38,26 +39,26 @@ final class Vmsim implements AutoCloseable {
         }
     }
 
-    String field(String key) {
+    public String field(String key) {
         return fields.getOrDefault(key, "");
     }
 
-    int id() {
+    public int id() {
         return Integer.parseInt(field("id"));
     }
 
     /** The pid published in each slot (0 for a slot not in use). */
-    int[] slotPids() {
+    public int[] slotPids() {
         return Arrays.stream(field("pids").split(",")).mapToInt(Integer::parseInt).toArray();
     }
 
     /** The next line vmsim prints, or null at the end of its output. */
-    String nextLine() throws IOException {
+    public String nextLine() throws IOException {
         return out.readLine();
     }
 
     /** Reads lines until one starts with the prefix; null when the output ends first. */
-    String waitFor(String prefix) throws IOException {
+    public String waitFor(String prefix) throws IOException {
         for (String line = out.readLine(); line != null; line = out.readLine()) {
             if (line.startsWith(prefix)) {
                 return line;
@@ -67,14 +68,14 @@ final class Vmsim implements AutoCloseable {
     }
 
     /** Waits for vmsim to end on its own and returns its exit code. */
-    int waitExit() throws InterruptedException {
+    public int waitExit() throws InterruptedException {
         if (!process.waitFor(60, TimeUnit.SECONDS)) {
             throw new IllegalStateException("vmsim did not end");
         }
         return process.exitValue();
     }
 
-    long pid() {
+    public long pid() {
         return process.pid();
     }
 
