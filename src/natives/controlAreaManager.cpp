@@ -85,21 +85,25 @@ ControlAreaManager_CL::ControlAreaManager_CL(const ClusterInfo_CL& info)
     } else {
         return;
     }
+    _attached = true;
+    if (!adopt_block(block, block_bytes)) detach();
+}
+
+bool ControlAreaManager_CL::adopt_block(void* block, size_t block_bytes) {
     // Accepted (eyecatcher, major version, whole header mapped, slot count of the type) and
-    // large enough for every slot the header promises; else the attachment is refused whole.
+    // large enough for every slot the header promises; else the block is refused whole.
     BasicHeaderFacts_CL facts;
     size_t needed = 0;
     if (!BasicInstanceControlArea_CL::accept_header(block, block_bytes, _cluster_type, &facts) ||
         !promised_bytes(facts.instance_control_area_size, facts.control_area_size, facts.max_vm_nr, &needed) ||
         block_bytes < needed) {
-        _shared_memory.detach();
-        _shared_file.detach();
-        return;
+        return false;
     }
     _attached_area = block;
     _mapped_len = block_bytes;
-    _attached = true;
-    if (!init(facts.arch_type, facts.max_vm_nr, true)) detach();
+    if (init(facts.arch_type, facts.max_vm_nr, true)) return true;
+    _attached_area = nullptr;
+    return false;
 }
 
 ControlAreaManager_CL::ControlAreaManager_CL(void* control_area, int len, ClusterType_CL type)
@@ -128,11 +132,7 @@ ControlAreaManager_CL::ControlAreaManager_CL(const MappedBlock_CL& block, Cluste
       _instance_control_area(nullptr),
       _control_areas(8),
       _mapped_len(0) {
-    BasicHeaderFacts_CL facts;
-    if (!BasicInstanceControlArea_CL::accept_header(block.address, block.length, type, &facts)) return;
-    _attached_area = block.address;
-    _mapped_len = block.length;
-    if (!init(facts.arch_type, facts.max_vm_nr, true)) _attached_area = nullptr;
+    adopt_block(block.address, block.length);
 }
 
 ControlAreaManager_CL::~ControlAreaManager_CL() {

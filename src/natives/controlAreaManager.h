@@ -55,6 +55,10 @@ public:
     void detach();
 
 private:
+    // Checks the header of `block_bytes` bytes at `block` and creates the views over them; on
+    // refusal the manager stays not valid (the caller undoes its attachment).
+    bool adopt_block(void* block, size_t block_bytes);
+
     const ClusterType_CL _cluster_type;
     void* _attached_area;
     bool _attached;
