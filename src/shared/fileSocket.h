@@ -185,6 +185,7 @@ public:
 private:
     void create_descriptor(ExceptionHandler& handler);
     void set_socket_fd(int fd) { __atomic_store_n(&_socket_fd, fd, __ATOMIC_RELEASE); }
+    bool wait_ready(int fd, int timeout_ms, int events, const char* timeout_text, ExceptionHandler& handler) const;
     // Replaces the identifier under the registry's lock (the empty string clears it).
     void set_socket_identifier(const cstring& identifier);
     void timed_connect(int fd, const cstring& path, const void* address, int timeout_ms,

@@ -395,6 +395,26 @@ void FileSocket::timed_connect(int fd, const cstring& path, const void* address,
 // ---------------------------------------------------------------------------------------------
 // read, write, available, shutdown, close
 
+// Waits, registered for a close to release it, until the socket is ready for `events`; false
+// after reporting the time-out (as `timeout_text`) or the failed wait.
+bool FileSocket::wait_ready(int fd, int timeout_ms, int events, const char* timeout_text,
+                            ExceptionHandler& handler) const {
+    int waited;
+    {
+        BlockingIO io(_blocking_IO_data);
+        waited = io.refused() ? -1 : FileSocketHelperUnix::wait_socket(fd, timeout_ms, events);
+    }
+    if (waited == 0) {
+        handler.throw_SocketTimeoutException(this, timeout_text);
+        return false;
+    }
+    if (waited < 0) {
+        handler.throw_FileSocketException(this, nullptr);
+        return false;
+    }
+    return true;
+}
+
 // With a time-out the call after the wait does not block (MSG_DONTWAIT): another thread may
 // have taken the bytes, or a large write may not fit, and a blocking call would then outlast
 // the time-out. EAGAIN sends the caller back to the wait.
@@ -404,21 +424,7 @@ int FileSocket::readf(char* buffer, int length, int timeout_ms, ExceptionHandler
     const size_t size = static_cast<size_t>(length > 0 ? length : 0);
     ssize_t count;
     for (;;) {
-        if (timed) {
-            int waited;
-            {
-                BlockingIO io(_blocking_IO_data);
-                waited = io.refused() ? -1 : FileSocketHelperUnix::wait_socket(fd, timeout_ms, POLLIN | POLLERR);
-            }
-            if (waited == 0) {
-                handler.throw_SocketTimeoutException(this, "Read timed out");
-                return -1;
-            }
-            if (waited < 0) {
-                handler.throw_FileSocketException(this, nullptr);
-                return -1;
-            }
-        }
+        if (timed && !wait_ready(fd, timeout_ms, POLLIN | POLLERR, "Read timed out", handler)) return -1;
         do {
             BlockingIO io(_blocking_IO_data);
             count = io.refused() ? -1 : ::recv(fd, buffer, size, timed ? MSG_DONTWAIT : 0);
@@ -437,22 +443,8 @@ int FileSocket::writef(const char* buffer, int length, int timeout_ms, Exception
     const int flags = MSG_NOSIGNAL | (timed ? MSG_DONTWAIT : 0);
     int total = 0;
     while (total < length) {
-        if (timed) {
-            // The time-out applies to each pass, not to the whole transfer.
-            int waited;
-            {
-                BlockingIO io(_blocking_IO_data);
-                waited = io.refused() ? -1 : FileSocketHelperUnix::wait_socket(fd, timeout_ms, POLLOUT | POLLERR);
-            }
-            if (waited == 0) {
-                handler.throw_SocketTimeoutException(this, "Write timed out");
-                return total;
-            }
-            if (waited < 0) {
-                handler.throw_FileSocketException(this, nullptr);
-                return total;
-            }
-        }
+        // The time-out applies to each pass, not to the whole transfer.
+        if (timed && !wait_ready(fd, timeout_ms, POLLOUT | POLLERR, "Write timed out", handler)) return total;
         ssize_t count;
         do {
             BlockingIO io(_blocking_IO_data);
