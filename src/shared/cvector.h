@@ -1,13 +1,15 @@
-// A growable array of values. Elements are copy-constructed into raw storage from wrap_malloc
-// and destroyed one by one before the storage is released. Growth copies the old elements and
-// then destroys them, so an element type whose copy hands a resource over (SharedFile hands
-// over its mapping) keeps that resource alive across growth.
+// A growable array of values. Elements are constructed into raw storage from wrap_malloc and
+// destroyed one by one before the storage is released. Growth moves the old elements into the
+// new storage and then destroys the moved-from ones, so an element that owns a resource (a
+// SharedFile owns its mapping) keeps it across growth. Element types that own a resource are
+// move-only; copying the vector is then not available, moving it is.
 #ifndef NOX_SHARED_CVECTOR_H
 #define NOX_SHARED_CVECTOR_H
 
 #include "allocations.h"
 
 #include <new>
+#include <utility>
 
 namespace J2SE {
 
@@ -37,6 +39,23 @@ public:
         copy_array(other._array, _array, other._size);
         return *this;
     }
+    // Takes the storage of `other`, which is left empty (without storage, capacity 0).
+    cvector(cvector&& other) : _array(other._array), _size(other._size), _capacity(other._capacity) {
+        other._array = nullptr;
+        other._size = 0;
+        other._capacity = 0;
+    }
+    cvector& operator=(cvector&& other) {
+        if (this == &other) return *this;
+        destroy_array(_array, _size);
+        _array = other._array;
+        _size = other._size;
+        _capacity = other._capacity;
+        other._array = nullptr;
+        other._size = 0;
+        other._capacity = 0;
+        return *this;
+    }
     ~cvector() {
         destroy_array(_array, _size);
         _array = nullptr;
@@ -55,14 +74,14 @@ public:
     T& back() { return _array[_size - 1]; }
 
     void push_back(const T& x) {
-        if (_size == _capacity) {
-            int new_capacity = 2 * _capacity + 1;
-            if (new_capacity > _capacity) reallocate(new_capacity);
-        }
-        if (_size < _capacity) {
-            new (&_array[_size]) T(x);
-            _size++;
-        }
+        if (!make_room()) return;
+        new (&_array[_size]) T(x);
+        _size++;
+    }
+    void push_back(T&& x) {
+        if (!make_room()) return;
+        new (&_array[_size]) T(std::move(x));
+        _size++;
     }
 
     void pop_back() {
@@ -128,6 +147,11 @@ protected:
         for (int i = 0; i < count; i++) new (&to[i]) T(from[i]);
     }
 
+    // Moves `count` elements into raw storage; the moved-from elements are still to be destroyed.
+    static void move_array(T* from, T* to, int count) {
+        for (int i = 0; i < count; i++) new (&to[i]) T(std::move(from[i]));
+    }
+
     static void destroy_array(T* array, int count) {
         for (int i = 0; i < count; i++) array[i].~T();
         do_free(array);
@@ -152,10 +176,21 @@ private:
         _size = 0;
     }
 
+    // Room for one more element: grows to 2n + 1 when full (unless that overflows). False when
+    // there is no room and none could be made.
+    bool make_room() {
+        if (_size == _capacity) {
+            // Computed wider than int, so that the guard itself cannot overflow.
+            long long new_capacity = 2LL * _capacity + 1;
+            if (new_capacity > _capacity && new_capacity <= 0x7fffffffLL) reallocate(static_cast<int>(new_capacity));
+        }
+        return _size < _capacity;
+    }
+
     void reallocate(int new_capacity) {
         T* fresh = do_alloc(new_capacity);
         if (fresh == nullptr) return;
-        copy_array(_array, fresh, _size);
+        move_array(_array, fresh, _size);
         destroy_array(_array, _size);
         _array = fresh;
         _capacity = new_capacity;

@@ -19,11 +19,14 @@ public:
     SharedFile();
     SharedFile(int pid, const cstring& file_name);
 
-    // Copying hands the mapping over instead of duplicating it: the source, although passed as
-    // a constant reference, is left unmapped (its mapping fields cleared, nothing unmapped).
-    // Vectors of SharedFile rely on this when they grow.
-    SharedFile(const SharedFile& other);
-    SharedFile& operator=(const SharedFile& other);
+    // A SharedFile is the one owner of its mapping. It cannot be copied; moving hands the
+    // mapping over: the source keeps its pid and name but is left unmapped (its mapping fields
+    // cleared, nothing unmapped), so that destroying it releases nothing. A move assignment
+    // first unmaps the target's own mapping.
+    SharedFile(const SharedFile&) = delete;
+    SharedFile& operator=(const SharedFile&) = delete;
+    SharedFile(SharedFile&& other);
+    SharedFile& operator=(SharedFile&& other);
     ~SharedFile();
 
     const cstring& get_file_name() const { return _file_name; }
@@ -45,6 +48,12 @@ public:
     bool attach(bool need_write_access, const TraceOutput* trace);
     // Unmaps; false when nothing is mapped or munmap fails.
     bool detach();
+    // Gives the mapping up without leaving a hole: zero pages of the same size take its place
+    // and stay for the life of the process. For a mapping that other code may still read (a
+    // ByteBuffer handed to Java) after its file is gone or cut: a read then sees zeros instead
+    // of faulting. False, and the mapping kept as it is (never unmapped either), when the zero
+    // pages cannot be made.
+    bool retire();
 
     // Creates the file (replacing an existing one) with its space reserved; returns an open
     // read-write descriptor, or -1 after a message to `trace`.

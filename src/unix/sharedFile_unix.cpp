@@ -20,38 +20,23 @@ SharedFile::SharedFile()
 SharedFile::SharedFile(int pid, const cstring& file_name)
     : _pid(pid), _file_name(file_name), _handle(nullptr), _map_size(0), _map_address(nullptr), _map_offset(0) {}
 
-SharedFile::SharedFile(const SharedFile& other)
+SharedFile::SharedFile(SharedFile&& other)
     : _pid(other._pid),
       _file_name(other._file_name),
       _handle(other._handle),
       _map_size(other._map_size),
       _map_address(other._map_address),
       _map_offset(other._map_offset) {
-    if (other.is_attached()) {
-        // The mapping moves to the copy; the source no longer owns it.
-        SharedFile& source = const_cast<SharedFile&>(other);
-        source._handle = nullptr;
-        source._map_size = 0;
-        source._map_address = nullptr;
-        source._map_offset = 0;
-    }
+    other.clear_mapping();
 }
 
-SharedFile& SharedFile::operator=(const SharedFile& other) {
+SharedFile& SharedFile::operator=(SharedFile&& other) {
     if (this == &other) return *this;
     if (is_attached()) detach();
     _pid = other._pid;
     _file_name = other._file_name;
-    _handle = other._handle;
-    _map_size = other._map_size;
-    _map_address = other._map_address;
-    _map_offset = other._map_offset;
-    if (other.is_attached()) {
-        SharedFile& source = const_cast<SharedFile&>(other);
-        source._handle = nullptr;
-        source._map_address = nullptr;
-        // The source keeps its size, but without an address it counts as unmapped.
-    }
+    update_mapping(other._handle, other._map_size, other._map_address, other._map_offset);
+    other.clear_mapping();
     return *this;
 }
 
@@ -116,6 +101,19 @@ bool SharedFile::detach() {
     _map_size = 0;
     _map_address = nullptr;
     _map_offset = 0;
+    return true;
+}
+
+bool SharedFile::retire() {
+    if (_map_address == nullptr || _map_size == 0) return false;
+    // MAP_FIXED replaces the file's pages in one step: there is no moment at which the range is
+    // unmapped and could be handed to another mapping of this process.
+    void* zeros = mmap(_map_address, _map_size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+    if (zeros == MAP_FAILED) {
+        clear_mapping();  // left mapped for good: still readable, as long as the file lasts
+        return false;
+    }
+    clear_mapping();
     return true;
 }
 

@@ -8,6 +8,45 @@
 
 namespace J2SE {
 
+SharedMemory::SharedMemory(SharedMemory&& other)
+    : _key(other._key),
+      _handle(other._handle),
+      _map_size(other._map_size),
+      _map_address(other._map_address),
+      _unsized_address(other._unsized_address) {
+    other._handle = nullptr;
+    other._map_size = 0;
+    other._map_address = nullptr;
+    other._unsized_address = nullptr;
+}
+
+SharedMemory& SharedMemory::operator=(SharedMemory&& other) {
+    if (this == &other) return *this;
+    detach();
+    release_unsized();
+    _key = other._key;
+    _handle = other._handle;
+    _map_size = other._map_size;
+    _map_address = other._map_address;
+    _unsized_address = other._unsized_address;
+    other._handle = nullptr;
+    other._map_size = 0;
+    other._map_address = nullptr;
+    other._unsized_address = nullptr;
+    return *this;
+}
+
+SharedMemory::~SharedMemory() {
+    detach();
+    release_unsized();
+}
+
+void SharedMemory::release_unsized() {
+    if (_unsized_address == nullptr) return;
+    shmdt(_unsized_address);
+    _unsized_address = nullptr;
+}
+
 bool SharedMemory::attach(bool, void* address, const TraceOutput* trace) {
     if (_key == 0) return false;
     // Look the segment up without creating it. The mode asks for read and write, which is what
@@ -35,7 +74,12 @@ bool SharedMemory::attach(bool, void* address, const TraceOutput* trace) {
     }
     struct shmid_ds info;
     if (shmctl(id, IPC_STAT, &info) != 0) {
-        // The segment stays attached: the caller learns of it only through the result.
+        // The segment stays attached for now; it is kept apart, since without its size it can
+        // be neither read nor detached through detach(), and released when this object
+        // detaches or ends. An earlier one of the same kind is released first, so that an
+        // object never holds more than one.
+        release_unsized();
+        _unsized_address = attached;
         if (trace != nullptr) {
             cstring msg = cstring::printf("%s: Could not determine size of shared memory segment (key=%d)",
                                           "SharedMemory::attach", _key);
@@ -50,23 +94,13 @@ bool SharedMemory::attach(bool, void* address, const TraceOutput* trace) {
 }
 
 bool SharedMemory::detach() {
+    release_unsized();
     if (_map_address == nullptr || _map_size == 0) return false;
     if (shmdt(_map_address) != 0) return false;
     _handle = nullptr;
     _map_size = 0;
     _map_address = nullptr;
     return true;
-}
-
-void SharedMemory::take_over(SharedMemory& other) {
-    if (this == &other) return;
-    _key = other._key;
-    _handle = other._handle;
-    _map_size = other._map_size;
-    _map_address = other._map_address;
-    other._handle = nullptr;
-    other._map_size = 0;
-    other._map_address = nullptr;
 }
 
 }  // namespace J2SE

@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <type_traits>
+#include <utility>
+
 #include <fcntl.h>
 #include <fstream>
 #include <set>
@@ -43,7 +46,7 @@ std::set<std::string> scan(const ScopedDir& dir, bool write_access, cvector<Shar
         names.insert(files[i].get_file_name().c_str());
         EXPECT_FALSE(files[i].is_attached());
     }
-    if (out != nullptr) *out = files;
+    if (out != nullptr) *out = std::move(files);
     return names;
 }
 
@@ -180,7 +183,10 @@ TEST(SharedFileAttach, ReadOnlyReadWriteEmptyAndDetach) {
     EXPECT_FALSE(SharedFile(1, cstring(dir.path().c_str())).attach(false, nullptr));
 }
 
-TEST(SharedFileCopy, CopyHandsTheMappingOverAndGrowthKeepsIt) {
+TEST(SharedFileOwnership, MoveHandsTheMappingOverAndGrowthKeepsIt) {
+    // A SharedFile cannot be copied: only one object may own a mapping.
+    static_assert(!std::is_copy_constructible<SharedFile>::value, "SharedFile must not be copyable");
+    static_assert(!std::is_copy_assignable<SharedFile>::value, "SharedFile must not be copy-assignable");
     ScopedDir dir;
     std::string path = dir.file("data");
     ASSERT_TRUE(noxtest::write_file(path, 100));
@@ -188,31 +194,46 @@ TEST(SharedFileCopy, CopyHandsTheMappingOverAndGrowthKeepsIt) {
     ASSERT_TRUE(source.attach(false, nullptr));
     void* address = source.get_map_address();
 
-    SharedFile copy(source);
+    SharedFile moved(std::move(source));
     EXPECT_FALSE(source.is_attached());
     EXPECT_EQ(source.get_map_size(), 0u);
     EXPECT_EQ(source.get_map_address(), nullptr);
-    EXPECT_EQ(copy.get_map_address(), address);
+    EXPECT_EQ(source.get_pid(), 7);  // pid and name stay with the source
+    EXPECT_STREQ(source.get_file_name().c_str(), path.c_str());
+    EXPECT_EQ(moved.get_map_address(), address);
     EXPECT_FALSE(source.detach());  // nothing left to release
-    EXPECT_EQ(static_cast<const char*>(copy.get_map_address())[99], 'a');
+    EXPECT_EQ(static_cast<const char*>(moved.get_map_address())[99], 'a');
 
-    SharedFile assigned;
-    assigned = copy;
-    EXPECT_FALSE(copy.is_attached());
+    // A move assignment first releases the target's own mapping.
+    SharedFile assigned(8, cstring(path.c_str()));
+    ASSERT_TRUE(assigned.attach(false, nullptr));
+    void* own = assigned.get_map_address();
+    assigned = std::move(moved);
+    EXPECT_FALSE(moved.is_attached());
     EXPECT_EQ(assigned.get_map_address(), address);
+    EXPECT_EQ(assigned.get_pid(), 7);
+    EXPECT_EQ(noxtest::mapping_count(own), 0) << "the target's old mapping must be unmapped";
+    EXPECT_EQ(noxtest::mapping_count(address), 1);
 
-    // Vectors copy and then destroy on growth: the mappings must survive that.
-    cvector<SharedFile> files;
-    for (int i = 0; i < 20; i++) {
-        SharedFile f(i, cstring(path.c_str()));
-        ASSERT_TRUE(f.attach(false, nullptr));
-        files.push_back(f);
-        EXPECT_FALSE(f.is_attached());
+    // Vectors move and then destroy on growth: the mappings must survive that, each once.
+    std::vector<void*> addresses;
+    {
+        cvector<SharedFile> files;
+        for (int i = 0; i < 20; i++) {
+            SharedFile f(i, cstring(path.c_str()));
+            ASSERT_TRUE(f.attach(false, nullptr));
+            addresses.push_back(f.get_map_address());
+            files.push_back(std::move(f));
+            EXPECT_FALSE(f.is_attached());
+        }
+        for (int i = 0; i < 20; i++) {
+            ASSERT_TRUE(files[i].is_attached()) << i;
+            EXPECT_EQ(files[i].get_map_address(), addresses[i]);
+            EXPECT_EQ(static_cast<const char*>(files[i].get_map_address())[0], 'a');
+        }
     }
-    for (int i = 0; i < 20; i++) {
-        ASSERT_TRUE(files[i].is_attached()) << i;
-        EXPECT_EQ(static_cast<const char*>(files[i].get_map_address())[0], 'a');
-    }
+    // Destroying the vector released every mapping exactly once.
+    for (void* a : addresses) EXPECT_EQ(noxtest::mapping_count(a), 0);
 }
 
 TEST(SharedFileScan, StaleFilesAreDeletedAndLiveOnesListed) {
