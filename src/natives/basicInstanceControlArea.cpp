@@ -65,41 +65,34 @@ bool BasicInstanceControlArea_CL::accept_header(const void* block, size_t availa
 }
 
 BasicInstanceControlArea_CL::BasicInstanceControlArea_CL(const ClusterInfo_CL& info)
-    : _bcia32_layout(nullptr), _bcia64_layout(nullptr), _cluster_type(info._type), _shared_file(), _shared_memory() {
+    : _bcia32_layout(nullptr), _bcia64_layout(nullptr), _cluster_type(info._type), _file_copy(), _shared_memory() {
     void* block = nullptr;
     size_t available = 0;
-    J2SE::SharedMemory memory;
-    J2SE::SharedFile file;
     if (_cluster_type == CLUSTER_TYPE_INSTANCE) {
-        memory = J2SE::ControlAreaFile::attach_shared_memory(info._id, J2SE::SharedMemory::SHARED_MEMORY_KEY_CONTROLS,
-                                                             nullptr, nullptr);
-        block = memory.get_map_address();
-        available = memory.get_map_size();
+        _shared_memory = J2SE::ControlAreaFile::attach_shared_memory(
+            info._id, J2SE::SharedMemory::SHARED_MEMORY_KEY_CONTROLS, nullptr, nullptr);
+        block = _shared_memory.get_map_address();
+        available = _shared_memory.get_map_size();
     } else if (_cluster_type == CLUSTER_TYPE_PROCESS) {
-        file = J2SE::ControlAreaFile::attach_control_area(info._id, nullptr);
-        // The header lies behind the file's lead-in; only the bytes after it belong to the block.
-        if (file.is_attached() && file.get_map_size() > file.get_map_offset()) {
-            block = static_cast<char*>(file.get_map_address()) + file.get_map_offset();
-            available = file.get_map_size() - file.get_map_offset();
-        }
+        // The header lies behind the file's lead-in; the copy holds the bytes after it.
+        _file_copy = J2SE::ControlAreaFile::copy_control_area(info._id, sizeof(BasicInstanceControlAreaLayout_CL<Bit64>));
+        block = _file_copy.block();
+        available = _file_copy.size();
     } else {
         return;
     }
     BasicHeaderFacts_CL facts;
     if (block == nullptr || available == 0 || !accept_header(block, available, _cluster_type, &facts)) {
-        memory.detach();
-        file.detach();
+        detach();
         return;
     }
     // The layout pointer follows the width of the reading that was accepted, whose header size
-    // was checked against the mapping; the getters below read the fields again each time.
+    // was checked against the bytes there; the getters below read the fields again each time.
     if (facts.arch_type == Bit64) {
         _bcia64_layout = static_cast<BasicInstanceControlAreaLayout_CL<Bit64>*>(block);
     } else {
         _bcia32_layout = static_cast<BasicInstanceControlAreaLayout_CL<Bit32>*>(block);
     }
-    _shared_memory.take_over(memory);
-    _shared_file = file;  // the copy takes the mapping over
 }
 
 BasicInstanceControlArea_CL::~BasicInstanceControlArea_CL() {
@@ -108,7 +101,7 @@ BasicInstanceControlArea_CL::~BasicInstanceControlArea_CL() {
 
 void BasicInstanceControlArea_CL::detach() {
     _shared_memory.detach();
-    _shared_file.detach();
+    _file_copy = J2SE::ControlAreaCopy();
     _bcia32_layout = nullptr;
     _bcia64_layout = nullptr;
 }

@@ -4,8 +4,8 @@
 #define NOX_NATIVES_BASIC_INSTANCE_CONTROL_AREA_H
 
 #include "clusterInfo.h"
+#include "controlAreaCopy.h"
 #include "controlAreaLayout.h"
-#include "sharedFile.h"
 #include "sharedMemory.h"
 
 #include <cstddef>
@@ -36,7 +36,9 @@ public:
     };
 
     // Attaches the block of the cluster named by `info._type` and `info._id` and accepts it or
-    // not; rejection is silent and leaves both layout pointers null.
+    // not; rejection is silent and leaves both layout pointers null. A process cluster's block
+    // is read from a copy of its file's first bytes, never through a mapping (see
+    // ControlAreaCopy); the getters then answer from that copy.
     explicit BasicInstanceControlArea_CL(const ClusterInfo_CL& info);
     ~BasicInstanceControlArea_CL();
     BasicInstanceControlArea_CL(const BasicInstanceControlArea_CL&) = delete;
@@ -71,7 +73,7 @@ private:
     BasicInstanceControlAreaLayout_CL<Bit32>* _bcia32_layout;
     BasicInstanceControlAreaLayout_CL<Bit64>* _bcia64_layout;
     ClusterType_CL _cluster_type;
-    J2SE::SharedFile _shared_file;
+    J2SE::ControlAreaCopy _file_copy;
     J2SE::SharedMemory _shared_memory;
 };
 

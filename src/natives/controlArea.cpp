@@ -11,11 +11,28 @@
 
 template <ArchType_CL arch>
 ControlAreaImpl_CL<arch>::ControlAreaImpl_CL(void* ca, size_t ca_size)
-    : _ca(static_cast<Layout*>(ca)), _ca_size(ca_size), _readable(ca != nullptr ? sizeof(Layout) : 0) {}
+    : _ca(static_cast<Layout*>(ca)),
+      _ca_size(ca_size),
+      _readable(ca != nullptr ? sizeof(Layout) : 0),
+      _writer(nullptr),
+      _block_offset(0) {}
 
 template <ArchType_CL arch>
 ControlAreaImpl_CL<arch>::ControlAreaImpl_CL(void* ca, size_t ca_size, size_t readable)
-    : _ca(static_cast<Layout*>(ca)), _ca_size(ca_size), _readable(ca != nullptr ? readable : 0) {}
+    : _ca(static_cast<Layout*>(ca)),
+      _ca_size(ca_size),
+      _readable(ca != nullptr ? readable : 0),
+      _writer(nullptr),
+      _block_offset(0) {}
+
+template <ArchType_CL arch>
+ControlAreaImpl_CL<arch>::ControlAreaImpl_CL(void* ca, size_t ca_size, size_t readable, BlockWriter_CL* writer,
+                                             size_t block_offset)
+    : _ca(static_cast<Layout*>(ca)),
+      _ca_size(ca_size),
+      _readable(ca != nullptr ? readable : 0),
+      _writer(writer),
+      _block_offset(block_offset) {}
 
 // The published size must reach `threshold`, and the field's bytes must lie in the mapping.
 template <ArchType_CL arch>
@@ -33,10 +50,13 @@ T ControlAreaImpl_CL<arch>::load(size_t offset) const {
     return value;
 }
 
+// A store that could not be made (the writer found the file cut) returns false.
 template <ArchType_CL arch>
 template <typename T>
-void ControlAreaImpl_CL<arch>::store(size_t offset, T value) {
+bool ControlAreaImpl_CL<arch>::store(size_t offset, T value) {
+    if (_writer != nullptr) return _writer->write(_block_offset + offset, &value, sizeof value);
     memcpy(reinterpret_cast<char*>(_ca) + offset, &value, sizeof value);
+    return true;
 }
 
 template <ArchType_CL arch>
@@ -54,11 +74,14 @@ bool ControlAreaImpl_CL<arch>::guarded_boolean(size_t threshold, size_t offset) 
     return reaches(threshold, offset, sizeof(boolean_CL)) && load<boolean_CL>(offset) != 0;
 }
 
+// A text is there when the published size reaches its offset and it begins inside the readable
+// bytes; it is read no further than they go, even when its capacity would.
 template <ArchType_CL arch>
-template <typename S>
-const S* ControlAreaImpl_CL<arch>::guarded_string(size_t offset) const {
-    if (!field_present(offset, sizeof(S))) return nullptr;
-    return reinterpret_cast<const S*>(reinterpret_cast<const char*>(_ca) + offset);
+template <int N>
+ControlAreaText_CL<N> ControlAreaImpl_CL<arch>::guarded_text(size_t offset) const {
+    if (_ca_size < offset || offset >= _readable) return ControlAreaText_CL<N>();
+    size_t room = _readable - offset;
+    return ControlAreaText_CL<N>(reinterpret_cast<const char*>(_ca) + offset, room < static_cast<size_t>(N) ? static_cast<int>(room) : N);
 }
 
 template <ArchType_CL arch>
@@ -120,8 +143,9 @@ template <ArchType_CL arch>
 void ControlAreaImpl_CL<arch>::set_flag(ControlAreaFlags flag) {
     int* address = get_flag_address(flag);
     if (address == nullptr) return;
-    int32_t one = 1;
-    memcpy(address, &one, sizeof one);
+    size_t offset = static_cast<size_t>(reinterpret_cast<char*>(address) - reinterpret_cast<char*>(_ca));
+    // A flag that could not be raised (its file was cut meanwhile) is not signalled either.
+    if (!store<int32_t>(offset, 1)) return;
     if (!field_present(CA_OFFSET(_pid), sizeof(int32_t))) return;
     // A VM without an event finds the flag when it next looks; that is not an error.
     J2SE::SharedEvent event =
@@ -146,8 +170,8 @@ int ControlAreaImpl_CL<arch>::get_vm_id() const {
 }
 
 template <ArchType_CL arch>
-const ControlAreaString_CL<64>* ControlAreaImpl_CL<arch>::get_vm_tag() const {
-    return guarded_string<ControlAreaString_CL<64>>(CA_OFFSET(_vm_tag));
+ControlAreaText_CL<64> ControlAreaImpl_CL<arch>::get_vm_tag() const {
+    return guarded_text<64>(CA_OFFSET(_vm_tag));
 }
 
 template <ArchType_CL arch>
@@ -177,8 +201,8 @@ int ControlAreaImpl_CL<arch>::get_current_debug_port() const {
 }
 
 template <ArchType_CL arch>
-const ControlAreaString_CL<256>* ControlAreaImpl_CL<arch>::get_debugging_client() const {
-    return guarded_string<ControlAreaString_CL<256>>(CA_OFFSET(_debugging_client));
+ControlAreaText_CL<256> ControlAreaImpl_CL<arch>::get_debugging_client() const {
+    return guarded_text<256>(CA_OFFSET(_debugging_client));
 }
 
 template <ArchType_CL arch>
@@ -187,45 +211,45 @@ bool ControlAreaImpl_CL<arch>::get_debugging_locally() const {
 }
 
 template <ArchType_CL arch>
-const ControlAreaString_CL<4096>* ControlAreaImpl_CL<arch>::get_vm_flags() const {
-    return guarded_string<ControlAreaString_CL<4096>>(CA_OFFSET(_vm_flags));
+ControlAreaText_CL<4096> ControlAreaImpl_CL<arch>::get_vm_flags() const {
+    return guarded_text<4096>(CA_OFFSET(_vm_flags));
 }
 
 template <ArchType_CL arch>
-const ControlAreaString_CL<4096>* ControlAreaImpl_CL<arch>::get_vm_args() const {
-    return guarded_string<ControlAreaString_CL<4096>>(CA_OFFSET(_vm_args));
+ControlAreaText_CL<4096> ControlAreaImpl_CL<arch>::get_vm_args() const {
+    return guarded_text<4096>(CA_OFFSET(_vm_args));
 }
 
 template <ArchType_CL arch>
-const ControlAreaString_CL<4096>* ControlAreaImpl_CL<arch>::get_vm_java_args() const {
-    return guarded_string<ControlAreaString_CL<4096>>(CA_OFFSET(_vm_java_args));
+ControlAreaText_CL<4096> ControlAreaImpl_CL<arch>::get_vm_java_args() const {
+    return guarded_text<4096>(CA_OFFSET(_vm_java_args));
 }
 
 template <ArchType_CL arch>
-const ControlAreaString_CL<4096>* ControlAreaImpl_CL<arch>::get_splittable_vm_java_args() const {
-    return guarded_string<ControlAreaString_CL<4096>>(CA_OFFSET(_splittable_vm_java_args));
+ControlAreaText_CL<4096> ControlAreaImpl_CL<arch>::get_splittable_vm_java_args() const {
+    return guarded_text<4096>(CA_OFFSET(_splittable_vm_java_args));
 }
 
 template <ArchType_CL arch>
-const ControlAreaString_CL<4096>* ControlAreaImpl_CL<arch>::get_jar_main_class() const {
-    return guarded_string<ControlAreaString_CL<4096>>(CA_OFFSET(_jar_main_class));
+ControlAreaText_CL<4096> ControlAreaImpl_CL<arch>::get_jar_main_class() const {
+    return guarded_text<4096>(CA_OFFSET(_jar_main_class));
 }
 
 template <ArchType_CL arch>
-const ControlAreaString_CL<1024>* ControlAreaImpl_CL<arch>::get_vm_work_dir() const {
-    return guarded_string<ControlAreaString_CL<1024>>(CA_OFFSET(_vm_work_dir));
+ControlAreaText_CL<1024> ControlAreaImpl_CL<arch>::get_vm_work_dir() const {
+    return guarded_text<1024>(CA_OFFSET(_vm_work_dir));
 }
 
 template <ArchType_CL arch>
-const ControlAreaString_CL<256>* ControlAreaImpl_CL<arch>::get_vm_version() const {
-    return guarded_string<ControlAreaString_CL<256>>(CA_OFFSET(_vm_version));
+ControlAreaText_CL<256> ControlAreaImpl_CL<arch>::get_vm_version() const {
+    return guarded_text<256>(CA_OFFSET(_vm_version));
 }
 
 // The parameter is stored before the flag is raised, so that the VM, woken by the flag, sees it.
 template <ArchType_CL arch>
 void ControlAreaImpl_CL<arch>::start_debugging(int suspend) {
     if (!field_present(CA_OFFSET(_suspend_policy), sizeof(int32_t))) return;
-    store<int32_t>(CA_OFFSET(_suspend_policy), suspend);
+    if (!store<int32_t>(CA_OFFSET(_suspend_policy), suspend)) return;
     set_flag(ZUL_CONTROLS_START_DEBUGGING);
 }
 
@@ -261,7 +285,7 @@ int64_t ControlAreaImpl_CL<arch>::get_committed_code_cache_size() const {
 template <ArchType_CL arch>
 void ControlAreaImpl_CL<arch>::exit(int exit_code) {
     if (!field_present(CA_OFFSET(_requested_exit_code), sizeof(int32_t))) return;
-    store<int32_t>(CA_OFFSET(_requested_exit_code), exit_code);
+    if (!store<int32_t>(CA_OFFSET(_requested_exit_code), exit_code)) return;
     set_flag(ZUL_CONTROLS_EXIT);
 }
 
@@ -370,8 +394,8 @@ void ControlAreaImpl_CL<arch>::set_current_debug_port(int port) {
 }
 
 template <ArchType_CL arch>
-const ControlAreaString_CL<2048>* ControlAreaImpl_CL<arch>::get_virtualization_info() const {
-    return guarded_string<ControlAreaString_CL<2048>>(CA_OFFSET(_splittable_virtualization_info));
+ControlAreaText_CL<2048> ControlAreaImpl_CL<arch>::get_virtualization_info() const {
+    return guarded_text<2048>(CA_OFFSET(_splittable_virtualization_info));
 }
 
 #undef CA_OFFSET

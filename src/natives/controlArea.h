@@ -3,11 +3,16 @@
 // Older VMs publish a shorter per-VM area, so every field access first compares the published
 // size with the field's offset (not its end: an area that reaches a field's first byte has that
 // field read) and yields a default when the area is too small. Besides that, a view never
-// touches a byte outside the mapping it was made over: the manager tells it how many bytes are
-// mapped from its start, and a field whose bytes reach beyond them is treated as absent.
+// touches a byte outside the memory it was made over: the manager tells it how many bytes it
+// may read from its start; a number whose bytes reach beyond them is treated as absent, and a
+// text is read up to its terminator, its capacity or the end of those bytes, whichever is first.
+//
+// Stores go straight into that memory, or, when the view was given a writer (the memory is a
+// copy of a file that its owner may cut), to the writer, which puts them into the file.
 #ifndef NOX_NATIVES_CONTROL_AREA_H
 #define NOX_NATIVES_CONTROL_AREA_H
 
+#include "blockWriter.h"
 #include "controlAreaLayout.h"
 
 #include <cstddef>
@@ -60,20 +65,20 @@ public:
     virtual int get_pid() const = 0;
     virtual int get_vm_index() const = 0;
     virtual int get_vm_id() const = 0;
-    virtual const ControlAreaString_CL<64>* get_vm_tag() const = 0;
+    virtual ControlAreaText_CL<64> get_vm_tag() const = 0;
     virtual bool can_debug_on_demand() const = 0;
     virtual ZULDebuggingState_CL get_debugging_state() const = 0;
     virtual void get_default_port_range(int* from_port, int* to_port) const = 0;
     virtual int get_current_debug_port() const = 0;
-    virtual const ControlAreaString_CL<256>* get_debugging_client() const = 0;
+    virtual ControlAreaText_CL<256> get_debugging_client() const = 0;
     virtual bool get_debugging_locally() const = 0;
-    virtual const ControlAreaString_CL<4096>* get_vm_flags() const = 0;
-    virtual const ControlAreaString_CL<4096>* get_vm_args() const = 0;
-    virtual const ControlAreaString_CL<4096>* get_vm_java_args() const = 0;
-    virtual const ControlAreaString_CL<4096>* get_splittable_vm_java_args() const = 0;
-    virtual const ControlAreaString_CL<4096>* get_jar_main_class() const = 0;
-    virtual const ControlAreaString_CL<1024>* get_vm_work_dir() const = 0;
-    virtual const ControlAreaString_CL<256>* get_vm_version() const = 0;
+    virtual ControlAreaText_CL<4096> get_vm_flags() const = 0;
+    virtual ControlAreaText_CL<4096> get_vm_args() const = 0;
+    virtual ControlAreaText_CL<4096> get_vm_java_args() const = 0;
+    virtual ControlAreaText_CL<4096> get_splittable_vm_java_args() const = 0;
+    virtual ControlAreaText_CL<4096> get_jar_main_class() const = 0;
+    virtual ControlAreaText_CL<1024> get_vm_work_dir() const = 0;
+    virtual ControlAreaText_CL<256> get_vm_version() const = 0;
     // Stores the suspend policy, then raises the start-debugging flag.
     virtual void start_debugging(int suspend) = 0;
     virtual void get_process_time_info(long* system_time, long* user_time, long* processing_time) const = 0;
@@ -103,7 +108,7 @@ public:
     // The two setters change the area without raising a flag or waking the VM.
     virtual void set_debug_on_demand(bool can_debug_on_demand) = 0;
     virtual void set_current_debug_port(int port) = 0;
-    virtual const ControlAreaString_CL<2048>* get_virtualization_info() const = 0;
+    virtual ControlAreaText_CL<2048> get_virtualization_info() const = 0;
 
     void stop_debugging() { set_flag(ZUL_CONTROLS_STOP_DEBUGGING); }
 };
@@ -113,11 +118,14 @@ class ControlAreaImpl_CL : public ControlArea_CL {
 public:
     typedef ControlAreaLayout_CL<arch> Layout;
 
-    // A view over a whole per-VM layout: `ca` must point to at least sizeof(Layout) mapped bytes.
+    // A view over a whole per-VM layout: `ca` must point to at least sizeof(Layout) bytes.
     // `ca_size` is the published size against which every field is guarded.
     ControlAreaImpl_CL(void* ca, size_t ca_size);
-    // A view over `readable` mapped bytes from `ca`; fields reaching beyond them read as absent.
+    // A view over `readable` bytes from `ca`; fields reaching beyond them read as absent.
     ControlAreaImpl_CL(void* ca, size_t ca_size, size_t readable);
+    // As above, with every store handed to `writer` at `block_offset` (the area's offset in its
+    // block) plus the field's offset, instead of being made in the memory at `ca`.
+    ControlAreaImpl_CL(void* ca, size_t ca_size, size_t readable, BlockWriter_CL* writer, size_t block_offset);
 
     int* get_flag_address(ControlAreaFlags flag) const override;
     bool is_valid() const override;
@@ -125,20 +133,20 @@ public:
     int get_pid() const override;
     int get_vm_index() const override;
     int get_vm_id() const override;
-    const ControlAreaString_CL<64>* get_vm_tag() const override;
+    ControlAreaText_CL<64> get_vm_tag() const override;
     bool can_debug_on_demand() const override;
     ZULDebuggingState_CL get_debugging_state() const override;
     void get_default_port_range(int* from_port, int* to_port) const override;
     int get_current_debug_port() const override;
-    const ControlAreaString_CL<256>* get_debugging_client() const override;
+    ControlAreaText_CL<256> get_debugging_client() const override;
     bool get_debugging_locally() const override;
-    const ControlAreaString_CL<4096>* get_vm_flags() const override;
-    const ControlAreaString_CL<4096>* get_vm_args() const override;
-    const ControlAreaString_CL<4096>* get_vm_java_args() const override;
-    const ControlAreaString_CL<4096>* get_splittable_vm_java_args() const override;
-    const ControlAreaString_CL<4096>* get_jar_main_class() const override;
-    const ControlAreaString_CL<1024>* get_vm_work_dir() const override;
-    const ControlAreaString_CL<256>* get_vm_version() const override;
+    ControlAreaText_CL<4096> get_vm_flags() const override;
+    ControlAreaText_CL<4096> get_vm_args() const override;
+    ControlAreaText_CL<4096> get_vm_java_args() const override;
+    ControlAreaText_CL<4096> get_splittable_vm_java_args() const override;
+    ControlAreaText_CL<4096> get_jar_main_class() const override;
+    ControlAreaText_CL<1024> get_vm_work_dir() const override;
+    ControlAreaText_CL<256> get_vm_version() const override;
     void start_debugging(int suspend) override;
     void get_process_time_info(long* system_time, long* user_time, long* processing_time) const override;
     int64_t get_committed_class_pool_size() const override;
@@ -165,7 +173,7 @@ public:
     bool get_has_metaspace() const override;
     void set_debug_on_demand(bool can_debug_on_demand) override;
     void set_current_debug_port(int port) override;
-    const ControlAreaString_CL<2048>* get_virtualization_info() const override;
+    ControlAreaText_CL<2048> get_virtualization_info() const override;
 
     size_t get_ca_size() const { return _ca_size; }
     Layout* get_ca_pointer() const { return _ca; }
@@ -179,16 +187,18 @@ private:
     template <typename T>
     T load(size_t offset) const;
     template <typename T>
-    void store(size_t offset, T value);
+    bool store(size_t offset, T value);
     int32_t guarded_int(size_t offset, int32_t absent) const;
     int64_t guarded_long(size_t offset, int64_t absent) const;
     bool guarded_boolean(size_t threshold, size_t offset) const;
-    template <typename S>
-    const S* guarded_string(size_t offset) const;
+    template <int N>
+    ControlAreaText_CL<N> guarded_text(size_t offset) const;
 
     Layout* _ca;
     const size_t _ca_size;
     const size_t _readable;
+    BlockWriter_CL* const _writer;
+    const size_t _block_offset;
 };
 
 #endif

@@ -1,6 +1,5 @@
 #include "controlAreaManager.h"
 
-#include "allocations.h"
 #include "basicInstanceControlArea.h"
 #include "controlAreaFile.h"
 #include "sharedUtils.h"
@@ -10,27 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <new>
 #include <unistd.h>
 #include <utility>
 
 namespace {
-
-// Views live on the library's heap: constructed into wrap_malloc storage, destroyed explicitly.
-template <typename T, typename... Args>
-T* create_view(Args&&... args) {
-    void* memory = wrap_malloc(alloc_site("(libnoxjvm_inspector.so) src/natives/controlAreaManager.cpp:create_view"),
-                               sizeof(T));
-    if (memory == nullptr) return nullptr;
-    return new (memory) T(std::forward<Args>(args)...);
-}
-
-template <typename T>
-void destroy_view(T* view) {
-    if (view == nullptr) return;
-    view->~T();
-    wrap_free(alloc_site("(libnoxjvm_inspector.so) src/natives/controlAreaManager.cpp:destroy_view"), view);
-}
 
 // Bytes a header promises: instance area plus `slots` per-VM areas; false when that overflows.
 bool promised_bytes(size_t instance_size, size_t per_vm_size, int slots, size_t* total) {
@@ -40,67 +22,90 @@ bool promised_bytes(size_t instance_size, size_t per_vm_size, int slots, size_t*
     return !__builtin_add_overflow(all_slots, instance_size, total);
 }
 
+// Bytes of the per-VM layout of a width: what a view of that width can read at most.
+size_t per_vm_layout_size(ArchType_CL arch_type) {
+    return arch_type == Bit64 ? sizeof(ControlAreaLayout_CL<Bit64>) : sizeof(ControlAreaLayout_CL<Bit32>);
+}
+
 // The discovery's shared-file cache, created when the library is loaded and replaced by every
 // scan of the control-area files.
 void* shared_files_cache = J2SE::SharedFile::create_shared_files_cache();
 
 }  // namespace
 
+bool FileCopyWriter_CL::write(size_t offset, const void* bytes, size_t length) {
+    if (_copy.write_through(offset, bytes, length)) return true;
+    _failed = true;
+    return false;
+}
+
 ControlAreaManager_CL::ControlAreaManager_CL(const ClusterInfo_CL& info)
     : _cluster_type(info._type),
       _attached_area(nullptr),
       _attached(false),
-      _shared_file(),
+      _file_copy(),
+      _file_writer(_file_copy),
       _shared_memory(),
-      _instance_control_area(nullptr),
+      _instance_control_area(),
       _control_areas(8),
-      _mapped_len(0) {
-    // The block is attached once, and its header is checked on that attachment: a second
-    // attachment only to read the header would double the cost of the unmap (tens of
-    // microseconds per call). The header is read once into locals; init() reads the sizes again
-    // and checks them against the same mapping.
-    void* block = nullptr;
-    size_t block_bytes = 0;
+      _mapped_len(0),
+      _extent(0) {
+    // The block is attached (or copied) once, and its header is checked on that attachment; the
+    // header is read once into locals, and init() reads the sizes again from the same memory.
     if (_cluster_type == CLUSTER_TYPE_INSTANCE) {
-        J2SE::SharedMemory memory = J2SE::ControlAreaFile::attach_shared_memory(
+        _shared_memory = J2SE::ControlAreaFile::attach_shared_memory(
             info._id, J2SE::SharedMemory::SHARED_MEMORY_KEY_CONTROLS, nullptr, nullptr);
-        if (memory.get_map_address() == nullptr || memory.get_map_size() == 0) {
-            memory.detach();
+        if (_shared_memory.get_map_address() == nullptr || _shared_memory.get_map_size() == 0) {
+            _shared_memory.detach();
             return;
         }
-        _shared_memory.take_over(memory);
-        block = _shared_memory.get_map_address();
-        block_bytes = _shared_memory.get_map_size();
+        _attached = true;
+        size_t bytes = _shared_memory.get_map_size();
+        if (!adopt_block(_shared_memory.get_map_address(), bytes, bytes)) detach();
     } else if (_cluster_type == CLUSTER_TYPE_PROCESS) {
-        J2SE::SharedFile file = J2SE::ControlAreaFile::attach_control_area(info._id, nullptr);
-        // Only the bytes behind the file's lead-in belong to the block, so they are what must
-        // hold the header and the promised bytes.
-        if (!file.is_attached() || file.get_map_size() <= file.get_map_offset()) {
-            file.detach();
-            return;
-        }
-        _shared_file = file;  // the copy takes the mapping over
-        block = static_cast<char*>(_shared_file.get_map_address()) + _shared_file.get_map_offset();
-        block_bytes = _shared_file.get_map_size() - _shared_file.get_map_offset();
-    } else {
-        return;
+        if (!copy_process_cluster(info._id)) return;
+        _attached = true;
+        if (!adopt_block(_file_copy.block(), _file_copy.size(), _file_copy.extent())) detach();
     }
-    _attached = true;
-    if (!adopt_block(block, block_bytes)) detach();
 }
 
-bool ControlAreaManager_CL::adopt_block(void* block, size_t block_bytes) {
-    // Accepted (eyecatcher, major version, whole header mapped, slot count of the type) and
+bool ControlAreaManager_CL::copy_process_cluster(int pid) {
+    J2SE::ControlAreaCopy copy = J2SE::ControlAreaFile::copy_control_area(pid, FIRST_COPY_BYTES);
+    if (!copy.is_open()) return false;
+    BasicHeaderFacts_CL facts;
+    size_t needed = 0;
+    if (!BasicInstanceControlArea_CL::accept_header(copy.block(), copy.size(), CLUSTER_TYPE_PROCESS, &facts) ||
+        !promised_bytes(facts.instance_control_area_size, facts.control_area_size, facts.max_vm_nr, &needed) ||
+        copy.extent() < needed) {
+        return false;
+    }
+    // The one slot starts behind the instance area; its view reads no more than its layout.
+    // A slot that the first read did not reach is copied now (the bytes between stay zero: no
+    // view reads them).
+    size_t slot_start = facts.instance_control_area_size;
+    size_t slot_end = slot_start + per_vm_layout_size(facts.arch_type);
+    if (slot_end > copy.extent()) slot_end = copy.extent();
+    if (slot_end > copy.size()) {
+        size_t from = slot_start > copy.size() ? slot_start : copy.size();
+        if (!copy.copy_range(from, slot_end)) return false;
+    }
+    _file_copy = std::move(copy);
+    return true;
+}
+
+bool ControlAreaManager_CL::adopt_block(void* block, size_t readable, size_t extent) {
+    // Accepted (eyecatcher, major version, whole header present, slot count of the type) and
     // large enough for every slot the header promises; else the block is refused whole.
     BasicHeaderFacts_CL facts;
     size_t needed = 0;
-    if (!BasicInstanceControlArea_CL::accept_header(block, block_bytes, _cluster_type, &facts) ||
+    if (!BasicInstanceControlArea_CL::accept_header(block, readable, _cluster_type, &facts) ||
         !promised_bytes(facts.instance_control_area_size, facts.control_area_size, facts.max_vm_nr, &needed) ||
-        block_bytes < needed) {
+        extent < needed) {
         return false;
     }
     _attached_area = block;
-    _mapped_len = block_bytes;
+    _mapped_len = readable;
+    _extent = extent;
     if (init(facts.arch_type, facts.max_vm_nr, true)) return true;
     _attached_area = nullptr;
     return false;
@@ -110,16 +115,19 @@ ControlAreaManager_CL::ControlAreaManager_CL(void* control_area, int len, Cluste
     : _cluster_type(type),
       _attached_area(control_area),
       _attached(false),
-      _shared_file(),
+      _file_copy(),
+      _file_writer(_file_copy),
       _shared_memory(),
-      _instance_control_area(nullptr),
+      _instance_control_area(),
       _control_areas(8),
-      _mapped_len(0) {
+      _mapped_len(0),
+      _extent(0) {
     if (control_area == nullptr) return;
     // The caller vouches for `len` slots of the fixed sizes.
     if (!promised_bytes(DEFAULT_INSTANCE_CONTROL_AREA_SIZE, DEFAULT_CONTROL_AREA_SIZE, len > 0 ? len : 0, &_mapped_len)) {
         return;
     }
+    _extent = _mapped_len;
     init(Bit64, len, false);
 }
 
@@ -127,71 +135,66 @@ ControlAreaManager_CL::ControlAreaManager_CL(const MappedBlock_CL& block, Cluste
     : _cluster_type(type),
       _attached_area(nullptr),
       _attached(false),
-      _shared_file(),
+      _file_copy(),
+      _file_writer(_file_copy),
       _shared_memory(),
-      _instance_control_area(nullptr),
+      _instance_control_area(),
       _control_areas(8),
-      _mapped_len(0) {
-    adopt_block(block.address, block.length);
+      _mapped_len(0),
+      _extent(0) {
+    adopt_block(block.address, block.length, block.length);
 }
 
 ControlAreaManager_CL::~ControlAreaManager_CL() {
+    // The views, destroyed with the members, never touch the block on their way out.
     if (_attached) detach();
-    destroy_view(_instance_control_area);
-    _instance_control_area = nullptr;
-    for (int i = 0; i < _control_areas.size(); i++) destroy_view(_control_areas[i]);
 }
 
 bool ControlAreaManager_CL::init(ArchType_CL arch_type, int len, bool cluster_existing) {
     if (is_valid()) return false;
     if (_attached_area == nullptr) return false;
-    // The instance view reads its fields without guards, so the mapping must hold the whole
-    // instance layout of this width.
-    size_t instance_layout = arch_type != Bit32 ? sizeof(InstanceControlAreaLayout_CL<Bit64>)
-                                                : sizeof(InstanceControlAreaLayout_CL<Bit32>);
-    if (_mapped_len < instance_layout) return false;
-    destroy_view(_instance_control_area);
+    // The instance view reads only the bytes of the block that are there: a block may end right
+    // after the basic header, and the fields behind it then read as 0.
     if (arch_type != Bit32) {
-        _instance_control_area = create_view<InstanceControlAreaImpl_CL<Bit64>>(_attached_area);
+        _instance_control_area = J2SE::Owned<InstanceControlArea_CL>::make<InstanceControlAreaImpl_CL<Bit64>>(
+            _attached_area, _mapped_len);
     } else {
-        _instance_control_area = create_view<InstanceControlAreaImpl_CL<Bit32>>(_attached_area);
+        _instance_control_area = J2SE::Owned<InstanceControlArea_CL>::make<InstanceControlAreaImpl_CL<Bit32>>(
+            _attached_area, _mapped_len);
     }
-    if (_instance_control_area == nullptr) return false;
+    if (_instance_control_area.is_empty()) return false;
 
     size_t instance_size = DEFAULT_INSTANCE_CONTROL_AREA_SIZE;
     size_t per_vm_size = DEFAULT_CONTROL_AREA_SIZE;
     if (cluster_existing) {
         if (!_instance_control_area->is_compatible()) return false;
-        // Each size is read once; every slot is placed from these copies.
+        // Each size is read once; every slot is placed from these copies. The published areas
+        // must lie inside the block; a slot whose eyecatcher lies outside what can be read is
+        // simply not a slot in use. The count bound stops absurd numbers of empty slots.
         instance_size = _instance_control_area->get_instance_control_area_size();
         per_vm_size = _instance_control_area->get_control_area_size();
         if (len > MAX_TRUSTED_SLOTS) return false;
-        // The published areas must lie inside the mapping; a slot smaller than its eyecatcher
-        // still needs the eyecatcher's 4 bytes, which is what keeps a huge count of empty
-        // slots from being accepted.
-        size_t footprint = per_vm_size < sizeof(int32_t) ? sizeof(int32_t) : per_vm_size;
         size_t needed = 0;
-        if (!promised_bytes(instance_size, footprint, len, &needed) || needed > _mapped_len) return false;
+        if (!promised_bytes(instance_size, per_vm_size, len, &needed) || needed > _extent) return false;
     }
     if (len <= 0) return true;
 
     _control_areas.reserve(len);
+    BlockWriter_CL* writer = _file_copy.is_open() ? &_file_writer : nullptr;
     for (int slot = 0; slot < len; slot++) {
         size_t start = instance_size + static_cast<size_t>(slot) * per_vm_size;
         void* address = static_cast<char*>(_attached_area) + start;
-        size_t readable = _mapped_len - start;
-        ControlArea_CL* view = nullptr;
+        size_t readable = start < _mapped_len ? _mapped_len - start : 0;
+        J2SE::Owned<ControlArea_CL> view;
         if (arch_type != Bit32) {
-            view = create_view<ControlAreaImpl_CL<Bit64>>(address, per_vm_size, readable);
+            view = J2SE::Owned<ControlArea_CL>::make<ControlAreaImpl_CL<Bit64>>(address, per_vm_size, readable, writer, start);
         } else {
-            view = create_view<ControlAreaImpl_CL<Bit32>>(address, per_vm_size, readable);
+            view = J2SE::Owned<ControlArea_CL>::make<ControlAreaImpl_CL<Bit32>>(address, per_vm_size, readable, writer, start);
         }
         int before = _control_areas.size();
-        if (view != nullptr) _control_areas.push_back(view);
+        if (!view.is_empty()) _control_areas.push_back(std::move(view));
         if (_control_areas.size() == before) {
             // Out of memory: leave no half-made list behind.
-            destroy_view(view);
-            for (int i = 0; i < _control_areas.size(); i++) destroy_view(_control_areas[i]);
             _control_areas.clear();
             return false;
         }
@@ -200,12 +203,12 @@ bool ControlAreaManager_CL::init(ArchType_CL arch_type, int len, bool cluster_ex
 }
 
 bool ControlAreaManager_CL::is_valid() const {
-    return _attached_area != nullptr && _instance_control_area != nullptr && !_control_areas.is_empty();
+    return _attached_area != nullptr && !_instance_control_area.is_empty() && !_control_areas.is_empty();
 }
 
 ControlArea_CL* ControlAreaManager_CL::get_control_area_raw(int index) const {
     if (index < 0 || index >= _control_areas.size() || !is_valid()) return nullptr;
-    return _control_areas[index];
+    return _control_areas[index].get();
 }
 
 ControlArea_CL* ControlAreaManager_CL::get_control_area(int vm_index, bool only_alive) const {
@@ -217,7 +220,7 @@ ControlArea_CL* ControlAreaManager_CL::get_control_area(int vm_index, bool only_
 
 void ControlAreaManager_CL::detach() {
     _shared_memory.detach();
-    _shared_file.detach();
+    _file_copy = J2SE::ControlAreaCopy();
     _attached_area = nullptr;
     _attached = false;
 }

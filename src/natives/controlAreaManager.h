@@ -3,12 +3,14 @@
 #ifndef NOX_NATIVES_CONTROL_AREA_MANAGER_H
 #define NOX_NATIVES_CONTROL_AREA_MANAGER_H
 
+#include "blockWriter.h"
 #include "clusterInfo.h"
 #include "controlArea.h"
+#include "controlAreaCopy.h"
 #include "controlAreaLayout.h"
 #include "cvector.h"
 #include "instanceControlArea.h"
-#include "sharedFile.h"
+#include "owned.h"
 #include "sharedMemory.h"
 
 #include <cstddef>
@@ -19,6 +21,23 @@ struct MappedBlock_CL {
     size_t length;
 };
 
+// Puts the stores of a process cluster's views into its file (and into the copy they read).
+class FileCopyWriter_CL : public BlockWriter_CL {
+public:
+    explicit FileCopyWriter_CL(J2SE::ControlAreaCopy& copy) : _copy(copy), _failed(false) {}
+    bool write(size_t offset, const void* bytes, size_t length) override;
+    // True once a store could not be made.
+    bool failed() const { return _failed; }
+
+private:
+    J2SE::ControlAreaCopy& _copy;
+    bool _failed;
+};
+
+// A process cluster's block is never mapped: its file belongs to the VM, which may cut it at
+// any moment, and a cut under a mapping raises SIGBUS in whatever touches the lost pages. The
+// manager reads a copy of the block instead, and writes requests back into the file. An
+// instance cluster's System V segment cannot be cut while it is attached, so it is attached.
 class ControlAreaManager_CL {
 public:
     // The fixed sizes used when the header is not trusted: those of the 64-bit layout.
@@ -27,6 +46,9 @@ public:
     // More slots than this in a published header are taken as hostile: every slot costs the
     // library a view object, and no VM builds clusters of this size.
     static const int MAX_TRUSTED_SLOTS = 65536;
+    // Bytes of a process cluster's file copied at once; a block whose slot lies further out has
+    // the rest copied in a second read.
+    static const size_t FIRST_COPY_BYTES = 64 * 1024;
 
     // Attaches the cluster named by `info._type` and `info._id`; usable when is_valid().
     explicit ControlAreaManager_CL(const ClusterInfo_CL& info);
@@ -45,7 +67,7 @@ public:
     bool init(ArchType_CL arch_type, int len, bool cluster_existing);
     bool is_valid() const;
     int get_max_vm_number() const { return _control_areas.size(); }
-    InstanceControlArea_CL* get_instance_control_area() const { return _instance_control_area; }
+    InstanceControlArea_CL* get_instance_control_area() const { return _instance_control_area.get(); }
     ControlArea_CL* get_control_area_raw(int index) const;
     // The view of a slot in use (eyecatcher 0xDEADBEEF) and, when `only_alive`, whose VM process
     // still exists; else null.
@@ -53,21 +75,31 @@ public:
     bool is_valid_vm_index(int index) const { return get_control_area(index, true) != nullptr; }
     // Detaches the block; the views remain but must not be used any more.
     void detach();
+    // True when a request could not be written into a process cluster's file, because its owner
+    // cut the file after it was read.
+    bool write_failed() const { return _file_writer.failed(); }
 
 private:
-    // Checks the header of `block_bytes` bytes at `block` and creates the views over them; on
-    // refusal the manager stays not valid (the caller undoes its attachment).
-    bool adopt_block(void* block, size_t block_bytes);
+    // Copies the block of process cluster `pid`: the header, the instance area and as much of
+    // the slot as a view can read. False when there is no block to adopt.
+    bool copy_process_cluster(int pid);
+    // Checks the header of the block at `block`, of which `readable` bytes may be read and
+    // `extent` bytes exist, and creates the views; on refusal the manager stays not valid (the
+    // caller undoes its attachment).
+    bool adopt_block(void* block, size_t readable, size_t extent);
 
     const ClusterType_CL _cluster_type;
     void* _attached_area;
     bool _attached;
-    J2SE::SharedFile _shared_file;
+    J2SE::ControlAreaCopy _file_copy;
+    FileCopyWriter_CL _file_writer;
     J2SE::SharedMemory _shared_memory;
-    InstanceControlArea_CL* _instance_control_area;
-    J2SE::cvector<ControlArea_CL*> _control_areas;
-    // Bytes mapped from _attached_area on; no view reaches beyond them.
+    J2SE::Owned<InstanceControlArea_CL> _instance_control_area;
+    J2SE::cvector<J2SE::Owned<ControlArea_CL>> _control_areas;
+    // Bytes from _attached_area that the views may read, and bytes the block has (the copy of a
+    // file may hold less than the file).
     size_t _mapped_len;
+    size_t _extent;
 };
 
 class Controls {

@@ -4,6 +4,7 @@
 #ifndef NOX_SHARED_CONTROL_AREA_FILE_H
 #define NOX_SHARED_CONTROL_AREA_FILE_H
 
+#include "controlAreaCopy.h"
 #include "cstring.h"
 #include "cvector.h"
 #include "sharedEvent.h"
@@ -25,16 +26,22 @@ int unix_get_event_key(int pid, int key);
 class ControlAreaFile {
 public:
     // Offset of the control area inside its file; the first 8 bytes are a lead-in.
-    static const size_t CONTROL_AREA_OFFSET = 8;
+    static const size_t CONTROL_AREA_OFFSET = ControlAreaCopy::BLOCK_OFFSET;
 
     // The control-area file of `pid`, attached read-write with map offset 8; or a SharedFile
     // with pid -1 when no file is known for the pid even after one rescan of /tmp, or with the
-    // pid and name but no mapping when the file could not be mapped.
+    // pid and name but no mapping when the file could not be mapped. The library's own readers
+    // never map a control-area file (its owner may cut it: see copy_control_area); this is for
+    // callers that own the file or can afford a SIGBUS.
     static SharedFile attach_control_area(int pid, const TraceOutput* tracer);
-    // Finds the file of `pid` as attach_control_area does and copies up to `wanted` bytes of it
-    // from behind the lead-in into `buffer`, without mapping it. True when the file opened as a
-    // non-empty regular file (the case in which attach_control_area maps it); `available` tells
-    // how many bytes were copied (0 when the file holds no more than its lead-in).
+    // Finds the file of `pid` as attach_control_area does, opens it and copies the first
+    // `first_bytes` bytes of its block (fewer when the block is shorter). The result is not
+    // open when no file is known for the pid, the file cannot be opened as a regular file, or it
+    // was cut while being read.
+    static ControlAreaCopy copy_control_area(int pid, size_t first_bytes);
+    // Copies up to `wanted` bytes of the block of `pid` into `buffer`, as copy_control_area
+    // does. True when the file could be read; `available` tells how many bytes were copied
+    // (0 when the file holds no more than its lead-in).
     static bool read_control_area_header(int pid, void* buffer, size_t wanted, size_t* available);
     // Deletes the calling process's own control-area file.
     static void destroy_control_area();

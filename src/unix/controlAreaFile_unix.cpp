@@ -126,50 +126,19 @@ SharedFile ControlAreaFile::attach_control_area(int pid, const TraceOutput* trac
     return file;  // the copy takes the mapping over
 }
 
-// Above this size the header is read through a mapping as attach_control_area would, so that a
-// file too large to map (a sparse file planted in /tmp) is refused exactly as before; a real
-// control-area file is a few dozen KB.
-static const off_t LARGEST_FILE_READ_BY_COPY = 1 << 20;
+ControlAreaCopy ControlAreaFile::copy_control_area(int pid, size_t first_bytes) {
+    ControlAreaCopy copy;
+    cstring name = find_control_area_name(pid);
+    if (!name.is_empty()) copy.open_and_copy(name, first_bytes);
+    return copy;
+}
 
-// Mapping and unmapping the whole file only to read its first bytes costs tens of microseconds
-// (mostly the munmap); one pread of the lead-in and header costs about one. The descriptor is
-// opened and checked exactly as SharedFile::attach does, so the same files are accepted.
 bool ControlAreaFile::read_control_area_header(int pid, void* buffer, size_t wanted, size_t* available) {
     *available = 0;
-    cstring name = find_control_area_name(pid);
-    if (name.is_empty()) return false;
-    // /tmp is writable by anyone: follow no link, never block on a FIFO, accept a regular file.
-    int fd = open(name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return false;
-    struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0) {
-        close(fd);
-        return false;
-    }
-    if (st.st_size > LARGEST_FILE_READ_BY_COPY) {
-        close(fd);
-        SharedFile file(pid, name);
-        if (!file.attach(true, nullptr)) return false;
-        size_t size = file.get_map_size();
-        if (size > CONTROL_AREA_OFFSET) {
-            *available = size - CONTROL_AREA_OFFSET < wanted ? size - CONTROL_AREA_OFFSET : wanted;
-            memcpy(buffer, static_cast<char*>(file.get_map_address()) + CONTROL_AREA_OFFSET, *available);
-        }
-        file.detach();
-        return true;
-    }
-    // Only the bytes the file had at fstat count, as with a mapping of that size; a file that
-    // shrinks meanwhile yields a short read here, where a mapping would have raised SIGBUS.
-    size_t size = static_cast<size_t>(st.st_size);
-    if (size > CONTROL_AREA_OFFSET) {
-        size_t want = size - CONTROL_AREA_OFFSET < wanted ? size - CONTROL_AREA_OFFSET : wanted;
-        ssize_t got;
-        do {
-            got = pread(fd, buffer, want, static_cast<off_t>(CONTROL_AREA_OFFSET));
-        } while (got < 0 && errno == EINTR);
-        if (got > 0) *available = static_cast<size_t>(got);
-    }
-    close(fd);
+    ControlAreaCopy copy = copy_control_area(pid, wanted);
+    if (!copy.is_open()) return false;
+    if (copy.size() > 0) memcpy(buffer, copy.block(), copy.size());
+    *available = copy.size();
     return true;
 }
 
@@ -184,10 +153,8 @@ void ControlAreaFile::remove_stale_control_areas(const StaleSharedFileHandler& s
 
 SharedMemory ControlAreaFile::attach_shared_memory(int nr, SharedMemory::SharedMemoryKey key, void* addr,
                                                    const TraceOutput* tracer) {
-    SharedMemory local(unix_get_shared_memory_key(nr, key));
-    local.attach(true, addr, tracer);
-    SharedMemory result;
-    result.take_over(local);
+    SharedMemory result(unix_get_shared_memory_key(nr, key));
+    result.attach(true, addr, tracer);
     return result;
 }
 

@@ -2,6 +2,7 @@
 // the simulated VM publishes. A view made with a published size equal to a field's threshold
 // reads the field; one byte less yields the default. The thresholds and the values below come
 // from the published tables, independently of the library's layout structures.
+#include "controlAreaFile.h"
 #include "controlAreaManager.h"
 #include "testSupport.h"
 #include "vmsimProcess.h"
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <fcntl.h>
 #include <functional>
 #include <unistd.h>
 
@@ -19,15 +21,25 @@ namespace {
 typedef std::function<std::string(const ControlArea_CL&)> Getter;
 
 template <int N>
-std::string text(const ControlAreaString_CL<N>* s) {
-    if (s == nullptr) return "<null>";
-    char* copy = s->get();
+std::string text(const ControlAreaText_CL<N>& s) {
+    if (!s.is_present()) return "<null>";
+    char* copy = s.get();
     std::string result(copy);
     wrap_free(alloc_site("test"), copy);
     return result;
 }
 
 std::string num(long long v) { return std::to_string(v); }
+
+// The 32-bit value at `offset` of the file at `path`, read with pread; -1 when it cannot be read.
+int32_t file_int32(const std::string& path, off_t offset) {
+    int32_t value = -1;
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    if (pread(fd, &value, sizeof value, offset) != static_cast<ssize_t>(sizeof value)) value = -1;
+    close(fd);
+    return value;
+}
 
 struct Guard {
     const char* name;        // field name for vmsim's --set
@@ -258,20 +270,22 @@ TEST(ControlAreaGuards, ExitNeedsTheExitCodeField) {
 
 TEST(ControlAreaGuards, EnqueueOperationFlagIsGuardedByItsOffset) {
     Vmsim vm({"--type", "process", "--width", "64"});
-    ControlAreaManager_CL manager(ClusterInfo_CL(false, -1, CLUSTER_TYPE_PROCESS, vm.id()));
-    auto* full = dynamic_cast<ControlAreaImpl_CL<Bit64>*>(manager.get_control_area(0, true));
-    ASSERT_NE(nullptr, full);
-    char* base = reinterpret_cast<char*>(full->get_ca_pointer());
+    // Views over a copy of the VM's file, whose stores a writer puts into the file; the slot
+    // lies behind the 288-byte instance area.
+    J2SE::ControlAreaCopy copy = J2SE::ControlAreaFile::copy_control_area(vm.id(), 1 << 20);
+    ASSERT_TRUE(copy.is_open());
+    FileCopyWriter_CL writer(copy);
+    char* base = static_cast<char*>(copy.block()) + 288;
+    size_t readable = copy.size() - 288;
     fflush(stdout);
     testing::internal::CaptureStdout();
-    ControlAreaImpl_CL<Bit64>(base, 35367).set_flag(ControlArea_CL::ZUL_CONTROLS_ENQUEUE_OPERATION);
+    ControlAreaImpl_CL<Bit64>(base, 35367, readable, &writer, 288).set_flag(ControlArea_CL::ZUL_CONTROLS_ENQUEUE_OPERATION);
     fflush(stdout);
     EXPECT_EQ("", testing::internal::GetCapturedStdout());
-    int32_t flag = -1;
-    memcpy(&flag, base + 35368, 4);
-    EXPECT_EQ(0, flag);
+    EXPECT_EQ(0, file_int32(vm.field("file"), 8 + 288 + 35368));
     // 35368 reaches the field's first byte, though its last bytes lie beyond the published size.
-    ControlAreaImpl_CL<Bit64>(base, 35368).set_flag(ControlArea_CL::ZUL_CONTROLS_ENQUEUE_OPERATION);
+    ControlAreaImpl_CL<Bit64>(base, 35368, readable, &writer, 288).set_flag(ControlArea_CL::ZUL_CONTROLS_ENQUEUE_OPERATION);
+    EXPECT_FALSE(writer.failed());
     EXPECT_EQ("REQUEST slot=0 pid=" + std::to_string(vm.pid()) + " flag=enqueue_operation", vm.wait_for("REQUEST"));
 }
 
@@ -284,7 +298,7 @@ TEST(ControlAreaStrings, FullCapacityWithoutTerminator) {
         ControlArea_CL* view = manager.get_control_area(0, true);
         ASSERT_NE(nullptr, view);
         EXPECT_EQ(std::string(4096, 'a'), text(view->get_vm_args())) << width;
-        EXPECT_EQ(4096, view->get_vm_args()->length());
+        EXPECT_EQ(4096, view->get_vm_args().length());
         EXPECT_EQ(std::string(64, 't'), text(view->get_vm_tag()));
         EXPECT_EQ(std::string(256, 'c'), text(view->get_debugging_client()));
         EXPECT_EQ(std::string(1024, 'w'), text(view->get_vm_work_dir()));
@@ -292,6 +306,6 @@ TEST(ControlAreaStrings, FullCapacityWithoutTerminator) {
         EXPECT_EQ(std::string(4095, 'j'), text(view->get_jar_main_class()));
         // A NUL at byte 0 is the empty text.
         EXPECT_EQ("", text(view->get_vm_version()));
-        EXPECT_EQ("", std::string(view->get_vm_version()->to_cstring().c_str()));
+        EXPECT_EQ("", std::string(view->get_vm_version().to_cstring().c_str()));
     }
 }

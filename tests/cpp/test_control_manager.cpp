@@ -38,9 +38,9 @@ const char* area_bytes(ControlArea_CL* view) {
     return nullptr;
 }
 
-std::string text_of(const ControlAreaString_CL<4096>* s) {
-    if (s == nullptr) return "<null>";
-    char* copy = s->get();
+std::string text_of(const ControlAreaText_CL<4096>& s) {
+    if (!s.is_present()) return "<null>";
+    char* copy = s.get();
     std::string result(copy);
     wrap_free(alloc_site("test"), copy);
     return result;
@@ -276,16 +276,27 @@ TEST(ControlAreaRequests, StartAndStopDebuggingReachTheVm) {
         ASSERT_NE(nullptr, view);
         EXPECT_EQ(ZUL_DEBUGGING_STATE_NOT_ACTIVE, view->get_debugging_state());
         view->start_debugging(2);
+        EXPECT_FALSE(manager.write_failed());
         std::string pid = std::to_string(vm.pid());
         // The VM saw the suspend policy that was stored before the flag.
         EXPECT_EQ("REQUEST slot=0 pid=" + pid + " flag=start_debugging suspend=2", vm.wait_for("REQUEST"));
-        EXPECT_EQ(ZUL_DEBUGGING_STATE_WAIT_FOR_DEBUGGER, view->get_debugging_state());
-        EXPECT_EQ(9100, view->get_current_debug_port());
-        EXPECT_EQ(0, *view->get_flag_address(ControlArea_CL::ZUL_CONTROLS_START_DEBUGGING));
-        view->stop_debugging();
+        // A process cluster is read from a copy of its file: a new manager sees what the VM did.
+        {
+            ControlAreaManager_CL after(process_cluster(vm));
+            ControlArea_CL* now = after.get_control_area(0, true);
+            ASSERT_NE(nullptr, now);
+            EXPECT_EQ(ZUL_DEBUGGING_STATE_WAIT_FOR_DEBUGGER, now->get_debugging_state());
+            EXPECT_EQ(9100, now->get_current_debug_port());
+            EXPECT_EQ(0, *now->get_flag_address(ControlArea_CL::ZUL_CONTROLS_START_DEBUGGING));
+            now->stop_debugging();
+            EXPECT_FALSE(after.write_failed());
+        }
         EXPECT_EQ("REQUEST slot=0 pid=" + pid + " flag=stop_debugging", vm.wait_for("REQUEST"));
-        EXPECT_EQ(ZUL_DEBUGGING_STATE_NOT_ACTIVE, view->get_debugging_state());
-        EXPECT_EQ(-1, view->get_current_debug_port());
+        ControlAreaManager_CL stopped(process_cluster(vm));
+        ControlArea_CL* now = stopped.get_control_area(0, true);
+        ASSERT_NE(nullptr, now);
+        EXPECT_EQ(ZUL_DEBUGGING_STATE_NOT_ACTIVE, now->get_debugging_state());
+        EXPECT_EQ(-1, now->get_current_debug_port());
     }
 }
 

@@ -12,6 +12,7 @@ const char* usage() {
            "             [--ica-size N] [--ca-size N] [--block-size N] [--attach-count N] [--mode OCTAL]\n"
            "             [--set [SLOT:]FIELD[.INDEX]=VALUE]... [--fill [SLOT:]FIELD=CHAR:COUNT]...\n"
            "             [--ica-set FIELD[.INDEX]=VALUE]... [--board SIZE] [--profiling-server]\n"
+           "             [--flap]\n"
            "See tools/vmsim/README.md.\n";
 }
 
@@ -74,8 +75,12 @@ bool parse_options(int argc, char** argv, Options* options, std::string* error) 
             *error = "";
             return false;
         }
-        if (name == "--profiling-server") {  // the one option without a value
+        if (name == "--profiling-server") {  // the two options without a value
             options->profiling_server = true;
+            continue;
+        }
+        if (name == "--flap") {
+            options->flap = true;
             continue;
         }
         if (i + 1 >= argc) {
@@ -150,6 +155,10 @@ bool parse_options(int argc, char** argv, Options* options, std::string* error) 
     }
     if (options->instance && options->id < 0) {
         *error = "an instance cluster needs --id";
+        return false;
+    }
+    if (options->flap && (options->instance || options->board_size > 0 || options->profiling_server)) {
+        *error = "--flap is for a process cluster without board or server";
         return false;
     }
     return true;

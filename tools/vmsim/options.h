@@ -44,6 +44,7 @@ struct Options {
     unsigned mode = 0700;
     uint64_t board_size = 0;        // --board: bytes of each VM's monitoring board; 0 for none
     bool profiling_server = false;  // --profiling-server: each VM listens on a socket file
+    bool flap = false;              // --flap: a process cluster that cuts and restores its file
     std::vector<FieldSetting> vm_settings;        // --set / --fill
     std::vector<FieldSetting> instance_settings;  // --ica-set
 };

@@ -396,6 +396,26 @@ bool start_services(const Options& options, int slot) {
     return true;
 }
 
+// --flap: the owner of a control-area file that cuts it to nothing and writes it whole again,
+// over and over, as soon as a byte (or the end) arrives on standard input, until vmsim is ended.
+// Readers of the file then meet it whole, cut, or half written. The VM answers no request
+// meanwhile: its own mapping of the file must not be touched while the file is cut (that would
+// raise SIGBUS here), so what it published is copied once and only written with pwrite.
+[[noreturn]] void flap_file(const void* map, uint64_t file_size) {
+    std::vector<unsigned char> content(static_cast<const unsigned char*>(map),
+                                       static_cast<const unsigned char*>(map) + file_size);
+    int fd = open(published.file.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+    char go = 0;
+    ssize_t ignored = read(STDIN_FILENO, &go, 1);
+    (void)ignored;
+    for (;;) {
+        if (fd < 0 || ftruncate(fd, 0) != 0) break;
+        if (pwrite(fd, content.data(), content.size(), 0) != static_cast<ssize_t>(content.size())) break;
+        usleep(50);  // whole for a moment, so that readers meet both states
+    }
+    for (;;) pause();  // the signal thread ends vmsim
+}
+
 int run_process_cluster(const Options& options, const Geometry& g) {
     pid_t own = getpid();
     published.file = "/tmp/nox_jvm_" + std::to_string(geteuid()) + "_" + std::to_string(own);
@@ -441,6 +461,7 @@ int run_process_cluster(const Options& options, const Geometry& g) {
     published.own_services = runs_a_vm && published.services;
     if (runs_a_vm && !start_services(options, 0)) { clean_up(); return 2; }
     say(ready_line(options, g, slot_pids, 0, {own}, runs_a_vm ? std::vector<int>{own} : std::vector<int>()));
+    if (options.flap) flap_file(map, file_size);
     if (runs_a_vm) {
         run_vm(block, options, g.instance_size, 0, published.own_sem_id, process_exit);
     }

@@ -1,10 +1,12 @@
 #include "testSupport.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <signal.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -12,6 +14,7 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace noxtest {
 
@@ -88,6 +91,51 @@ bool path_exists(const std::string& path) {
 
 int private_ipc_key(int n) {
     return 0x6e000000 + (static_cast<int>(getpid()) % 0x100000) * 16 + n;
+}
+
+namespace {
+
+struct MapLine {
+    uintptr_t begin;
+    uintptr_t end;
+    std::string path;
+};
+
+std::vector<MapLine> read_maps() {
+    std::vector<MapLine> lines;
+    std::ifstream maps("/proc/self/maps");
+    std::string line;
+    while (std::getline(maps, line)) {
+        MapLine m;
+        unsigned long long begin = 0, end = 0;
+        int consumed = 0;
+        if (sscanf(line.c_str(), "%llx-%llx %*s %*s %*s %*s%n", &begin, &end, &consumed) < 2) continue;
+        m.begin = static_cast<uintptr_t>(begin);
+        m.end = static_cast<uintptr_t>(end);
+        std::string rest = consumed > 0 ? line.substr(static_cast<size_t>(consumed)) : "";
+        size_t first = rest.find_first_not_of(' ');
+        m.path = first == std::string::npos ? "" : rest.substr(first);
+        lines.push_back(m);
+    }
+    return lines;
+}
+
+}  // namespace
+
+int mapping_count(const void* address) {
+    int count = 0;
+    for (const MapLine& m : read_maps()) {
+        if (m.begin == reinterpret_cast<uintptr_t>(address)) count++;
+    }
+    return count;
+}
+
+std::string mapping_path(const void* address) {
+    uintptr_t a = reinterpret_cast<uintptr_t>(address);
+    for (const MapLine& m : read_maps()) {
+        if (m.begin <= a && a < m.end) return m.path;
+    }
+    return "-";
 }
 
 std::string command_output(const std::string& command) {

@@ -78,6 +78,12 @@ public:
 // small per-test number, far from the key ranges of instance clusters and VM events.
 int private_ipc_key(int n);
 
+// Mappings of this process (lines of /proc/self/maps) whose range starts at `address`.
+int mapping_count(const void* address);
+// The path of the mapping of this process that contains `address`: "" for anonymous memory,
+// "-" when nothing is mapped there.
+std::string mapping_path(const void* address);
+
 // Runs a shell command and returns what it printed on standard output.
 std::string command_output(const std::string& command);
 

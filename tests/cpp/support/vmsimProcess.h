@@ -6,6 +6,7 @@
 // test case that publishes an instance cluster uses ids of its own:
 //
 //   ids     test file                        use
+//   1-3     test_block_extent.cpp            InstanceViewReadsOnlyWhatTheBlockHolds (own segments)
 //   10-13   test_control_manager.cpp         MappingMustHoldTheHeaderOfItsWidth
 //   14      test_control_manager.cpp         SlotCountMustFitTheClusterType
 //   15      test_control_manager.cpp         BlockOneByteShorterThanPromisedIsRefusedWhole

@@ -52,6 +52,12 @@ public final class Vmsim implements AutoCloseable {
         return Arrays.stream(field("pids").split(",")).mapToInt(Integer::parseInt).toArray();
     }
 
+    /** Sends one byte to vmsim's standard input (a vmsim started with --flap starts cutting its file). */
+    public void poke() throws IOException {
+        process.getOutputStream().write('g');
+        process.getOutputStream().flush();
+    }
+
     /** The next line vmsim prints, or null at the end of its output. */
     public String nextLine() throws IOException {
         return out.readLine();
