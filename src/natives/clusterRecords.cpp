@@ -10,11 +10,12 @@ static long wrapping_sum(long a, long b) {
     return static_cast<long>(static_cast<unsigned long>(a) + static_cast<unsigned long>(b));
 }
 
-// Writes the text of a fixed string field: the bytes before the first NUL, at most N; the
-// empty string when the area has no such field (or the copy cannot be made).
+// Writes the text of a fixed string field: the bytes before the first NUL, at most N and no
+// further than the block goes; the empty string when the area has no such field (or the copy
+// cannot be made).
 template <int N>
-static void write_text(DataOutputStream_CL& out, const ControlAreaString_CL<N>* text) {
-    char* copy = text != nullptr ? text->get() : nullptr;
+static void write_text(DataOutputStream_CL& out, const ControlAreaText_CL<N>& text) {
+    char* copy = text.get();
     if (copy == nullptr) {
         out.writeString(String_CL{"", 0});
         return;

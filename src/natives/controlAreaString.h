@@ -33,4 +33,32 @@ public:
     char _string[N];
 };
 
+// A text field as far as the block holds it: the field's N bytes, or fewer when the block ends
+// inside them (a text that reaches the end of the block without a NUL stops there). A field that
+// the block does not publish at all is absent: it has no characters.
+template <int N>
+class ControlAreaText_CL {
+public:
+    static const int CAPACITY = N;
+
+    ControlAreaText_CL() : _chars(nullptr), _room(0) {}
+    // `room` bytes of the field lie in the block, at most N.
+    ControlAreaText_CL(const char* chars, int room) : _chars(chars), _room(room < 0 ? 0 : (room > N ? N : room)) {}
+
+    bool is_present() const { return _chars != nullptr; }
+    // Bytes of the field that lie in the block.
+    int room() const { return _room; }
+    const char* chars() const { return _chars; }
+
+    // A new NUL-terminated copy of the text (wrap_free releases it); null when absent or when
+    // memory is short.
+    char* get() const { return _chars != nullptr ? ControlAreaStringBase_CL::get_impl(_chars, _room) : nullptr; }
+    J2SE::cstring to_cstring() const { return ControlAreaStringBase_CL::to_cstring(_chars, _room); }
+    int length() const { return ControlAreaStringBase_CL::text_length(_chars, _room); }
+
+private:
+    const char* _chars;
+    int _room;
+};
+
 #endif

@@ -1,7 +1,7 @@
 // The instance control area of an attached block: its header facts, the attach count and the
-// shared heap figures. InstanceControlAreaImpl_CL reads the layout of one width; the manager
-// creates it only over a mapping that holds the whole instance layout of that width, so its
-// reads need no size guard.
+// shared heap figures. InstanceControlAreaImpl_CL reads the layout of one width. A block may be
+// shorter than that layout (a header is accepted as soon as the basic header fits), so the view
+// knows how many bytes it may read: a field beyond them reads as 0 and is never written.
 #ifndef NOX_NATIVES_INSTANCE_CONTROL_AREA_H
 #define NOX_NATIVES_INSTANCE_CONTROL_AREA_H
 
@@ -39,8 +39,11 @@ class InstanceControlAreaImpl_CL : public InstanceControlArea_CL {
     typedef typename ArchTraits_CL<arch>::size_type size_type;
 
 public:
-    // `ica` must point to at least sizeof(InstanceControlAreaLayout_CL<arch>) mapped bytes.
-    explicit InstanceControlAreaImpl_CL(void* ica) : _ica(static_cast<Layout*>(ica)) {}
+    // A view over a block whose owner vouches for every byte the view reads or writes
+    // (including the whole block that destroy() zeroes).
+    explicit InstanceControlAreaImpl_CL(void* ica) : _ica(static_cast<Layout*>(ica)), _readable(SIZE_MAX) {}
+    // A view over `readable` bytes from `ica`; fields reaching beyond them read as 0.
+    InstanceControlAreaImpl_CL(void* ica, size_t readable) : _ica(static_cast<Layout*>(ica)), _readable(readable) {}
 
     size_t get_instance_control_area_size() const override {
         return widen_size_CL(load<size_type>(offsetof(Layout, _bica) + offsetof(Header, _instance_control_area_size)));
@@ -85,8 +88,8 @@ public:
     }
 
     // Zeroes the instance area and every per-VM area, as the owner of a block does when it
-    // tears it down; the caller must own a mapping of that many bytes. Nothing is written when
-    // the published sizes overflow.
+    // tears it down. Nothing is written when the published sizes overflow or reach beyond the
+    // bytes the view may touch.
     void destroy() {
         int slots = get_max_vm_number();
         size_t per_vm = 0;
@@ -94,6 +97,7 @@ public:
         if (slots < 0) return;
         if (__builtin_mul_overflow(get_control_area_size(), static_cast<size_t>(slots), &per_vm)) return;
         if (__builtin_add_overflow(per_vm, get_instance_control_area_size(), &total)) return;
+        if (total > _readable) return;
         memset(_ica, 0, total);
     }
 
@@ -122,14 +126,17 @@ public:
 private:
     // Each value is read and written once with a plain access; memcpy keeps the access legal
     // whatever the block's alignment.
+    bool holds(size_t offset, size_t width) const { return offset <= _readable && width <= _readable - offset; }
     template <typename T>
     T load(size_t offset) const {
         T value;
+        if (!holds(offset, sizeof value)) return T(0);
         memcpy(&value, reinterpret_cast<const char*>(_ica) + offset, sizeof value);
         return value;
     }
     template <typename T>
     void store(size_t offset, T value) {
+        if (!holds(offset, sizeof value)) return;
         memcpy(reinterpret_cast<char*>(_ica) + offset, &value, sizeof value);
     }
     void store_pointer(size_t offset, void* value) {
@@ -145,6 +152,8 @@ private:
     }
 
     Layout* _ica;
+    // Bytes from _ica that the view may read and write.
+    const size_t _readable;
 };
 
 #endif
