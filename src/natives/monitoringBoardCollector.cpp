@@ -5,6 +5,7 @@
 #include "traceOutput.h"
 
 #include <new>
+#include <utility>
 
 jclass MonitoringBoardProxy::_monitor_board_class = nullptr;
 jmethodID MonitoringBoardProxy::_board_constructor = nullptr;
@@ -15,26 +16,32 @@ jmethodID MonitoringBoardProxy::_is_alive = nullptr;
 // The opaque cache value of the board-file listing; replaced by each listing.
 static void* monitoring_board_file_cache = J2SE::SharedFile::create_shared_files_cache();
 
-MonitoringBoardProxy::MonitoringBoardProxy(const J2SE::SharedFile& file)
-    : _shared_file(file), _mark(false), _jboard_obj(nullptr) {}
+MonitoringBoardProxy::MonitoringBoardProxy(J2SE::SharedFile&& file)
+    : _shared_file(std::move(file)), _mark(false), _jboard_obj(nullptr), _exposed(false) {}
 
-MonitoringBoardProxy::MonitoringBoardProxy(const MonitoringBoardProxy& other)
-    : _shared_file(other._shared_file), _mark(other._mark), _jboard_obj(other._jboard_obj) {
-    const_cast<MonitoringBoardProxy&>(other)._jboard_obj = nullptr;
+MonitoringBoardProxy::MonitoringBoardProxy(MonitoringBoardProxy&& other)
+    : _shared_file(std::move(other._shared_file)),
+      _mark(other._mark),
+      _jboard_obj(other._jboard_obj),
+      _exposed(other._exposed) {
+    other._jboard_obj = nullptr;
+    other._exposed = false;
 }
 
-MonitoringBoardProxy& MonitoringBoardProxy::operator=(const MonitoringBoardProxy& other) {
+MonitoringBoardProxy& MonitoringBoardProxy::operator=(MonitoringBoardProxy&& other) {
     if (this == &other) return *this;
-    _shared_file.detach();
-    _shared_file = other._shared_file;  // hands the mapping over
+    unmap();
+    _shared_file = std::move(other._shared_file);
     _jboard_obj = other._jboard_obj;
-    const_cast<MonitoringBoardProxy&>(other)._jboard_obj = nullptr;
+    _exposed = other._exposed;
+    other._jboard_obj = nullptr;
+    other._exposed = false;
     return *this;
 }
 
 MonitoringBoardProxy::~MonitoringBoardProxy() {
     _jboard_obj = nullptr;
-    _shared_file.detach();
+    unmap();
 }
 
 bool MonitoringBoardProxy::init(JNIEnv* env, jclass board_class) {
@@ -71,7 +78,7 @@ void MonitoringBoardProxy::map(JNIEnv* env) {
     J2SE::StdTraceOutput trace;
     // Mapped read-only and shared, so that Java sees the VM's updates. Should the VM truncate
     // its board, touching the lost pages raises SIGBUS; the JVM turns a fault inside a
-    // ByteBuffer access into an InternalError instead of dying.
+    // ByteBuffer access into an InternalError instead of dying. Native code never reads it.
     if (!_shared_file.attach(false, &trace)) return;
     jobject object = nullptr;
     if (_board_constructor_based_on_file != nullptr) {
@@ -83,6 +90,7 @@ void MonitoringBoardProxy::map(JNIEnv* env) {
         char* start = static_cast<char*>(_shared_file.get_map_address()) + _shared_file.get_map_offset();
         jobject buffer = env->NewDirectByteBuffer(start, static_cast<jlong>(_shared_file.get_map_size()));
         if (buffer == nullptr) return;
+        _exposed = true;
         object = env->NewObject(_monitor_board_class, _board_constructor, buffer, pid());
         env->DeleteLocalRef(buffer);
     }
@@ -92,7 +100,12 @@ void MonitoringBoardProxy::map(JNIEnv* env) {
 }
 
 void MonitoringBoardProxy::unmap() {
-    _shared_file.detach();
+    if (_exposed) {
+        _shared_file.retire();
+        _exposed = false;
+    } else {
+        _shared_file.detach();
+    }
 }
 
 MonitoringBoardProxy* MonitoringBoardCollector::find_proxy(J2SE::cvector<MonitoringBoardProxy>& boards, int pid) {
@@ -141,7 +154,7 @@ void MonitoringBoardCollector::refresh(JNIEnv* env) {
 
     J2SE::cvector<MonitoringBoardProxy> fresh(files.size() > 0 ? files.size() : 1);
     for (int i = 0; i < files.size(); i++) {
-        MonitoringBoardProxy candidate(files[i]);
+        MonitoringBoardProxy candidate(std::move(files[i]));
         MonitoringBoardProxy* known = find_proxy(_the_boards, candidate.pid());
         if (known != nullptr) {
             // A board is asked once per refresh whether it still wants its mapping; one that
@@ -150,14 +163,14 @@ void MonitoringBoardCollector::refresh(JNIEnv* env) {
                          env->CallBooleanMethod(known->board(), MonitoringBoardProxy::is_alive_method()) == JNI_TRUE;
             pending.collect();
             if (alive && !known->is_marked()) {
-                candidate = *known;
+                candidate = std::move(*known);
                 known->set_mark(true);
             }
         } else {
             candidate.map(env);
             pending.collect();
         }
-        if (candidate.board() != nullptr) fresh.push_back(candidate);
+        if (candidate.board() != nullptr) fresh.push_back(std::move(candidate));
     }
 
     for (int i = 0; i < _the_boards.size(); i++) {
@@ -168,7 +181,7 @@ void MonitoringBoardCollector::refresh(JNIEnv* env) {
         env->DeleteGlobalRef(gone.board());
         gone.forget_board();
     }
-    _the_boards = fresh;  // capacity becomes exactly the size
+    _the_boards = std::move(fresh);  // the boards not taken over release their mappings
     pending.rethrow();
 }
 

@@ -10,14 +10,23 @@
 
 #include <jni.h>
 
+// A proxy owns its board's mapping and its global reference. It cannot be copied; moving
+// hands both over and leaves the source with neither.
+//
+// Java may still hold a board's ByteBuffer after the board is reported gone, and read it. So a
+// mapping that was handed to Java as a ByteBuffer is never unmapped: it is retired (zero pages
+// take its place), and a late read sees zeros instead of killing the JVM.
 class MonitoringBoardProxy {
 public:
     // Takes the file's mapping over, if it has one.
-    explicit MonitoringBoardProxy(const J2SE::SharedFile& file);
-    // Copies move the mapping and the Java reference: the source keeps neither.
-    MonitoringBoardProxy(const MonitoringBoardProxy& other);
-    MonitoringBoardProxy& operator=(const MonitoringBoardProxy& other);
-    // Unmaps; the Java reference is dropped, not deleted (the collector deletes those it gives up).
+    explicit MonitoringBoardProxy(J2SE::SharedFile&& file);
+    MonitoringBoardProxy(const MonitoringBoardProxy&) = delete;
+    MonitoringBoardProxy& operator=(const MonitoringBoardProxy&) = delete;
+    MonitoringBoardProxy(MonitoringBoardProxy&& other);
+    // Releases this proxy's own mapping first, then takes over the other's.
+    MonitoringBoardProxy& operator=(MonitoringBoardProxy&& other);
+    // Releases the mapping; the Java reference is dropped, not deleted (the collector deletes
+    // those it gives up).
     ~MonitoringBoardProxy();
 
     // Caches the board class, its constructors and its two methods. False, with a Java exception
@@ -30,6 +39,7 @@ public:
 
     // Maps the board and creates its Java object, unless already mapped.
     void map(JNIEnv* env);
+    // Unmaps, or retires a mapping that Java has seen as a ByteBuffer.
     void unmap();
 
     int pid() const { return _shared_file.get_pid(); }
@@ -45,6 +55,8 @@ private:
     J2SE::SharedFile _shared_file;
     bool _mark;
     jobject _jboard_obj;
+    // A direct ByteBuffer over the mapping was handed to Java.
+    bool _exposed;
 
     static jclass _monitor_board_class;
     static jmethodID _board_constructor;

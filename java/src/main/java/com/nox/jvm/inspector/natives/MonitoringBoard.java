@@ -6,8 +6,8 @@ import java.nio.ByteOrder;
 /**
  * A VM's monitoring board: the bytes of its board file, mapped read-only and shared, so that
  * the buffer follows what the VM writes. The library keeps one object per board; when the VM's
- * process has gone it calls {@link #processOfBoardIsGone()} once and drops the mapping, after
- * which the buffer must not be read.
+ * process has gone it calls {@link #processOfBoardIsGone()} once and gives the mapping up: from
+ * then on the buffer reads as zeros (its memory is never handed to anything else).
  */
 public class MonitoringBoard {
     private final ByteBuffer buffer;
