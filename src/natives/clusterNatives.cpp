@@ -2,6 +2,7 @@
 // converts its arguments, runs the query of clusterQueries.h and turns the result into a Java
 // value: records become a new byte[], failures -1, false or null. Nothing here throws.
 #include "clusterQueries.h"
+#include "hostPass.h"
 
 #include <jni.h>
 
@@ -104,6 +105,14 @@ JNIEXPORT jbyteArray JNICALL
 Java_com_nox_jvm_inspector_cluster_natives_ProfilingClusterNatives_getVmMemoryInfo0(JNIEnv* env, jclass, jint type,
                                                                                     jint id, jint index) {
     return vm_record(env, type, id, index, VM_RECORD_MEMORY);
+}
+
+// Not one of the documented natives: the whole host in one call (see hostPass.h).
+JNIEXPORT jbyteArray JNICALL
+Java_com_nox_jvm_inspector_cluster_natives_ProfilingClusterNatives_getHostPass0(JNIEnv* env, jclass) {
+    ByteArrayOutputStream_CL buffer(64 * 1024);
+    query_host_pass(buffer);
+    return to_java(env, buffer);
 }
 
 }  // extern "C"

@@ -69,9 +69,29 @@ ControlAreaManager_CL::ControlAreaManager_CL(const ClusterInfo_CL& info)
     }
 }
 
+ControlAreaManager_CL::ControlAreaManager_CL(J2SE::ControlAreaCopy&& copy)
+    : _cluster_type(CLUSTER_TYPE_PROCESS),
+      _attached_area(nullptr),
+      _attached(false),
+      _file_copy(),
+      _file_writer(_file_copy),
+      _shared_memory(),
+      _instance_control_area(),
+      _control_areas(8),
+      _mapped_len(0),
+      _extent(0) {
+    if (!copy.is_open() || !take_process_copy(copy)) return;
+    _attached = true;
+    if (!adopt_block(_file_copy.block(), _file_copy.size(), _file_copy.extent())) detach();
+}
+
 bool ControlAreaManager_CL::copy_process_cluster(int pid) {
     J2SE::ControlAreaCopy copy = J2SE::ControlAreaFile::copy_control_area(pid, FIRST_COPY_BYTES);
     if (!copy.is_open()) return false;
+    return take_process_copy(copy);
+}
+
+bool ControlAreaManager_CL::take_process_copy(J2SE::ControlAreaCopy& copy) {
     BasicHeaderFacts_CL facts;
     size_t needed = 0;
     if (!BasicInstanceControlArea_CL::accept_header(copy.block(), copy.size(), CLUSTER_TYPE_PROCESS, &facts) ||
@@ -227,8 +247,7 @@ void ControlAreaManager_CL::detach() {
 
 namespace {
 
-// Instance-cluster ids are 0 to 98; 99 and above are never instance clusters.
-const int INSTANCE_CLUSTER_IDS = 99;
+const int INSTANCE_CLUSTER_IDS = Controls::INSTANCE_CLUSTER_IDS;
 
 // Marks in `present` the ids whose control-block key is the first field of one line of the
 // listing of /proc/sysvipc/shm (a title line, then one line per segment of this IPC namespace).
@@ -317,6 +336,10 @@ void add_process_cluster(int pid, J2SE::cvector<ClusterInfo_CL>& out) {
 }
 
 }  // namespace
+
+bool Controls::present_instance_clusters(bool* present) {
+    return existing_instance_keys(present);
+}
 
 void Controls::get_running_clusters(J2SE::cvector<ClusterInfo_CL>& out) {
     // Probing a key that does not exist costs about a microsecond, 99 of them a tenth of a

@@ -52,6 +52,10 @@ public:
 
     // Attaches the cluster named by `info._type` and `info._id`; usable when is_valid().
     explicit ControlAreaManager_CL(const ClusterInfo_CL& info);
+    // Adopts a process cluster's block already copied out of its file (open, so that requests
+    // can still be written back); usable when is_valid(). Copies the rest of the slot when the
+    // copy does not reach it.
+    explicit ControlAreaManager_CL(J2SE::ControlAreaCopy&& copy);
     // Wraps a block that is already mapped and holds `len` slots of the fixed 64-bit sizes; the
     // caller guarantees the mapping. Nothing is attached or detached.
     ControlAreaManager_CL(void* control_area, int len, ClusterType_CL type);
@@ -83,6 +87,8 @@ private:
     // Copies the block of process cluster `pid`: the header, the instance area and as much of
     // the slot as a view can read. False when there is no block to adopt.
     bool copy_process_cluster(int pid);
+    // Checks the header of a copied block, completes the copy of its slot and keeps it.
+    bool take_process_copy(J2SE::ControlAreaCopy& copy);
     // Checks the header of the block at `block`, of which `readable` bytes may be read and
     // `extent` bytes exist, and creates the views; on refusal the manager stays not valid (the
     // caller undoes its attachment).
@@ -104,6 +110,13 @@ private:
 
 class Controls {
 public:
+    // Instance-cluster ids are 0 to 98; 99 and above are never instance clusters.
+    static const int INSTANCE_CLUSTER_IDS = 99;
+
+    // Marks in `present[0 .. INSTANCE_CLUSTER_IDS - 1]` the ids whose control-block segment is
+    // listed in /proc/sysvipc/shm (one read of the host's segment list). False when the list
+    // cannot be read or parsed; every id must then be probed.
+    static bool present_instance_clusters(bool* present);
     // Appends one record per running cluster: instance clusters 0 to 98 in ascending id with a
     // nonzero live count, then every process cluster whose control-area file exists.
     static void get_running_clusters(J2SE::cvector<ClusterInfo_CL>& out);

@@ -3,6 +3,7 @@ package com.nox.jvm.inspector.cli;
 import com.nox.jvm.inspector.cluster.ClusterEntry;
 import com.nox.jvm.inspector.cluster.ClusterType;
 import com.nox.jvm.inspector.cluster.DebuggingState;
+import com.nox.jvm.inspector.cluster.HostPass;
 import com.nox.jvm.inspector.cluster.VmDebugInfo;
 import com.nox.jvm.inspector.cluster.VmInspector;
 import com.nox.jvm.inspector.cluster.VmInspector.Vm;
@@ -46,15 +47,17 @@ final class Commands {
 
     void list() {
         long now = System.currentTimeMillis() / 1000;
-        List<ClusterEntry> clusters = inspector.clusters();
+        // One pass over the host; rows come in cluster order (instance clusters by id, then
+        // process clusters by pid) and slot order.
+        HostPass pass = inspector.host();
+        List<ClusterEntry> clusters = new ArrayList<>();
         List<Row> rows = new ArrayList<>();
         List<Integer> liveCounts = new ArrayList<>();
-        for (ClusterEntry cluster : clusters) {
-            List<Vm> vms = inspector.vmsOf(cluster.type(), cluster.id());
-            liveCounts.add(vms.size());
-            for (Vm vm : vms) {
-                rows.add(new Row(vm, inspector.startInfo(vm.ref()), inspector.debugInfo(vm.ref()),
-                        InspectorNatives.getCreationTimeOfProcess0(vm.pid())));
+        for (HostPass.Cluster cluster : pass.clusters()) {
+            clusters.add(cluster.entry());
+            liveCounts.add(cluster.vms().size());
+            for (HostPass.VmFigures vm : cluster.vms()) {
+                rows.add(new Row(vm.vm(), vm.start(), vm.debug(), vm.processStart()));
             }
         }
         if (json) {
@@ -97,14 +100,15 @@ final class Commands {
     // ---------------------------------------------------------------- info
 
     void info(Target target) {
-        Vm vm = resolve(target);
+        // One pass over the host finds the VM and reads all its records at once.
+        HostPass.VmFigures figures = resolveInPass(target);
+        Vm vm = figures.vm();
         VmRef ref = vm.ref();
-        // The start record is read first: if it is gone, the VM ended after it was found.
-        VmStartInfo start = inspector.startInfo(ref).orElseThrow(() -> gone(vm));
-        Optional<VmTimeInfo> time = inspector.timeInfo(ref);
-        Optional<VmMemoryInfo> memory = inspector.memoryInfo(ref);
-        Optional<VmDebugInfo> debug = inspector.debugInfo(ref);
-        long startedAt = InspectorNatives.getCreationTimeOfProcess0(vm.pid());
+        VmStartInfo start = figures.start().orElseThrow(() -> gone(vm));
+        Optional<VmTimeInfo> time = figures.time();
+        Optional<VmMemoryInfo> memory = figures.memory();
+        Optional<VmDebugInfo> debug = figures.debug();
+        long startedAt = figures.processStart();
         long now = System.currentTimeMillis() / 1000;
         if (json) {
             Json j = new Json().beginObject().name("vm").beginObject();
@@ -323,6 +327,21 @@ final class Commands {
         VmRef ref = target.ref();
         return inspector.vmsOf(ref.type(), ref.clusterId()).stream().filter(vm -> vm.ref().slot() == ref.slot())
                 .findFirst().orElseThrow(() -> CliError.refused("no live VM in " + ref));
+    }
+
+    /** The live VM the user named, with its records from one pass over the host. */
+    private HostPass.VmFigures resolveInPass(Target target) {
+        List<HostPass.VmFigures> vms = inspector.host().vms();
+        if (target.pid() != null) {
+            int pid = target.pid();
+            return vms.stream().filter(vm -> vm.vm().pid() == pid).findFirst()
+                    .orElseThrow(() -> CliError.refused("no live VM with pid " + pid
+                            + (InspectorNatives.isProcessAlive0(pid) == 0 ? " (no such process)"
+                            : " (the process publishes no control area)")));
+        }
+        VmRef ref = target.ref();
+        return vms.stream().filter(vm -> vm.vm().ref().equals(ref)).findFirst()
+                .orElseThrow(() -> CliError.refused("no live VM in " + ref));
     }
 
     private static CliError gone(Vm vm) {

@@ -59,6 +59,24 @@ final class RecordReader {
         }
     }
 
+    /** The next {@code length} bytes as they are. */
+    byte[] readBytes(int length) {
+        if (length < 0) {
+            throw new MalformedRecordException("negative length " + length + " in a " + record.length
+                    + "-byte record");
+        }
+        try {
+            if (length > in.available()) {
+                throw new MalformedRecordException("record ends early (" + record.length + " bytes)");
+            }
+            byte[] bytes = new byte[length];
+            in.readFully(bytes);
+            return bytes;
+        } catch (IOException e) {
+            throw truncated(e);
+        }
+    }
+
     /** Fails when bytes are left over: the record has more fields than its reader knows. */
     void expectEnd() {
         try {

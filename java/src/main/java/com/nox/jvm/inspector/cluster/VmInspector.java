@@ -27,6 +27,20 @@ public final class VmInspector {
         return ClusterEntry.decodeList(record);
     }
 
+    /**
+     * One pass over the host: every running cluster and every live VM's start, time, memory and
+     * debugging records, read in one native call.
+     */
+    public HostPass host() {
+        long began = System.nanoTime();
+        byte[] stream = ProfilingClusterNatives.getHostPass0();
+        long took = System.nanoTime() - began;
+        if (stream == null) {
+            throw new OutOfMemoryError("no room for the host pass");
+        }
+        return HostPass.decode(stream, took);
+    }
+
     /** Every live VM of every running cluster, in cluster order and then slot order. */
     public List<Vm> vms() {
         List<Vm> vms = new ArrayList<>();

@@ -55,4 +55,12 @@ public final class ProfilingClusterNatives {
 
     /** Memory record (308 bytes), or null. */
     public static native byte[] getVmMemoryInfo0(int clusterType, int clusterId, int vmIndex);
+
+    /**
+     * The whole host in one call: every running cluster and every live VM's start, time, memory
+     * and debugging records, each process-cluster file read once and each segment attached once.
+     * Decoded by {@code com.nox.jvm.inspector.cluster.HostPass}. Null only when the array
+     * cannot be allocated.
+     */
+    public static native byte[] getHostPass0();
 }
