@@ -1,8 +1,11 @@
-// Cost of the cluster natives' work without the JVM, beside a floor: a bare loop that scans
-// /tmp for control-area files and maps and reads each header, as any lister must at least do.
-// The simulated VMs are real vmsim processes (one process cluster each), started before the
-// runs and ended afterwards.
+// Cost of the cluster natives' work without the JVM, beside floors: a bare loop that scans
+// /tmp for control-area files and maps and reads each header, as any lister must at least do;
+// and, for the one-pass read of the whole host, a bare loop that gathers the same figures with
+// the fewest system calls. The simulated VMs are real vmsim processes (one process cluster
+// each), started before the runs and ended afterwards.
 #include "clusterQueries.h"
+#include "controlAreaLayout.h"
+#include "hostPass.h"
 
 #include <benchmark/benchmark.h>
 
@@ -15,7 +18,9 @@
 #include <fcntl.h>
 #include <stdexcept>
 #include <string>
+#include <sys/ipc.h>
 #include <sys/mman.h>
+#include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -50,8 +55,19 @@ void start_vm() {
     running_vms.push_back(Vm{pid, out});
 }
 
+void stop_last_vm() {
+    Vm vm = running_vms.back();
+    running_vms.pop_back();
+    kill(vm.pid, SIGTERM);
+    while (waitpid(vm.pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    fclose(vm.out);
+}
+
+// Exactly `count` VMs run afterwards: more are started, surplus ones ended.
 void ensure_vms(size_t count) {
     while (running_vms.size() < count) start_vm();
+    while (running_vms.size() > count) stop_last_vm();
 }
 
 void stop_vms() {
@@ -96,6 +112,138 @@ int floor_scan_map_read() {
     return found;
 }
 
+// The fewest system calls that gather what one host pass gathers: one read of
+// /proc/sysvipc/shm, and for each instance segment of ids 0..98 one shmget, shmat and shmdt; one
+// readdir of /tmp, and for each control-area file one open, one pread of the whole file and one
+// close; per VM in use one kill(pid, 0) for liveness and one open/read/close of /proc/<pid>/stat
+// for its start. The figures are summed from the copy (a real reader would decode them; that
+// costs no system call). No owner, size or hostile-header checks: this is a floor, not a reader.
+struct LoopSums {
+    long vms;
+    long sum;
+};
+
+const size_t FILE_BUFFER = 256 * 1024;
+unsigned char file_buffer[FILE_BUFFER];
+
+void sum_slot(const unsigned char* slot, size_t available, LoopSums& sums) {
+    if (available < sizeof(ControlAreaLayout_CL<Bit64>)) return;
+    const ControlAreaLayout_CL<Bit64>* area = reinterpret_cast<const ControlAreaLayout_CL<Bit64>*>(slot);
+    if (static_cast<uint32_t>(area->_eyecatcher) != 0xDEADBEEFu || area->_pid <= 0) return;
+    if (kill(area->_pid, 0) != 0) return;
+    char path[40];
+    snprintf(path, sizeof path, "/proc/%d/stat", area->_pid);
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        char stat_text[1024];
+        ssize_t got = read(fd, stat_text, sizeof stat_text);
+        close(fd);
+        sums.sum += got;
+    }
+    const long* words = reinterpret_cast<const long*>(slot);
+    for (size_t i = 0; i < sizeof(ControlAreaLayout_CL<Bit64>) / sizeof(long); i += 64) sums.sum += words[i];
+    sums.vms++;
+}
+
+void sum_block(const unsigned char* block, size_t length, LoopSums& sums) {
+    typedef BasicInstanceControlAreaLayout_CL<Bit64> Header;
+    if (length < sizeof(Header)) return;
+    const Header* header = reinterpret_cast<const Header*>(block);
+    if (static_cast<uint32_t>(header->_eyecatcher) != 0xFADEBABEu) return;
+    size_t start = header->_instance_control_area_size;
+    for (int slot = 0; slot < header->_max_vm_nr && start < length; slot++) {
+        sum_slot(block + start, length - start, sums);
+        start += header->_control_area_size;
+    }
+}
+
+LoopSums fewest_calls_loop() {
+    LoopSums sums{0, 0};
+    int fd = open("/proc/sysvipc/shm", O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        static char listing[64 * 1024];
+        ssize_t got = read(fd, listing, sizeof listing - 1);
+        close(fd);
+        listing[got > 0 ? got : 0] = '\0';
+        for (char* line = strchr(listing, '\n'); line != nullptr; line = strchr(line + 1, '\n')) {
+            long key = strtol(line + 1, nullptr, 10);
+            if (key < 4500000 || key > 4500000 + 98 * 100 || key % 100 != 0) continue;
+            int id = shmget(static_cast<key_t>(key), 0, 0);
+            if (id < 0) continue;
+            void* address = shmat(id, nullptr, SHM_RDONLY);
+            if (address == reinterpret_cast<void*>(-1)) continue;
+            sum_block(static_cast<const unsigned char*>(address), sizeof file_buffer, sums);
+            shmdt(address);
+        }
+    }
+    DIR* dir = opendir("/tmp");
+    if (dir == nullptr) return sums;
+    while (struct dirent* entry = readdir(dir)) {
+        unsigned uid = 0;
+        unsigned pid = 0;
+        int consumed = 0;
+        if (sscanf(entry->d_name, "nox_jvm_%u_%u%n", &uid, &pid, &consumed) != 2 || entry->d_name[consumed] != '\0') {
+            continue;
+        }
+        char path[512];
+        snprintf(path, sizeof path, "/tmp/%s", entry->d_name);
+        int file = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+        if (file < 0) continue;
+        ssize_t got = pread(file, file_buffer, sizeof file_buffer, 0);
+        close(file);
+        if (got > 8) sum_block(file_buffer + 8, static_cast<size_t>(got) - 8, sums);
+    }
+    closedir(dir);
+    return sums;
+}
+
+void BM_HostPass(benchmark::State& state) {
+    ensure_vms(static_cast<size_t>(state.range(0)));
+    for (auto _ : state) {
+        ByteArrayOutputStream_CL buffer(64 * 1024);
+        query_host_pass(buffer);
+        benchmark::DoNotOptimize(buffer.size());
+    }
+    state.counters["vms"] = static_cast<double>(running_vms.size());
+}
+
+void BM_FewestCallsLoop(benchmark::State& state) {
+    ensure_vms(static_cast<size_t>(state.range(0)));
+    long found = 0;
+    for (auto _ : state) {
+        LoopSums sums = fewest_calls_loop();
+        found = sums.vms;
+        benchmark::DoNotOptimize(sums.sum);
+    }
+    state.counters["vms"] = static_cast<double>(running_vms.size());
+    state.counters["found"] = static_cast<double>(found);
+}
+
+// What a lister did before the host pass: the cluster list, the live VMs of each cluster, then
+// three record natives per VM (start, time, memory), each attaching its cluster afresh. (The
+// host pass reads the debugging record as well, which this leaves out.)
+void BM_ListPlusThreeNatives(benchmark::State& state) {
+    ensure_vms(static_cast<size_t>(state.range(0)));
+    for (auto _ : state) {
+        ByteArrayOutputStream_CL list(1024);
+        query_cluster_list(list);
+        // Every VM here is slot 0 of its own process cluster; its pid is the cluster id.
+        for (const Vm& vm : running_vms) {
+            ByteArrayOutputStream_CL state_record(1024);
+            if (!query_vm_record(1, vm.pid, 0, VM_RECORD_STATE, state_record)) continue;
+            int id = query_unique_id(1, vm.pid, 0);
+            ByteArrayOutputStream_CL start(1024);
+            ByteArrayOutputStream_CL time(1024);
+            ByteArrayOutputStream_CL memory(1024);
+            query_vm_record(1, vm.pid, 0, VM_RECORD_START, start);
+            query_vm_record(1, vm.pid, 0, VM_RECORD_TIME, time);
+            query_vm_record(1, vm.pid, 0, VM_RECORD_MEMORY, memory);
+            benchmark::DoNotOptimize(id + start.size() + time.size() + memory.size());
+        }
+    }
+    state.counters["vms"] = static_cast<double>(running_vms.size());
+}
+
 void BM_ListClusters(benchmark::State& state) {
     ensure_vms(static_cast<size_t>(state.range(0)));
     for (auto _ : state) {
@@ -129,6 +277,16 @@ BENCHMARK(BM_ListClusters)->Arg(10)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_FloorScanMapRead)->Arg(100)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ListClusters)->Arg(100)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_MemoryRecord)->Unit(benchmark::kMicrosecond);
+// The host pass against the fewest-calls loop and the old way, at each size.
+BENCHMARK(BM_FewestCallsLoop)->Arg(1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_HostPass)->Arg(1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ListPlusThreeNatives)->Arg(1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_FewestCallsLoop)->Arg(10)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_HostPass)->Arg(10)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ListPlusThreeNatives)->Arg(10)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_FewestCallsLoop)->Arg(100)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_HostPass)->Arg(100)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ListPlusThreeNatives)->Arg(100)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

@@ -47,6 +47,12 @@ int ByteArrayOutputStream_CL::write(const void* buf, int len) {
     return len;
 }
 
+bool ByteArrayOutputStream_CL::overwrite(size_t offset, const void* buf, size_t len) {
+    if (offset > size() || len > size() - offset) return false;
+    if (len > 0) memcpy(_data + offset, buf, len);
+    return true;
+}
+
 int DataOutputStream_CL::write(const void* buf, int len) {
     if (!_ok) return -1;
     int written = _stream.write(buf, len);

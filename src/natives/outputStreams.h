@@ -41,6 +41,10 @@ public:
     int write(const void* buf, int len) override;
     bool flush() override { return true; }
 
+    // Replaces `len` bytes already written at `offset` (a length written before the bytes it
+    // counts); false, and nothing changed, when they were not all written.
+    bool overwrite(size_t offset, const void* buf, size_t len);
+
     const unsigned char* data() const { return _data; }
     size_t size() const { return static_cast<size_t>(_pos - _data); }
     size_t capacity() const { return static_cast<size_t>(_end - _data); }

@@ -21,14 +21,16 @@ const size_t LARGEST_HEAP_COPY = 256 * 1024;
 
 const char* const COPY_SITE = "(libnoxjvm_inspector.so) src/unix/controlAreaCopy_unix.cpp";
 
-unsigned char* allocate(size_t size, bool* mapped) {
+// Anonymous memory comes zeroed; heap memory is zeroed only when `zeroed` is asked for (a copy
+// that a read fills whole need not be cleared first).
+unsigned char* allocate(size_t size, bool* mapped, bool zeroed) {
     *mapped = size > LARGEST_HEAP_COPY;
     if (*mapped) {
         void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         return memory == MAP_FAILED ? nullptr : static_cast<unsigned char*>(memory);
     }
     void* memory = wrap_malloc(alloc_site(COPY_SITE), size > 0 ? size : 1);
-    if (memory != nullptr) memset(memory, 0, size);
+    if (memory != nullptr && zeroed) memset(memory, 0, size);
     return static_cast<unsigned char*>(memory);
 }
 
@@ -121,7 +123,7 @@ bool ControlAreaCopy::open_and_copy(const cstring& file_name, size_t first_bytes
     size_t extent = file_size > BLOCK_OFFSET ? file_size - BLOCK_OFFSET : 0;
     size_t size = extent < first_bytes ? extent : first_bytes;
     bool mapped = false;
-    unsigned char* buffer = allocate(size, &mapped);
+    unsigned char* buffer = allocate(size, &mapped, false);
     if (buffer == nullptr || !read_exactly(fd, buffer, size, static_cast<off_t>(BLOCK_OFFSET))) {
         deallocate(buffer, size, mapped);
         close(fd);
@@ -139,7 +141,7 @@ bool ControlAreaCopy::copy_range(size_t begin, size_t end) {
     if (_fd < 0 || begin > end || end > _extent) return false;
     if (end > _size) {
         bool mapped = false;
-        unsigned char* grown = allocate(end, &mapped);
+        unsigned char* grown = allocate(end, &mapped, true);
         if (grown == nullptr) return false;
         if (_size > 0) memcpy(grown, _buffer, _size);
         if (!read_exactly(_fd, grown + begin, end - begin, static_cast<off_t>(BLOCK_OFFSET + begin))) {
