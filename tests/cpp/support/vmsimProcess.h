@@ -20,6 +20,7 @@
 //   40      test_control_discovery.cpp       EndedClustersDisappear
 //   41      test_control_discovery.cpp       AppendsWithoutClearing
 //   50      test_control_hostile.cpp         MutatedHeadersThroughARealSegment (the test's own segment)
+//   51-53   test_host_pass.cpp               HostPass.* (51 records, 52-53 order)
 //   65      test_vmsim_board.cpp             InstanceClusterOfTwoPublishesOneBoardAndServerPerVm
 //   66      test_vmsim_board.cpp             FilesOfAKilledInstanceVmAreRemovedByVmsim
 //   99      test_control_discovery.cpp       InstanceId99IsNeverFound
