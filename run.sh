@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 # Debian packages the build, the tests and the benchmarks need.
-packages=(cmake g++ openjdk-17-jdk-headless libgtest-dev libbenchmark-dev junit5 socat python3 libjunixsocket-java)
+packages=(cmake g++ openjdk-17-jdk-headless libgtest-dev libbenchmark-dev junit5 socat python3 libjunixsocket-java prometheus)
 
 missing_packages() {
   local missing=()

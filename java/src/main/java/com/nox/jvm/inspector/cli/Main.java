@@ -25,6 +25,9 @@ public final class Main {
               debug stop VM                 ask the VM to stop debugging
               exit VM CODE                  ask the VM to exit with CODE (0 to 255)
               boards                        the monitoring boards visible on this host
+              serve [--port N] [--bind ADDR] every VM of this host as Prometheus metrics at
+                                            http://ADDR:N/metrics (default 127.0.0.1:9471)
+              watch                         VMs appearing and vanishing, one line each, until interrupted
               help                          this text
             VM is a pid, or type:id:slot with type process (1) or instance (2), e.g. instance:84:0.
             --json writes the result as JSON on stdout; messages always go to stderr.
@@ -111,6 +114,14 @@ public final class Main {
             case "debug" -> {
                 return parseDebug(rest, commands);
             }
+            case "serve" -> {
+                return parseServe(rest, out);
+            }
+            case "watch" -> {
+                expectCount(name, rest, 0);
+                Watch watch = new Watch(out, json);
+                return watch::run;
+            }
             default -> throw CliError.usage("unknown command '" + name + "'");
         }
     }
@@ -142,6 +153,31 @@ public final class Main {
         Target target = Target.parse(positional.get(0));
         int policy = suspend == null ? 0 : suspend;
         return start ? () -> commands.startDebugging(target, policy) : () -> commands.stopDebugging(target);
+    }
+
+    private static Runnable parseServe(List<String> rest, PrintStream out) {
+        int port = Serve.DEFAULT_PORT;
+        String bind = Serve.DEFAULT_BIND;
+        for (int i = 0; i < rest.size(); i++) {
+            String word = rest.get(i);
+            if (!word.equals("--port") && !word.equals("--bind")) {
+                throw CliError.usage("serve takes --port N and --bind ADDR, not " + word);
+            }
+            if (i + 1 >= rest.size()) {
+                throw CliError.usage(word + " needs a value");
+            }
+            String value = rest.get(++i);
+            if (word.equals("--port")) {
+                port = Target.number(value, "port");
+                if (port < 0 || port > 65535) {
+                    throw CliError.usage("port must be 0 to 65535, not " + port);
+                }
+            } else {
+                bind = value;
+            }
+        }
+        Serve serve = new Serve(bind, port, out);
+        return serve::run;
     }
 
     private static void expectCount(String command, List<String> args, int count) {
