@@ -23,6 +23,7 @@ final class LongRunning implements AutoCloseable {
 
     private final Process process;
     private final BlockingQueue<Line> lines = new LinkedBlockingQueue<>();
+    private final List<Line> seen = new ArrayList<>();
     private final StringBuilder err = new StringBuilder();
 
     LongRunning(String... args) throws IOException {
@@ -60,9 +61,18 @@ final class LongRunning implements AutoCloseable {
         errors.start();
     }
 
+    /** The next line of stdout, waiting at most {@code seconds}; null when none came. */
+    Line poll(double seconds) throws InterruptedException {
+        Line line = lines.poll((long) (seconds * 1000), TimeUnit.MILLISECONDS);
+        if (line != null) {
+            seen.add(line);
+        }
+        return line;
+    }
+
     /** The next line of stdout, waiting at most {@code seconds}; fails naming {@code what} did not come. */
     Line next(double seconds, String what) throws InterruptedException {
-        Line line = lines.poll((long) (seconds * 1000), TimeUnit.MILLISECONDS);
+        Line line = poll(seconds);
         if (line == null) {
             throw new AssertionError("noxinspect printed no line within " + seconds + " s: " + what
                     + (process.isAlive() ? "" : " (it ended with " + process.exitValue() + ")") + "; stderr: " + stderr());
@@ -83,6 +93,11 @@ final class LongRunning implements AutoCloseable {
                 return line;
             }
         }
+    }
+
+    /** Every line that next() has returned so far, in order. */
+    List<Line> seen() {
+        return List.copyOf(seen);
     }
 
     String stderr() {

@@ -1,0 +1,142 @@
+package com.nox.jvm.inspector.cli;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.nox.jvm.inspector.testing.Vmsim;
+
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.Map;
+
+import org.junit.jupiter.api.Test;
+
+/**
+ * {@code noxinspect watch} as a real process: VMs that run when it starts, VMs of process and
+ * instance clusters that appear, end on request, on SIGTERM and killed outright. Instance
+ * clusters 56 and 57 are this class's own.
+ */
+class WatchTest {
+    /** Generous bounds for a loaded host; the benchmark measures the real latency. */
+    private static final double SECONDS = 5;
+
+    /**
+     * The line of {@code event} for {@code pid}, among the lines already read or the next ones
+     * (the order of events of different VMs is not fixed, so no line is thrown away).
+     */
+    private static LongRunning.Line await(LongRunning watch, String event, long pid) throws InterruptedException {
+        return await(watch, event, event, pid);
+    }
+
+    /** As await, for either of two events. */
+    private static LongRunning.Line await(LongRunning watch, String event, String orEvent, long pid)
+            throws InterruptedException {
+        String wanted = "\"event\":\"" + event + "\",";
+        String orWanted = "\"event\":\"" + orEvent + "\",";
+        String wantedPid = "\"pid\":" + pid + ",";
+        for (LongRunning.Line line : watch.seen()) {
+            if ((line.text().contains(wanted) || line.text().contains(orWanted)) && line.text().contains(wantedPid)) {
+                return line;
+            }
+        }
+        long deadline = System.nanoTime() + (long) (SECONDS * 1e9);
+        while (true) {
+            double left = (deadline - System.nanoTime()) / 1e9;
+            if (left <= 0) {
+                throw new AssertionError("watch reported no '" + event + "' of pid " + pid + " within " + SECONDS
+                        + " s; it printed: " + watch.seen());
+            }
+            LongRunning.Line line = watch.poll(left);
+            if (line != null && (line.text().contains(wanted) || line.text().contains(orWanted))
+                    && line.text().contains(wantedPid)) {
+                return line;
+            }
+        }
+    }
+
+    /**
+     * Waits until watch runs: a VM started now is reported, as present when watch's first pass
+     * sees it, else as appeared.
+     */
+    private static void awaitStarted(LongRunning watch) throws Exception {
+        try (Vmsim marker = new Vmsim("--type", "process")) {
+            await(watch, "present", "appeared", marker.pid());
+        }
+    }
+
+    @Test
+    void processVmsAppearAndVanish() throws Exception {
+        try (Vmsim before = new Vmsim("--type", "process");
+             LongRunning watch = new LongRunning("--json", "watch")) {
+            LongRunning.Line present = await(watch, "present", before.pid());
+            Map<String, String> fields = Launcher.flatJson(present.text());
+            assertEquals("\"process:" + before.pid() + "\"", fields.get("cluster"));
+            assertEquals("0", fields.get("slot"));
+            assertTrue(fields.containsKey("time") && fields.containsKey("vmId"), fields.toString());
+
+            Vmsim after = new Vmsim("--type", "process");
+            try {
+                await(watch, "appeared", after.pid());
+            } finally {
+                after.close();
+            }
+            await(watch, "vanished", after.pid());
+            before.close();
+            await(watch, "vanished", before.pid());
+        }
+    }
+
+    @Test
+    void instanceVmsAppearAndVanishOneByOne() throws Exception {
+        try (LongRunning watch = new LongRunning("--json", "watch")) {
+            awaitStarted(watch);
+            try (Vmsim instance = new Vmsim("--type", "instance", "--id", "56", "--slots", "2")) {
+                int[] pids = instance.slotPids();
+                await(watch, "appeared", pids[0]);
+                await(watch, "appeared", pids[1]);
+                Launcher.Result exit = Launcher.run("exit", "instance:56:0", "3");
+                assertEquals(0, exit.exitCode(), exit.toString());
+                await(watch, "vanished", pids[0]);
+                instance.close();
+                await(watch, "vanished", pids[1]);
+            }
+        }
+    }
+
+    @Test
+    void aKilledVmVanishesThoughItsFileStays() throws Exception {
+        try (LongRunning watch = new LongRunning("watch")) {
+            Vmsim victim = new Vmsim("--type", "process");
+            long pid = victim.pid();
+            Path file = Path.of(victim.field("file"));
+            try {
+                // Present when watch's first pass already saw it, else appeared.
+                LongRunning.Line found = watch.nextContaining("process:" + pid + ":0", SECONDS);
+                assertTrue(found.text().contains("appeared") || found.text().contains("present"), found.text());
+                assertTrue(ProcessHandle.of(pid).map(ProcessHandle::destroyForcibly).orElse(false));
+                LongRunning.Line vanished = watch.nextContaining("process:" + pid + ":0", SECONDS);
+                assertTrue(vanished.text().contains("vanished"), vanished.text());
+            } finally {
+                victim.close();
+                // A VM killed outright leaves its file; the next scan of the files removes it.
+                Launcher.run("list");
+            }
+            assertFalse(Files.exists(file), "the stale file of the killed VM is removed by the next list");
+        }
+    }
+
+    @Test
+    void anInstanceClusterThatStartsWithWatchIsPresent() throws Exception {
+        try (Vmsim instance = new Vmsim("--type", "instance", "--id", "57", "--slots", "3", "--dead", "1");
+             LongRunning watch = new LongRunning("--json", "watch")) {
+            int[] pids = instance.slotPids();
+            await(watch, "present", pids[0]);
+            await(watch, "present", pids[2]);
+            awaitStarted(watch);
+            instance.close();
+            await(watch, "vanished", pids[0]);
+            await(watch, "vanished", pids[2]);
+        }
+    }
+}
