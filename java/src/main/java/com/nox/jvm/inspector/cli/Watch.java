@@ -75,6 +75,13 @@ final class Watch {
                 known.put(key(vm), vm);
                 print("present", vm);
             }
+            // A VM that was still writing its file during the first pass is read again for a while.
+            try (var names = Files.list(tmp)) {
+                long until = System.nanoTime() + TimeUnit.MILLISECONDS.toNanos(FILE_PATIENCE_MILLIS);
+                names.map(path -> controlAreaPid(path.getFileName().toString()))
+                        .filter(pid -> pid > 0 && !knowsCluster(ClusterType.PROCESS, pid))
+                        .forEach(pid -> pendingFiles.put(pid, until));
+            }
             long nextLiveness = System.nanoTime();
             while (true) {
                 WatchKey events = files.poll(TICK_MILLIS, TimeUnit.MILLISECONDS);
