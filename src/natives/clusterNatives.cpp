@@ -107,7 +107,7 @@ Java_com_nox_jvm_inspector_cluster_natives_ProfilingClusterNatives_getVmMemoryIn
     return vm_record(env, type, id, index, VM_RECORD_MEMORY);
 }
 
-// Not one of the documented natives: the whole host in one call (see hostPass.h).
+// Beside the per-cluster and per-VM natives: the whole host in one call (see hostPass.h).
 JNIEXPORT jbyteArray JNICALL
 Java_com_nox_jvm_inspector_cluster_natives_ProfilingClusterNatives_getHostPass0(JNIEnv* env, jclass) {
     ByteArrayOutputStream_CL buffer(64 * 1024);
