@@ -25,6 +25,8 @@ public final class Main {
               debug stop VM                 ask the VM to stop debugging
               exit VM CODE                  ask the VM to exit with CODE (0 to 255)
               boards                        the monitoring boards visible on this host
+              attach PID [OPTIONS]          load nox-agent.jar into a running VM of the same user, so it
+                                            publishes a control area (OPTIONS e.g. refresh=500,tag=web)
               help                          this text
             VM is a pid, or type:id:slot with type process (1) or instance (2), e.g. instance:84:0.
             --json writes the result as JSON on stdout; messages always go to stderr.
@@ -110,6 +112,9 @@ public final class Main {
             }
             case "debug" -> {
                 return parseDebug(rest, commands);
+            }
+            case "attach" -> {
+                return Attach.parse(rest, json, out);
             }
             default -> throw CliError.usage("unknown command '" + name + "'");
         }
