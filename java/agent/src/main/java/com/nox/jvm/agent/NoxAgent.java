@@ -79,7 +79,7 @@ public final class NoxAgent {
                 MappedByteBuffer map = file.map();
                 ByteBuffer block = map.slice(ControlAreaLayout.LEAD_IN, ControlAreaLayout.BLOCK_SIZE).order(map.order());
                 writer = new ControlAreaWriter(block);
-                writer.publish(identity((int) pid, options.tag()), figures);
+                // The server first: a VM that is listed already answers on its socket.
                 if (options.server()) {
                     try {
                         server = ProfilingServer.start(TmpFiles.profilingServer(euid, pid), euid);
@@ -87,6 +87,7 @@ public final class NoxAgent {
                         System.err.println("nox-agent: no profiling server: " + e.getMessage());
                     }
                 }
+                writer.publish(identity((int) pid, options.tag()), figures);
             }
             writer.vmFlags(VmFlags.nonDefault());
             loop(writer, readings, figures);
