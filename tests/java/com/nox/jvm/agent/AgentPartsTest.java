@@ -90,6 +90,17 @@ class AgentPartsTest {
         }
     }
 
+    @Test
+    void flagsAreWrittenAsTheVmWritesThem() {
+        assertEquals("-XX:+UseG1GC", VmFlags.format("UseG1GC", "true"));
+        assertEquals("-XX:-UsePerfData", VmFlags.format("UsePerfData", "false"));
+        assertEquals("-XX:MaxHeapSize=1024", VmFlags.format("MaxHeapSize", "1024"));
+        // This VM's collector is chosen by ergonomics or the command line, never a default.
+        String flags = VmFlags.nonDefault();
+        assertTrue(flags.matches(".*-XX:\\+Use(Serial|Parallel|G1|Z|Shenandoah)GC.*"), flags);
+        assertTrue(flags.contains("-XX:MaxHeapSize="), flags);
+    }
+
     private static ByteBuffer block() {
         return ByteBuffer.allocate(ControlAreaLayout.BLOCK_SIZE).order(ByteOrder.nativeOrder());
     }

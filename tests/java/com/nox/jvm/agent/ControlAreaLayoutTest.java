@@ -57,9 +57,8 @@ class ControlAreaLayoutTest {
                     .order(file.map().order());
             ControlAreaWriter writer = new ControlAreaWriter(block);
             String longArgs = "-D" + "a".repeat(5000);
-            writer.publish(new ControlAreaWriter.Identity(PID, 1, "Test VM 17.0.99", longArgs, "-XX:+Flag",
+            writer.publish(new ControlAreaWriter.Identity(PID, 1, "Test VM 17.0.99", longArgs, "-XX:+UseSerialGC -XX:MaxHeapSize=1",
                     "demo.Main x y", "/work/dir", "tag-7", "demo.Main"), figures());
-            writer.vmFlags("-XX:+UseSerialGC -XX:MaxHeapSize=1");
 
             assertTrue(ProfilingClusterNatives.isValidVm0(PROCESS, PID, 0));
             assertEquals(1, ProfilingClusterNatives.getUniqueId0(PROCESS, PID, 0));

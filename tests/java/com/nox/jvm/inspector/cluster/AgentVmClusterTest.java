@@ -97,9 +97,9 @@ class AgentVmClusterTest {
             assertEquals("nox-agent", start.vmTag());
             assertTrue(start.hasMetaspace());
             assertFalse(start.runsWithMonitoringBoard());
-            // The flags are read after the area is published, off the VM's start-up path.
-            await(5000, "the VM flags being published", () -> inspector.startInfo(listed.ref()).orElseThrow()
-                    .vmFlags().contains("-XX:+UseSerialGC"));
+            assertTrue(start.vmFlags().contains("-XX:+UseSerialGC"), start.vmFlags());
+            assertTrue(start.vmFlags().contains("-XX:MaxHeapSize=" + (64 << 20)), start.vmFlags());
+            assertFalse(start.vmFlags().contains("UseG1GC"), "a flag at its default is not listed: " + start.vmFlags());
             VmState state = inspector.state(listed.ref()).orElseThrow();
             assertEquals(vm.intPid(), state.pid());
         }

@@ -61,11 +61,6 @@ final class ControlAreaWriter {
         block.putInt(H_EYECATCHER, INSTANCE_EYECATCHER);
     }
 
-    /** The VM flags, known only after the diagnostic command has run (off the start-up path). */
-    void vmFlags(String flags) {
-        text(INSTANCE_AREA_SIZE + V_VM_FLAGS, ARGUMENT, flags);
-    }
-
     /** Writes the figures that change. */
     void refresh(MxReadings.Figures f) {
         int vm = INSTANCE_AREA_SIZE;

@@ -89,7 +89,6 @@ public final class NoxAgent {
                 }
                 writer.publish(identity((int) pid, options.tag()), figures);
             }
-            writer.vmFlags(VmFlags.nonDefault());
             loop(writer, readings, figures);
         } catch (IOException | RuntimeException e) {
             System.err.println("nox-agent: cannot publish the control area: " + e);
@@ -145,7 +144,7 @@ public final class NoxAgent {
         return new ControlAreaWriter.Identity(pid, 1,
                 runtime.getVmName() + " " + runtime.getVmVersion(),
                 String.join(" ", runtime.getInputArguments()),
-                "",
+                VmFlags.nonDefault(),
                 command,
                 System.getProperty("user.dir", ""),
                 tag,
