@@ -177,8 +177,11 @@ if [ -n "$plain_pid" ]; then
   heading "Asking the real VM that got the agent late to exit"
   inspect exit "$plain_pid" 5
   wait "$plain_pid" && code=0 || code=$?
-  note "the JDK VM (pid $plain_pid) ended with exit code $code and removed its files:"
-  ls /tmp/nox_jvm_*_"$plain_pid" 2>&1 | sed 's/^/  /' || true
+  if compgen -G "/tmp/nox_jvm_*_$plain_pid" >/dev/null; then
+    note "the JDK VM (pid $plain_pid) ended with exit code $code; files left: $(echo /tmp/nox_jvm_*_"$plain_pid")"
+  else
+    note "the JDK VM (pid $plain_pid) ended with exit code $code and removed its control area and socket"
+  fi
 fi
 
 heading "The same in JSON, for scripts"

@@ -53,13 +53,44 @@ public final class NoxAgent {
         }
         NoxAgent agent = new NoxAgent(options);
         try {
-            Runtime.getRuntime().addShutdownHook(new Thread(agent::stop, "nox-agent-shutdown"));
+            Runtime.getRuntime().addShutdownHook(new Thread(agent.new Stop(), "nox-agent-shutdown"));
         } catch (IllegalStateException e) {
             return;  // the VM is already ending
         }
-        Thread thread = new Thread(agent::run, "nox-agent");
+        Thread thread = new Thread(agent.new Run(), "nox-agent");
         thread.setDaemon(true);
         thread.start();
+    }
+
+    // Named classes rather than lambdas and method references, and string concatenation compiled
+    // without invokedynamic (-XDstringConcat=inline): the method-handle machinery they would
+    // start costs a VM some 20 ms of CPU at start-up, more than the agent's own work.
+    private final class Run implements Runnable {
+        @Override
+        public void run() {
+            NoxAgent.this.run();
+        }
+    }
+
+    private final class Stop implements Runnable {
+        @Override
+        public void run() {
+            stop();
+        }
+    }
+
+    private static final class Exit implements java.util.function.IntConsumer {
+        @Override
+        public void accept(int code) {
+            Runtime.getRuntime().exit(code);
+        }
+    }
+
+    private static final class Gc implements Runnable {
+        @Override
+        public void run() {
+            System.gc();
+        }
     }
 
     private void run() {
@@ -68,7 +99,7 @@ public final class NoxAgent {
         MxReadings.Figures figures = new MxReadings.Figures();
         try (ProcSelf proc = new ProcSelf()) {
             int euid = ProcSelf.userId(1);
-            long pid = ProcessHandle.current().pid();
+            long pid = ProcSelf.pid();
             readings = new MxReadings(proc);
             readings.read(figures);
             synchronized (lock) {
@@ -98,7 +129,7 @@ public final class NoxAgent {
 
     /** Looks at the requests every poll interval and refreshes the figures every refresh interval. */
     private void loop(ControlAreaWriter writer, MxReadings readings, MxReadings.Figures figures) {
-        RequestWatcher watcher = new RequestWatcher(writer, code -> Runtime.getRuntime().exit(code), System::gc);
+        RequestWatcher watcher = new RequestWatcher(writer, new Exit(), new Gc());
         long refresh = TimeUnit.MILLISECONDS.toNanos(options.refreshMillis());
         long poll = TimeUnit.MILLISECONDS.toNanos(options.pollMillis());
         long next = System.nanoTime() + refresh;

@@ -54,7 +54,12 @@ final class ProfilingServer implements AutoCloseable {
         this.identity = identity;
         this.server = server;
         this.selector = selector;
-        this.thread = new Thread(this::run, "nox-agent-profiling-server");
+        this.thread = new Thread(new Runnable() {
+            @Override
+            public void run() {
+                serveUntilClosed();
+            }
+        }, "nox-agent-profiling-server");
         thread.setDaemon(true);
     }
 
@@ -65,8 +70,7 @@ final class ProfilingServer implements AutoCloseable {
      */
     static ProfilingServer start(Path path, int euid) throws IOException {
         TmpFiles.removeStale(path, euid);
-        Path folder = Files.createTempDirectory(path.getParent(), ".nox_agent_",
-                PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------")));
+        Path folder = privateFolder(path);
         Path inside = folder.resolve("s");
         ServerSocketChannel server = ServerSocketChannel.open(StandardProtocolFamily.UNIX);
         try {
@@ -92,7 +96,26 @@ final class ProfilingServer implements AutoCloseable {
         return path;
     }
 
-    private void run() {
+    /**
+     * A new folder beside {@code path} that only we can enter. Named by the socket's own name and
+     * a counter rather than by Files.createTempDirectory, whose random names cost a first
+     * SecureRandom (tens of milliseconds of seeding) in a VM that has none yet.
+     */
+    private static Path privateFolder(Path path) throws IOException {
+        for (int attempt = 0; ; attempt++) {
+            Path folder = path.resolveSibling("." + path.getFileName() + "." + System.nanoTime() + "." + attempt);
+            try {
+                return Files.createDirectory(folder,
+                        PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rwx------")));
+            } catch (java.nio.file.FileAlreadyExistsException e) {
+                if (attempt >= 100) {
+                    throw e;
+                }
+            }
+        }
+    }
+
+    private void serveUntilClosed() {
         try {
             while (!closed) {
                 selector.select(250);
