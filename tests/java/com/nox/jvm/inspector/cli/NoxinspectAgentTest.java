@@ -163,6 +163,13 @@ class NoxinspectAgentTest {
             assertTrue(vm.process().isAlive(), "a refused option must leave the VM running");
             assertFalse(bad.err().contains("\tat "), bad.toString());
         }
+
+        try (AgentVm closed = AgentVm.plainWith(java.util.List.of("-XX:+DisableAttachMechanism"))) {
+            Launcher.Result refused = Launcher.run("attach", Long.toString(closed.pid()));
+            assertEquals(1, refused.exitCode(), refused.toString());
+            assertTrue(refused.err().contains("VM pid " + closed.pid() + " refused the attach"), refused.toString());
+            assertTrue(closed.process().isAlive(), "a VM that refuses the attach runs on");
+        }
     }
 
     @Test

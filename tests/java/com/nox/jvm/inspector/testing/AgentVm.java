@@ -65,6 +65,11 @@ public final class AgentVm implements AutoCloseable {
         return start(List.of(), programArgs);
     }
 
+    /** A VM without the agent, started with these VM options as well. */
+    public static AgentVm plainWith(List<String> vmOptions, String... programArgs) throws IOException {
+        return start(vmOptions, programArgs);
+    }
+
     private static AgentVm start(List<String> vmOptions, String... programArgs) throws IOException {
         List<String> command = new ArrayList<>();
         command.add(Path.of(System.getProperty("java.home"), "bin", "java").toString());

@@ -137,8 +137,13 @@ public final class NoxAgent {
             watcher.check();
             long now = System.nanoTime();
             if (now - next >= 0) {
-                readings.read(figures);
-                writer.refresh(figures);
+                try {
+                    readings.read(figures);
+                    writer.refresh(figures);
+                } catch (RuntimeException e) {
+                    // An MXBean that fails once (a pool gone, a collector renamed) leaves the last
+                    // figures in place; the VM stays visible and answers requests.
+                }
                 next += refresh;
                 if (now - next >= 0) {
                     next = now + refresh;  // a VM that was stopped does not catch up

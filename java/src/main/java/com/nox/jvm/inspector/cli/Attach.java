@@ -104,6 +104,16 @@ final class Attach {
         if (!maps.contains("/libjvm.so")) {
             throw CliError.refused("process " + pid + " is not a Java VM (no libjvm.so mapped)");
         }
+        // Such a VM would let the attach run into its ten-second time-out; its command line says so at once.
+        try {
+            String[] words = Files.readString(proc.resolve("cmdline"), StandardCharsets.ISO_8859_1).split("\0");
+            if (List.of(words).contains("-XX:+DisableAttachMechanism")) {
+                throw CliError.refused("VM pid " + pid + " refused the attach: it was started with "
+                        + "-XX:+DisableAttachMechanism");
+            }
+        } catch (IOException e) {
+            throw CliError.refused("process " + pid + " has gone: " + e.getMessage());
+        }
     }
 
     /** nox-agent.jar: -Dnox.agent.jar, else the file beside the inspector's own jar. */
