@@ -176,7 +176,9 @@ class NoxinspectAgentTest {
     void debugRequestsToAStockVmLeaveItNotDebuggingAndSayNotOnDemand() throws Exception {
         try (AgentVm vm = AgentVm.withAgent("")) {
             listUntilPresent(vm.pid(), 5);
-            assertEquals(0, Launcher.run("debug", "start", Long.toString(vm.pid())).exitCode());
+            Launcher.Result start = Launcher.run("debug", "start", Long.toString(vm.pid()));
+            assertEquals(0, start.exitCode(), start.toString());
+            assertTrue(start.out().contains("it does not debug on demand"), start.toString());
             Launcher.Result info = Launcher.run("info", Long.toString(vm.pid()));
             assertEquals(0, info.exitCode(), info.toString());
             assertTrue(info.out().lines().anyMatch(l -> l.trim().matches("on demand\\s+no")), info.toString());
