@@ -192,6 +192,20 @@ class AgentVmClusterTest {
         }
     }
 
+    @Test
+    void refreshOptionSetsHowOftenTheFiguresChange() throws Exception {
+        try (AgentVm vm = AgentVm.withAgent("refresh=3600000")) {
+            Vm listed = listed(vm);
+            long published = inspector.memoryInfo(listed.ref()).orElseThrow().numberOfGcs();
+            long gcs = vm.readings().get("gcs");
+            raiseFlag(vm.controlAreaFile(), 80);  // gc
+            await(2000, "the GC count growing", () -> vmReadings(vm).get("gcs") > gcs);
+            Thread.sleep(300);
+            assertEquals(published, inspector.memoryInfo(listed.ref()).orElseThrow().numberOfGcs(),
+                    "figures changed although the next refresh is an hour away");
+        }
+    }
+
     private static Map<String, Long> vmReadings(AgentVm vm) {
         try {
             return vm.readings();
