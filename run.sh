@@ -41,7 +41,7 @@ build() {
 demo() {
   cmake --preset release >/dev/null
   # Only what the demo runs: the library, the jar, the simulated VM and the host scan.
-  cmake --build --preset release --target noxjvm_inspector noxjvm_inspector_jar vmsim nox_hostscan
+  cmake --build --preset release --target noxjvm_inspector noxjvm_inspector_jar nox_agent_jar vmsim nox_hostscan
   if [ -x tools/demo.sh ]; then
     tools/demo.sh build/release
   else

@@ -1,13 +1,15 @@
 #!/usr/bin/env bash
 # The demo of libnoxjvm_inspector: starts simulated VMs (tools/vmsim) - a process cluster in the
-# 32-bit layout and an instance cluster of three VMs in the 64-bit layout - and shows what the
-# command-line inspector tools/noxinspect sees of them and how it asks them to act.
+# 32-bit layout and an instance cluster of three VMs in the 64-bit layout - and two real JDK VMs
+# (one started with nox-agent.jar, one that gets it through `noxinspect attach`), and shows what
+# the command-line inspector tools/noxinspect sees of them and how it asks them to act.
 #   tools/demo.sh [BUILD_DIR]     (default build/release; ./run.sh demo builds it first)
 set -euo pipefail
 
 root=$(cd -- "$(dirname -- "$(readlink -f -- "${BASH_SOURCE[0]}")")/.." && pwd)
 build=$(readlink -f -- "${1:-$root/build/release}")
 vmsim=$build/tools/vmsim/vmsim
+agent=$build/java/nox-agent.jar
 noxinspect=$root/tools/noxinspect
 export NOX_BUILD_DIR=$build
 
@@ -116,6 +118,28 @@ fi
 IFS=, read -r -a inst_pids <<<"$(field "$work/instance.out" pids)"
 note "process cluster (32-bit layout): one VM, pid $proc_pid"
 note "instance cluster $cluster (64-bit layout): three VMs, pids ${inst_pids[*]}"
+
+# Real VMs: the JDK that runs the inspector, a small program compiled here.
+java=java
+if [ -n "${JAVA_HOME:-}" ] && [ -x "$JAVA_HOME/bin/java" ]; then java=$JAVA_HOME/bin/java; fi
+real_pid=
+plain_pid=
+if [ -f "$agent" ] && "${java%java}javac" -d "$work/classes" "$root/tools/demo/OrderService.java" 2>"$work/javac.err"; then
+  heading "Starting real JDK VMs"
+  "$java" -Xmx256m -XX:+UseSerialGC -javaagent:"$agent"=tag=orders -cp "$work/classes" \
+    org.example.orders.OrderService --region eu >"$work/real.out" 2>&1 &
+  real_pid=$!
+  sims+=("$real_pid")
+  "$java" -Xmx128m -cp "$work/classes" org.example.orders.OrderService --region us >"$work/plain.out" 2>&1 &
+  plain_pid=$!
+  sims+=("$plain_pid")
+  note "a JDK VM started with -javaagent:nox-agent.jar: pid $real_pid"
+  note "a JDK VM started without it: pid $plain_pid; the inspector loads the agent into it:"
+  sleep 1
+  inspect attach "$plain_pid"
+else
+  note "(no nox-agent.jar in $build or no javac: the demo shows simulated VMs only)"
+fi
 sleep 1   # so that the uptimes below are not all 0s
 
 heading "Every Java VM on this host"
@@ -123,6 +147,15 @@ inspect list
 
 heading "One VM in detail"
 inspect info "instance:$cluster:0"
+
+if [ -n "$real_pid" ]; then
+  heading "A real JDK VM in detail (figures from its MXBeans, refreshed every second)"
+  inspect info "$real_pid"
+  heading "A stock VM cannot start a debugger later: the request is cleared, nothing changes"
+  inspect debug start "$real_pid"
+  sleep 0.3
+  inspect info "$real_pid" | sed -n '/^Debugging/,$p'
+fi
 
 heading "Asking a VM to start debugging"
 inspect debug start "${inst_pids[1]}" --suspend 0
@@ -139,6 +172,17 @@ inspect exit "instance:$cluster:2" 3
 note "vmsim: $(wait_line "$work/instance.out" 'EXITED slot=2')"
 note "The VM in slot 2 (pid ${inst_pids[2]}) is gone:"
 inspect list
+
+if [ -n "$plain_pid" ]; then
+  heading "Asking the real VM that got the agent late to exit"
+  inspect exit "$plain_pid" 5
+  wait "$plain_pid" && code=0 || code=$?
+  if compgen -G "/tmp/nox_jvm_*_$plain_pid" >/dev/null; then
+    note "the JDK VM (pid $plain_pid) ended with exit code $code; files left: $(echo /tmp/nox_jvm_*_"$plain_pid")"
+  else
+    note "the JDK VM (pid $plain_pid) ended with exit code $code and removed its control area and socket"
+  fi
+fi
 
 heading "The same in JSON, for scripts"
 inspect exit "$proc_pid" 0 --json

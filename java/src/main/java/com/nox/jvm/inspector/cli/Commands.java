@@ -225,13 +225,17 @@ final class Commands {
     void startDebugging(Target target, int suspend) {
         Vm vm = resolve(target);
         long startedAt = InspectorNatives.getCreationTimeOfProcess0(vm.pid());
+        // A VM that says it cannot debug on demand (a stock VM with the agent) gets the request
+        // all the same, since it is the VM's to decide; the user is told what to expect.
+        boolean onDemand = inspector.debugInfo(vm.ref()).map(VmDebugInfo::canDebugOnDemand).orElse(true);
         try {
             inspector.startDebugging(vm.ref(), suspend);
         } catch (VmNotFoundException e) {
             throw gone(vm);
         }
         reportRequest(vm, startedAt, "start-debugging", "suspend", suspend,
-                "asked to start debugging (suspend policy " + suspend + ")");
+                "asked to start debugging (suspend policy " + suspend + ")" + (onDemand ? ""
+                        : "; it does not debug on demand, so it will clear the request and not debug"));
     }
 
     void stopDebugging(Target target) {

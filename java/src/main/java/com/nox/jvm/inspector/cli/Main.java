@@ -28,6 +28,8 @@ public final class Main {
               serve [--port N] [--bind ADDR] every VM of this host as Prometheus metrics at
                                             http://ADDR:N/metrics (default 127.0.0.1:9471)
               watch                         VMs appearing and vanishing, one line each, until interrupted
+              attach PID [OPTIONS]          load nox-agent.jar into a running VM of the same user, so it
+                                            publishes a control area (OPTIONS e.g. refresh=500,tag=web)
               help                          this text
             VM is a pid, or type:id:slot with type process (1) or instance (2), e.g. instance:84:0.
             --json writes the result as JSON on stdout; messages always go to stderr.
@@ -121,6 +123,9 @@ public final class Main {
                 expectCount(name, rest, 0);
                 Watch watch = new Watch(out, json);
                 return watch::run;
+            }
+            case "attach" -> {
+                return Attach.parse(rest, json, out);
             }
             default -> throw CliError.usage("unknown command '" + name + "'");
         }
