@@ -97,8 +97,15 @@ TEST(BlockingIO, NullRegistryPassesErrnoThroughAndClosesPlainly) {
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
     int shutdown_error = -1;
-    EXPECT_EQ(BlockingIO::close(nullptr, fds[0], &shutdown_error), 0);
+    bool closed_here = false;
+    int slot = fds[0];
+    EXPECT_EQ(BlockingIO::close(nullptr, &slot, &shutdown_error, &closed_here), 0);
+    EXPECT_TRUE(closed_here);
+    EXPECT_EQ(slot, -1) << "the number is taken out of the slot";
     EXPECT_EQ(shutdown_error, ENOTSOCK) << "a pipe cannot be shut down";
+    EXPECT_EQ(fcntl(fds[0], F_GETFD), -1);
+    EXPECT_EQ(BlockingIO::close(nullptr, &slot, &shutdown_error, &closed_here), 0);
+    EXPECT_FALSE(closed_here) << "a second close finds -1 and does nothing";
     close(fds[1]);
 }
 
@@ -125,7 +132,13 @@ TEST(BlockingIO, CloseMarksEveryRegistrationAndRefusesNewOnes) {
     }
     while (registered < 2) std::this_thread::yield();
     int shutdown_error = 0;
-    std::thread closer([&] { EXPECT_EQ(BlockingIO::close(&data, fds[0], &shutdown_error), 0); });
+    int slot = fds[0];
+    std::thread closer([&] {
+        bool closed_here = false;
+        EXPECT_EQ(BlockingIO::close(&data, &slot, &shutdown_error, &closed_here), 0);
+        EXPECT_TRUE(closed_here);
+        BlockingIO::finish_close(&data);
+    });
     // The closer waits for the registrations to leave before it releases the number.
     while (!data._closing) std::this_thread::yield();
     EXPECT_NE(fcntl(fds[0], F_GETFD), -1) << "closed while threads were still registered";
@@ -141,7 +154,9 @@ TEST(BlockingIO, CloseMarksEveryRegistrationAndRefusesNewOnes) {
         EXPECT_TRUE(late.refused());
     }
     EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(BlockingIO::close(&data, fds[0], &shutdown_error), 0) << "a second close does nothing";
+    bool closed_here = true;
+    EXPECT_EQ(BlockingIO::close(&data, &slot, &shutdown_error, &closed_here), 0);
+    EXPECT_FALSE(closed_here) << "a second close does nothing";
     close(fds[1]);
 }
 
