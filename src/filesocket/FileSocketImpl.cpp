@@ -31,6 +31,10 @@ jfieldID socketIdentifier_field = nullptr;
 jclass fileSocketException_class = nullptr;
 jmethodID fileSocketException_constructor = nullptr;
 jclass socketTimeoutException_class = nullptr;
+// FileSocketImpl.release, the holder of the native handle for the Java object's Cleaner, and its
+// field handle: create0 and destroy0 keep it equal to fileSocket_pd.
+jfieldID release_field = nullptr;
+jfieldID release_handle_field = nullptr;
 // Set last, once every identity above is in place; read without the lock by every native.
 std::atomic<bool> initialized(false);
 // Serialises the first callers, so that the identities are looked up (and the class references
@@ -78,6 +82,13 @@ void cache_identities_locked(JNIEnv* env, jclass cls) {
         socketTimeoutException_class = global_class(env, "java/net/SocketTimeoutException");
         if (socketTimeoutException_class == nullptr) return;
     }
+    release_field = env->GetFieldID(cls, "release", "Lcom/nox/jvm/inspector/filesocket/FileSocketImpl$NativeRelease;");
+    if (release_field == nullptr) return;
+    jclass release_class = env->FindClass("com/nox/jvm/inspector/filesocket/FileSocketImpl$NativeRelease");
+    if (release_class == nullptr) return;
+    release_handle_field = env->GetFieldID(release_class, "handle", "J");
+    env->DeleteLocalRef(release_class);
+    if (release_handle_field == nullptr) return;
     initialized.store(true);
 }
 
@@ -206,6 +217,16 @@ using J2SE::JavaExceptionHandler;
 
 namespace {
 
+// Sets the Cleaner's handle of `self` to `handle` when it is `expected` (null holder: nothing).
+void update_release_handle(JNIEnv* env, jobject self, jlong expected, jlong handle) {
+    jobject release = env->GetObjectField(self, J2SE::release_field);
+    if (release == nullptr) return;
+    if (env->GetLongField(release, J2SE::release_handle_field) == expected) {
+        env->SetLongField(release, J2SE::release_handle_field, handle);
+    }
+    env->DeleteLocalRef(release);
+}
+
 bool ensure_initialized(JNIEnv* env, jobject self) {
     if (J2SE::initialized.load()) return true;
     jclass cls = env->GetObjectClass(self);
@@ -276,6 +297,7 @@ JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_crea
         return;
     }
     env->SetLongField(self, J2SE::fileSocket_pd_field, reinterpret_cast<jlong>(socket));
+    if (socket != nullptr) update_release_handle(env, self, 0, reinterpret_cast<jlong>(socket));
 }
 
 JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_bind0(JNIEnv* env, jobject self,
@@ -376,6 +398,22 @@ JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_read
     return n;
 }
 
+// The read of the Java streams: once into bytes [pos, pos + len) of a direct buffer. The count,
+// or -1 at end of stream; a failed read is a FileSocketException with the system's text and a
+// time-out a SocketTimeoutException (readDirect0 and read0 turn both into -1).
+JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_receiveDirect0(JNIEnv* env, jobject self,
+                                                                                          jobject buffer, jint pos,
+                                                                                          jint len, jint timeout) {
+    char* address = direct_range(env, buffer, pos, len);
+    if (address == nullptr) return -1;
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return -1;
+    JavaExceptionHandler handler(env);
+    int n = socket->receive(address, len, timeout, handler);
+    if (handler.has_thrown()) return -1;
+    return n == 0 && len > 0 ? -1 : n;
+}
+
 // Writes bytes [pos, pos + len) of a direct buffer with as few system calls as the socket
 // takes; the time-out applies to each wait, as in write0. Returns the count written.
 JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_writeDirect0(JNIEnv* env, jobject self,
@@ -414,8 +452,16 @@ JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_clos
 JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_destroy0(JNIEnv* env, jobject self) {
     if (!ensure_initialized(env, self)) return;
     FileSocket* socket = reinterpret_cast<FileSocket*>(env->GetLongField(self, J2SE::fileSocket_pd_field));
+    if (socket != nullptr) update_release_handle(env, self, reinterpret_cast<jlong>(socket), 0);
     FileSocket::destroy(socket);
     env->SetLongField(self, J2SE::fileSocket_pd_field, 0);
+}
+
+// Closes and frees a native socket by its handle, without its Java object: the release of a
+// FileSocketImpl that was dropped without close (run by its Cleaner, when no thread can be
+// inside a native call on it any more).
+JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_release0(JNIEnv*, jclass, jlong handle) {
+    FileSocket::destroy(reinterpret_cast<FileSocket*>(handle));
 }
 
 JNIEXPORT jstring JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketAddress_createIdentifier(JNIEnv* env,

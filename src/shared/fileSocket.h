@@ -170,6 +170,11 @@ public:
     // One read of at most `length` bytes: the count, or -1 at end of stream, on a read error
     // (neither reported) and after a reported time-out or failed wait.
     int readf(char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const;
+    // One read of at most `length` bytes for a stream: the count, 0 at end of stream, or -1
+    // after a report ("Read timed out", or the system's text of a failed read, EBADF once a
+    // close has released the call). Unlike readf, a read error is reported, and a peer that has
+    // hung up is read from (its last bytes, then end of stream) instead of failing the wait.
+    int receive(char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const;
     // Writes all `length` bytes unless a report stops it; returns the count written.
     int writef(const char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const;
     void shutdown(bool how, ExceptionHandler& handler);

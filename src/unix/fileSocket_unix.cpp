@@ -455,6 +455,59 @@ int FileSocket::readf(char* buffer, int length, int timeout_ms, ExceptionHandler
     return count > 0 ? static_cast<int>(count) : -1;
 }
 
+namespace {
+
+// recv on `fd` (-1: released by a close, errno EBADF). With a deadline (monotonic ms, 0 = none)
+// the socket is first read without waiting and then polled for the rest of the time; any
+// readiness, a hang-up or an error included, goes back to recv, which tells which it was.
+ssize_t receive_on(int fd, char* buffer, size_t size, int64_t deadline_ms, bool* timed_out) {
+    if (fd < 0) return -1;
+    for (;;) {
+        ssize_t count = ::recv(fd, buffer, size, deadline_ms != 0 ? MSG_DONTWAIT : 0);
+        if (count >= 0) return count;
+        if (errno == EINTR) continue;
+        if (deadline_ms == 0 || errno != EAGAIN) return -1;
+        int64_t left = deadline_ms - FileSocketHelperUnix::now_ms();
+        if (left < 1) {
+            *timed_out = true;
+            return -1;
+        }
+        pollfd watched;
+        watched.fd = fd;
+        watched.events = POLLIN;
+        watched.revents = 0;
+        int ready = poll(&watched, 1, static_cast<int>(left > INT_MAX ? INT_MAX : left));
+        if (ready == 0) {
+            *timed_out = true;
+            return -1;
+        }
+        if (ready < 0 && errno != EINTR) return -1;
+    }
+}
+
+}  // namespace
+
+int FileSocket::receive(char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const {
+    const size_t size = static_cast<size_t>(length > 0 ? length : 0);
+    const int64_t deadline = timeout_ms >= 1 ? FileSocketHelperUnix::now_ms() + timeout_ms : 0;
+    bool timed_out = false;
+    ssize_t count;
+    {
+        BlockingIO io(_blocking_IO_data);
+        count = receive_on(descriptor_in(io), buffer, size, deadline, &timed_out);
+    }
+    // errno is the read's, or EBADF when a close released this thread.
+    if (timed_out) {
+        handler.throw_SocketTimeoutException(this, "Read timed out");
+        return -1;
+    }
+    if (count < 0) {
+        handler.throw_FileSocketException(this, errno);
+        return -1;
+    }
+    return static_cast<int>(count);
+}
+
 int FileSocket::writef(const char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const {
     const bool timed = timeout_ms >= 1;
     // MSG_NOSIGNAL: a peer that has gone gives EPIPE instead of a SIGPIPE that would end the
