@@ -210,6 +210,36 @@ private:
     char* _array;
 };
 
+// Bytes [off, off + len) of a Java array, pinned with the JVM's critical access for one
+// system call that does not wait. The JVM may hand out a copy: unpin writes it back.
+class CriticalArray : public PinnedBuffer {
+public:
+    CriticalArray(JNIEnv* env, jbyteArray array, jint off) : _env(env), _array(array), _off(off), _elements(nullptr) {}
+    ~CriticalArray() override { unpin(); }
+    CriticalArray(const CriticalArray&) = delete;
+    CriticalArray& operator=(const CriticalArray&) = delete;
+
+    char* pin() override {
+        _elements = _env->GetPrimitiveArrayCritical(_array, nullptr);
+        if (_elements == nullptr) {
+            throw_new(_env, "java/lang/OutOfMemoryError", "cannot pin the array");
+            return nullptr;
+        }
+        return static_cast<char*>(_elements) + _off;
+    }
+    void unpin() override {
+        if (_elements == nullptr) return;
+        _env->ReleasePrimitiveArrayCritical(_array, _elements, 0);
+        _elements = nullptr;
+    }
+
+private:
+    JNIEnv* _env;
+    jbyteArray _array;
+    jint _off;
+    void* _elements;
+};
+
 }  // namespace J2SE
 
 using J2SE::FileSocket;
@@ -412,6 +442,54 @@ JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_rece
     int n = socket->receive(address, len, timeout, handler);
     if (handler.has_thrown()) return -1;
     return n == 0 && len > 0 ? -1 : n;
+}
+
+// The small reads of the Java streams (at most 1024 bytes; more are cut to 1024): once into
+// b[off..], through a buffer on the stack. The count, or -1 at end of stream; failures as in
+// receiveDirect0.
+JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_receive0(JNIEnv* env, jobject self,
+                                                                                    jbyteArray b, jint off, jint len,
+                                                                                    jint timeout) {
+    if (!check_range(env, b, off, len)) return -1;
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return -1;
+    JavaExceptionHandler handler(env);
+    char buffer[J2SE::STACK_BUFFER_SIZE];
+    int wanted = len < J2SE::STACK_BUFFER_SIZE ? len : J2SE::STACK_BUFFER_SIZE;
+    int n = socket->receive(buffer, wanted, timeout, handler);
+    if (handler.has_thrown() || n < 0) return -1;
+    if (n == 0) return wanted > 0 ? -1 : 0;
+    env->SetByteArrayRegion(b, off, n, reinterpret_cast<const jbyte*>(buffer));
+    return n;
+}
+
+// The large reads of the Java streams: once into b[off..off + len), straight from the socket
+// into the array, without a copy in between. The count, or -1 at end of stream; failures as in
+// receiveDirect0.
+JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_receiveArray0(JNIEnv* env, jobject self,
+                                                                                         jbyteArray b, jint off,
+                                                                                         jint len, jint timeout) {
+    if (!check_range(env, b, off, len)) return -1;
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return -1;
+    JavaExceptionHandler handler(env);
+    J2SE::CriticalArray array(env, b, off);
+    int n = socket->receive_pinned(array, len, timeout, handler);
+    if (handler.has_thrown() || n < 0) return -1;
+    return n == 0 && len > 0 ? -1 : n;
+}
+
+// The large writes of the Java streams: all of b[off..off + len) straight from the array. The
+// count written; a failure or a time-out (each wait for room) is pending with the count so far.
+JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_sendArray0(JNIEnv* env, jobject self,
+                                                                                      jbyteArray b, jint off,
+                                                                                      jint len, jint timeout) {
+    if (!check_range(env, b, off, len)) return 0;
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return 0;
+    JavaExceptionHandler handler(env);
+    J2SE::CriticalArray array(env, b, off);
+    return socket->send_pinned(array, len, timeout, handler);
 }
 
 // Writes bytes [pos, pos + len) of a direct buffer with as few system calls as the socket

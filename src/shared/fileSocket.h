@@ -54,6 +54,18 @@ protected:
 
 class BlockingIO;
 
+// Memory that may be used only while no call can block: a Java array held with the JVM's
+// critical access, which stalls the garbage collector until it is let go. The transfers below
+// pin it around each call that does not wait (MSG_DONTWAIT), and wait for readiness unpinned.
+class PinnedBuffer {
+public:
+    virtual ~PinnedBuffer() {}
+    // The first byte of the range, or null when it cannot be pinned (the pinning party has
+    // then reported why).
+    virtual char* pin() = 0;
+    virtual void unpin() = 0;
+};
+
 // The registry of the threads that are inside a system call on one socket. Its lock is held
 // while a close takes the descriptor, marks the registered threads and waits for them to leave,
 // so a descriptor number is released only when no registered thread can still use it.
@@ -175,6 +187,12 @@ public:
     // close has released the call). Unlike readf, a read error is reported, and a peer that has
     // hung up is read from (its last bytes, then end of stream) instead of failing the wait.
     int receive(char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const;
+    // receive() into pinned memory: the count, 0 at end of stream, -1 after a report or when
+    // the memory could not be pinned.
+    int receive_pinned(PinnedBuffer& buffer, int length, int timeout_ms, ExceptionHandler& handler) const;
+    // writef() from pinned memory: all `length` bytes unless a report (or a failed pin) stops
+    // it; the count written. The time-out bounds each wait for room.
+    int send_pinned(PinnedBuffer& buffer, int length, int timeout_ms, ExceptionHandler& handler) const;
     // Writes all `length` bytes unless a report stops it; returns the count written.
     int writef(const char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const;
     void shutdown(bool how, ExceptionHandler& handler);
@@ -213,6 +231,10 @@ private:
     // Removes the socket file when it is still the one bind created (same device and inode): a
     // server that has since taken the path keeps its file.
     void remove_bound_file(const cstring& path) const;
+    // Waits, registered, until the socket is ready for `events` or reports anything (a hang-up,
+    // an error), at most until deadline_ms (monotonic; 0 = no limit). False after reporting
+    // the time-out (as `timeout_text`) or the failed wait.
+    bool wait_until(int events, int64_t deadline_ms, const char* timeout_text, ExceptionHandler& handler) const;
     bool wait_ready(int timeout_ms, int events, const char* timeout_text, ExceptionHandler& handler) const;
     // Replaces the identifier under the registry's lock (the empty string clears it).
     void set_socket_identifier(const cstring& identifier);

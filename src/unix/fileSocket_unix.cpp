@@ -508,6 +508,111 @@ int FileSocket::receive(char* buffer, int length, int timeout_ms, ExceptionHandl
     return static_cast<int>(count);
 }
 
+namespace {
+
+// poll until `fd` is ready for `events` or reports anything, at most until deadline_ms
+// (0 = no limit); a signal never stretches the wait. The result of poll (0: time-out).
+int poll_until(int fd, int events, int64_t deadline_ms) {
+    for (;;) {
+        int wait = -1;
+        if (deadline_ms != 0) {
+            int64_t left = deadline_ms - FileSocketHelperUnix::now_ms();
+            if (left < 1) return 0;
+            wait = static_cast<int>(left > INT_MAX ? INT_MAX : left);
+        }
+        pollfd watched;
+        watched.fd = fd;
+        watched.events = static_cast<short>(events);
+        watched.revents = 0;
+        errno = 0;
+        int ready = poll(&watched, 1, wait);
+        if (ready >= 0 || errno != EINTR) return ready;
+    }
+}
+
+}  // namespace
+
+bool FileSocket::wait_until(int events, int64_t deadline_ms, const char* timeout_text,
+                            ExceptionHandler& handler) const {
+    int ready;
+    {
+        BlockingIO io(_blocking_IO_data);
+        int fd = descriptor_in(io);
+        ready = fd < 0 ? -1 : poll_until(fd, events, deadline_ms);
+    }
+    if (ready == 0) {
+        handler.throw_SocketTimeoutException(this, timeout_text);
+        return false;
+    }
+    if (ready < 0) {
+        handler.throw_FileSocketException(this, errno);
+        return false;
+    }
+    return true;
+}
+
+int FileSocket::receive_pinned(PinnedBuffer& buffer, int length, int timeout_ms, ExceptionHandler& handler) const {
+    const size_t size = static_cast<size_t>(length > 0 ? length : 0);
+    const int64_t deadline = timeout_ms >= 1 ? FileSocketHelperUnix::now_ms() + timeout_ms : 0;
+    for (;;) {
+        ssize_t count = -1;
+        {
+            BlockingIO io(_blocking_IO_data);
+            int fd = descriptor_in(io);
+            if (fd >= 0) {
+                char* bytes = buffer.pin();
+                if (bytes == nullptr) return -1;
+                count = ::recv(fd, bytes, size, MSG_DONTWAIT);
+                int error = errno;
+                buffer.unpin();
+                errno = error;
+            }
+        }
+        // errno is the read's, or EBADF when a close released this thread.
+        if (count >= 0) return static_cast<int>(count);
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN) {
+            handler.throw_FileSocketException(this, errno);
+            return -1;
+        }
+        if (!wait_until(POLLIN, deadline, "Read timed out", handler)) return -1;
+    }
+}
+
+int FileSocket::send_pinned(PinnedBuffer& buffer, int length, int timeout_ms, ExceptionHandler& handler) const {
+    int total = 0;
+    while (total < length) {
+        ssize_t count = -1;
+        {
+            BlockingIO io(_blocking_IO_data);
+            int fd = descriptor_in(io);
+            if (fd >= 0) {
+                char* bytes = buffer.pin();
+                if (bytes == nullptr) return total;
+                // MSG_NOSIGNAL: a peer that has gone gives EPIPE, not a SIGPIPE that ends the JVM.
+                count = ::send(fd, bytes + total, static_cast<size_t>(length - total), MSG_DONTWAIT | MSG_NOSIGNAL);
+                int error = errno;
+                buffer.unpin();
+                errno = error;
+            }
+        }
+        if (count > 0) {
+            total += static_cast<int>(count);
+            continue;
+        }
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0 && errno == EAGAIN) {
+            // The time-out bounds each wait for room, not the whole transfer.
+            int64_t deadline = timeout_ms >= 1 ? FileSocketHelperUnix::now_ms() + timeout_ms : 0;
+            if (!wait_until(POLLOUT, deadline, "Write timed out", handler)) return total;
+            continue;
+        }
+        handler.throw_FileSocketException(this, nullptr);
+        return total;
+    }
+    return total;
+}
+
 int FileSocket::writef(const char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const {
     const bool timed = timeout_ms >= 1;
     // MSG_NOSIGNAL: a peer that has gone gives EPIPE instead of a SIGPIPE that would end the

@@ -254,6 +254,17 @@ TEST(FileSocketRaces, CloseRemovesOnlyTheFileItBound) {
 
 namespace {
 
+// Plain memory standing in for a pinned Java array.
+class PlainPin : public J2SE::PinnedBuffer {
+public:
+    explicit PlainPin(char* bytes) : _bytes(bytes) {}
+    char* pin() override { return _bytes; }
+    void unpin() override {}
+
+private:
+    char* _bytes;
+};
+
 // One cycle: `block` runs on its own thread until a close of `socket` releases it; the close
 // runs when the thread is registered in the socket's system call.
 void close_while_blocked(FileSocket& socket, const std::function<void()>& block, const char* what) {
@@ -303,10 +314,18 @@ TEST(FileSocketRaces, CloseWhileBlockedInRead) {
         ASSERT_FALSE(setup.has_thrown()) << setup.message().c_str();
         int result = 0;
         ExceptionHandler released;
-        // Untimed and timed reads alternate: the first waits in recv, the second in poll.
+        // Every kind of read in turn: readf and receive untimed (waiting in recv) and timed
+        // (waiting in poll), and the pinned read (waiting in poll).
         close_while_blocked(client, [&] {
             char byte;
-            result = client.readf(&byte, 1, cycle % 2 == 0 ? 0 : 60000, released);
+            PlainPin pin(&byte);
+            switch (cycle % 5) {
+            case 0: result = client.readf(&byte, 1, 0, released); break;
+            case 1: result = client.readf(&byte, 1, 60000, released); break;
+            case 2: result = client.receive(&byte, 1, 0, released) > 0 ? 1 : -1; break;
+            case 3: result = client.receive(&byte, 1, 60000, released) > 0 ? 1 : -1; break;
+            default: result = client.receive_pinned(pin, 1, 0, released) > 0 ? 1 : -1; break;
+            }
         }, "a thread blocked in read");
         EXPECT_EQ(result, -1);
         FileSocket::destroy(accepted);
@@ -334,7 +353,12 @@ TEST(FileSocketRaces, CloseWhileBlockedInWrite) {
         ExceptionHandler released;
         int written = 0;
         close_while_blocked(client, [&] {
-            written = client.writef(chunk.data(), static_cast<int>(chunk.size()), cycle % 2 == 0 ? 0 : 60000, released);
+            PlainPin pin(chunk.data());
+            switch (cycle % 3) {
+            case 0: written = client.writef(chunk.data(), static_cast<int>(chunk.size()), 0, released); break;
+            case 1: written = client.writef(chunk.data(), static_cast<int>(chunk.size()), 60000, released); break;
+            default: written = client.send_pinned(pin, static_cast<int>(chunk.size()), 0, released); break;
+            }
         }, "a thread blocked in write");
         EXPECT_LT(written, static_cast<int>(chunk.size()));
         EXPECT_TRUE(released.has_thrown());

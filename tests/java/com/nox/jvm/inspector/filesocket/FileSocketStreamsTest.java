@@ -115,8 +115,11 @@ class FileSocketStreamsTest {
 
     @Test
     void aFailedReadIsAnIOExceptionWithItsTextAndOnlyTheEndOfStreamIsMinusOne() throws Exception {
-        for (int timeout : new int[] {0, 2000}) {
-            String name = paths.nextName("reset" + timeout);
+        // Small reads (through the native stack) and large ones (straight into the array).
+        for (int[] variant : new int[][] {{0, 10}, {2000, 10}, {0, 100_000}, {2000, 100_000}}) {
+            int timeout = variant[0];
+            int size = variant[1];
+            String name = paths.nextName("reset" + timeout + "_" + size);
             try (FileServerSocket server = new FileServerSocket(name);
                     FileSocket client = new FileSocket(name);
                     FileSocket accepted = server.accept()) {
@@ -126,10 +129,11 @@ class FileSocketStreamsTest {
                 client.getOutputStream().write(new byte[100]);
                 accepted.close();
                 InputStream in = client.getInputStream();
-                IOException e = assertThrows(IOException.class, () -> in.read(new byte[10]), "timeout " + timeout);
-                assertEquals("Connection reset by peer", e.getMessage(), "timeout " + timeout);
+                String what = "timeout " + timeout + ", read of " + size;
+                IOException e = assertThrows(IOException.class, () -> in.read(new byte[size]), what);
+                assertEquals("Connection reset by peer", e.getMessage(), what);
                 // The error is reported once; then the stream is at its end.
-                assertEquals(-1, in.read(new byte[10]), "timeout " + timeout);
+                assertEquals(-1, in.read(new byte[size]), what);
             }
         }
         // A peer that closes after reading everything ends the stream: its bytes, then -1.

@@ -5,7 +5,6 @@ import java.io.IOException;
 import java.lang.ref.Cleaner;
 import java.net.SocketException;
 import java.nio.ByteBuffer;
-import java.util.concurrent.locks.ReentrantLock;
 
 /**
  * One native file socket. The natives are the raw operations; the public methods add what a
@@ -21,8 +20,8 @@ public final class FileSocketImpl implements AutoCloseable {
 
     /** Releases the native sockets of dropped objects; one daemon thread for all of them. */
     private static final Cleaner CLEANER = Cleaner.create();
-    /** Room of the direct buffer that the reads of byte arrays go through. */
-    static final int READ_CHUNK = 64 * 1024;
+    /** Reads and writes of up to this many bytes go through a buffer on the native stack. */
+    static final int SMALL_TRANSFER = 1024;
 
     /** The native socket; 0 when there is none. Read and written by the natives. */
     long fileSocket_pd;
@@ -40,10 +39,6 @@ public final class FileSocketImpl implements AutoCloseable {
     /** Owns the native socket for the Cleaner; create0 and destroy0 keep its handle current. */
     private final NativeRelease release;
     private final Cleaner.Cleanable cleanable;
-
-    /** Serialises the reads into byte arrays, which share one direct buffer. */
-    private final ReentrantLock readLock = new ReentrantLock();
-    private ByteBuffer readBuffer; // made on the first read
 
     /** A new unconnected socket. */
     public FileSocketImpl() throws IOException {
@@ -145,15 +140,9 @@ public final class FileSocketImpl implements AutoCloseable {
         if (len == 0) return 0;
         enter();
         try {
-            readLock.lock();
-            try {
-                if (readBuffer == null) readBuffer = ByteBuffer.allocateDirect(READ_CHUNK);
-                int n = receiveDirect0(readBuffer, 0, Math.min(len, READ_CHUNK), timeoutMillis);
-                if (n > 0) readBuffer.get(0, b, off, n);
-                return endOfStreamOrClosed(n);
-            } finally {
-                readLock.unlock();
-            }
+            // Large reads go from the socket straight into the array.
+            int n = len <= SMALL_TRANSFER ? receive0(b, off, len, timeoutMillis) : receiveArray0(b, off, len, timeoutMillis);
+            return endOfStreamOrClosed(n);
         } catch (FileSocketException e) {
             throw closedOr(e);
         } finally {
@@ -187,6 +176,23 @@ public final class FileSocketImpl implements AutoCloseable {
         enter();
         try {
             return write0(b, off, len, timeoutMillis);
+        } catch (FileSocketException e) {
+            throw closedOr(e);
+        } finally {
+            leave();
+        }
+    }
+
+    /**
+     * Writes all len bytes: up to 1024 as {@link #write(byte[], int, int, int)}, more straight
+     * from the array with as few system calls as the socket takes. The time-out bounds each
+     * wait for room. Returns len, or throws.
+     */
+    public int send(byte[] b, int off, int len, int timeoutMillis) throws IOException {
+        if (len <= SMALL_TRANSFER) return write(b, off, len, timeoutMillis);
+        enter();
+        try {
+            return sendArray0(b, off, len, timeoutMillis);
         } catch (FileSocketException e) {
             throw closedOr(e);
         } finally {
@@ -287,6 +293,12 @@ public final class FileSocketImpl implements AutoCloseable {
     native int writeDirect0(ByteBuffer direct, int pos, int len, int timeout) throws IOException;
 
     native int receiveDirect0(ByteBuffer direct, int pos, int len, int timeout) throws IOException;
+
+    native int receive0(byte[] b, int off, int len, int timeout) throws IOException;
+
+    native int receiveArray0(byte[] b, int off, int len, int timeout) throws IOException;
+
+    native int sendArray0(byte[] b, int off, int len, int timeout) throws IOException;
 
     private static native void release0(long handle);
 
