@@ -457,6 +457,26 @@ int FileSocket::readf(char* buffer, int length, int timeout_ms, ExceptionHandler
 
 namespace {
 
+// poll until `fd` is ready for `events` or reports anything, at most until deadline_ms
+// (0 = no limit); a signal never stretches the wait. The result of poll (0: time-out).
+int poll_until(int fd, int events, int64_t deadline_ms) {
+    for (;;) {
+        int wait = -1;
+        if (deadline_ms != 0) {
+            int64_t left = deadline_ms - FileSocketHelperUnix::now_ms();
+            if (left < 1) return 0;
+            wait = static_cast<int>(left > INT_MAX ? INT_MAX : left);
+        }
+        pollfd watched;
+        watched.fd = fd;
+        watched.events = static_cast<short>(events);
+        watched.revents = 0;
+        errno = 0;
+        int ready = poll(&watched, 1, wait);
+        if (ready >= 0 || errno != EINTR) return ready;
+    }
+}
+
 // recv on `fd` (-1: released by a close, errno EBADF). With a deadline (monotonic ms, 0 = none)
 // the socket is first read without waiting and then polled for the rest of the time; any
 // readiness, a hang-up or an error included, goes back to recv, which tells which it was.
@@ -467,21 +487,12 @@ ssize_t receive_on(int fd, char* buffer, size_t size, int64_t deadline_ms, bool*
         if (count >= 0) return count;
         if (errno == EINTR) continue;
         if (deadline_ms == 0 || errno != EAGAIN) return -1;
-        int64_t left = deadline_ms - FileSocketHelperUnix::now_ms();
-        if (left < 1) {
-            *timed_out = true;
-            return -1;
-        }
-        pollfd watched;
-        watched.fd = fd;
-        watched.events = POLLIN;
-        watched.revents = 0;
-        int ready = poll(&watched, 1, static_cast<int>(left > INT_MAX ? INT_MAX : left));
+        int ready = poll_until(fd, POLLIN, deadline_ms);
         if (ready == 0) {
             *timed_out = true;
             return -1;
         }
-        if (ready < 0 && errno != EINTR) return -1;
+        if (ready < 0) return -1;
     }
 }
 
@@ -507,30 +518,6 @@ int FileSocket::receive(char* buffer, int length, int timeout_ms, ExceptionHandl
     }
     return static_cast<int>(count);
 }
-
-namespace {
-
-// poll until `fd` is ready for `events` or reports anything, at most until deadline_ms
-// (0 = no limit); a signal never stretches the wait. The result of poll (0: time-out).
-int poll_until(int fd, int events, int64_t deadline_ms) {
-    for (;;) {
-        int wait = -1;
-        if (deadline_ms != 0) {
-            int64_t left = deadline_ms - FileSocketHelperUnix::now_ms();
-            if (left < 1) return 0;
-            wait = static_cast<int>(left > INT_MAX ? INT_MAX : left);
-        }
-        pollfd watched;
-        watched.fd = fd;
-        watched.events = static_cast<short>(events);
-        watched.revents = 0;
-        errno = 0;
-        int ready = poll(&watched, 1, wait);
-        if (ready >= 0 || errno != EINTR) return ready;
-    }
-}
-
-}  // namespace
 
 bool FileSocket::wait_until(int events, int64_t deadline_ms, const char* timeout_text,
                             ExceptionHandler& handler) const {
