@@ -3,6 +3,7 @@
 #   ./run.sh demo        build, then show what the library sees on this host
 #   ./run.sh test        build, then run every test (C++ and Java)
 #   ./run.sh sanitize    C++ tests built with AddressSanitizer and UndefinedBehaviorSanitizer
+#   ./run.sh tsan        the C++ race tests (label tsan) built with ThreadSanitizer
 #   ./run.sh unprivileged  C++ and Java tests once more as user nobody (needs root and ./run.sh test first)
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -59,6 +60,11 @@ sanitize() {
   ctest --preset asan
 }
 
+tsan() {
+  build tsan
+  ctest --preset tsan
+}
+
 # The C++ and Java tests once more as an unprivileged user: root skips the System V and file
 # permission checks, so a suite that only runs as root would hide mistakes there.
 unprivileged() {
@@ -77,6 +83,7 @@ case "${1:-}" in
   demo) ensure_packages; demo ;;
   test) ensure_packages; run_tests ;;
   sanitize) ensure_packages; sanitize ;;
+  tsan) ensure_packages; tsan ;;
   unprivileged) unprivileged ;;
-  *) echo "usage: $0 demo|test|sanitize|unprivileged" >&2; exit 2 ;;
+  *) echo "usage: $0 demo|test|sanitize|tsan|unprivileged" >&2; exit 2 ;;
 esac

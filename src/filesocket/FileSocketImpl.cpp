@@ -31,6 +31,10 @@ jfieldID socketIdentifier_field = nullptr;
 jclass fileSocketException_class = nullptr;
 jmethodID fileSocketException_constructor = nullptr;
 jclass socketTimeoutException_class = nullptr;
+// FileSocketImpl.release, the holder of the native handle for the Java object's Cleaner, and its
+// field handle: create0 and destroy0 keep it equal to fileSocket_pd.
+jfieldID release_field = nullptr;
+jfieldID release_handle_field = nullptr;
 // Set last, once every identity above is in place; read without the lock by every native.
 std::atomic<bool> initialized(false);
 // Serialises the first callers, so that the identities are looked up (and the class references
@@ -78,6 +82,13 @@ void cache_identities_locked(JNIEnv* env, jclass cls) {
         socketTimeoutException_class = global_class(env, "java/net/SocketTimeoutException");
         if (socketTimeoutException_class == nullptr) return;
     }
+    release_field = env->GetFieldID(cls, "release", "Lcom/nox/jvm/inspector/filesocket/FileSocketImpl$NativeRelease;");
+    if (release_field == nullptr) return;
+    jclass release_class = env->FindClass("com/nox/jvm/inspector/filesocket/FileSocketImpl$NativeRelease");
+    if (release_class == nullptr) return;
+    release_handle_field = env->GetFieldID(release_class, "handle", "J");
+    env->DeleteLocalRef(release_class);
+    if (release_handle_field == nullptr) return;
     initialized.store(true);
 }
 
@@ -199,12 +210,52 @@ private:
     char* _array;
 };
 
+// Bytes [off, off + len) of a Java array, pinned with the JVM's critical access for one
+// system call that does not wait. The JVM may hand out a copy: unpin writes it back.
+class CriticalArray : public PinnedBuffer {
+public:
+    CriticalArray(JNIEnv* env, jbyteArray array, jint off) : _env(env), _array(array), _off(off), _elements(nullptr) {}
+    ~CriticalArray() override { unpin(); }
+    CriticalArray(const CriticalArray&) = delete;
+    CriticalArray& operator=(const CriticalArray&) = delete;
+
+    char* pin() override {
+        _elements = _env->GetPrimitiveArrayCritical(_array, nullptr);
+        if (_elements == nullptr) {
+            throw_new(_env, "java/lang/OutOfMemoryError", "cannot pin the array");
+            return nullptr;
+        }
+        return static_cast<char*>(_elements) + _off;
+    }
+    void unpin() override {
+        if (_elements == nullptr) return;
+        _env->ReleasePrimitiveArrayCritical(_array, _elements, 0);
+        _elements = nullptr;
+    }
+
+private:
+    JNIEnv* _env;
+    jbyteArray _array;
+    jint _off;
+    void* _elements;
+};
+
 }  // namespace J2SE
 
 using J2SE::FileSocket;
 using J2SE::JavaExceptionHandler;
 
 namespace {
+
+// Sets the Cleaner's handle of `self` to `handle` when it is `expected` (null holder: nothing).
+void update_release_handle(JNIEnv* env, jobject self, jlong expected, jlong handle) {
+    jobject release = env->GetObjectField(self, J2SE::release_field);
+    if (release == nullptr) return;
+    if (env->GetLongField(release, J2SE::release_handle_field) == expected) {
+        env->SetLongField(release, J2SE::release_handle_field, handle);
+    }
+    env->DeleteLocalRef(release);
+}
 
 bool ensure_initialized(JNIEnv* env, jobject self) {
     if (J2SE::initialized.load()) return true;
@@ -276,6 +327,7 @@ JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_crea
         return;
     }
     env->SetLongField(self, J2SE::fileSocket_pd_field, reinterpret_cast<jlong>(socket));
+    if (socket != nullptr) update_release_handle(env, self, 0, reinterpret_cast<jlong>(socket));
 }
 
 JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_bind0(JNIEnv* env, jobject self,
@@ -376,6 +428,70 @@ JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_read
     return n;
 }
 
+// The read of the Java streams: once into bytes [pos, pos + len) of a direct buffer. The count,
+// or -1 at end of stream; a failed read is a FileSocketException with the system's text and a
+// time-out a SocketTimeoutException (readDirect0 and read0 turn both into -1).
+JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_receiveDirect0(JNIEnv* env, jobject self,
+                                                                                          jobject buffer, jint pos,
+                                                                                          jint len, jint timeout) {
+    char* address = direct_range(env, buffer, pos, len);
+    if (address == nullptr) return -1;
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return -1;
+    JavaExceptionHandler handler(env);
+    int n = socket->receive(address, len, timeout, handler);
+    if (handler.has_thrown()) return -1;
+    return n == 0 && len > 0 ? -1 : n;
+}
+
+// The small reads of the Java streams (at most 1024 bytes; more are cut to 1024): once into
+// b[off..], through a buffer on the stack. The count, or -1 at end of stream; failures as in
+// receiveDirect0.
+JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_receive0(JNIEnv* env, jobject self,
+                                                                                    jbyteArray b, jint off, jint len,
+                                                                                    jint timeout) {
+    if (!check_range(env, b, off, len)) return -1;
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return -1;
+    JavaExceptionHandler handler(env);
+    char buffer[J2SE::STACK_BUFFER_SIZE];
+    int wanted = len < J2SE::STACK_BUFFER_SIZE ? len : J2SE::STACK_BUFFER_SIZE;
+    int n = socket->receive(buffer, wanted, timeout, handler);
+    if (handler.has_thrown() || n < 0) return -1;
+    if (n == 0) return wanted > 0 ? -1 : 0;
+    env->SetByteArrayRegion(b, off, n, reinterpret_cast<const jbyte*>(buffer));
+    return n;
+}
+
+// The large reads of the Java streams: once into b[off..off + len), straight from the socket
+// into the array, without a copy in between. The count, or -1 at end of stream; failures as in
+// receiveDirect0.
+JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_receiveArray0(JNIEnv* env, jobject self,
+                                                                                         jbyteArray b, jint off,
+                                                                                         jint len, jint timeout) {
+    if (!check_range(env, b, off, len)) return -1;
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return -1;
+    JavaExceptionHandler handler(env);
+    J2SE::CriticalArray array(env, b, off);
+    int n = socket->receive_pinned(array, len, timeout, handler);
+    if (handler.has_thrown() || n < 0) return -1;
+    return n == 0 && len > 0 ? -1 : n;
+}
+
+// The large writes of the Java streams: all of b[off..off + len) straight from the array. The
+// count written; a failure or a time-out (each wait for room) is pending with the count so far.
+JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_sendArray0(JNIEnv* env, jobject self,
+                                                                                      jbyteArray b, jint off,
+                                                                                      jint len, jint timeout) {
+    if (!check_range(env, b, off, len)) return 0;
+    FileSocket* socket = socket_of(env, self);
+    if (socket == nullptr) return 0;
+    JavaExceptionHandler handler(env);
+    J2SE::CriticalArray array(env, b, off);
+    return socket->send_pinned(array, len, timeout, handler);
+}
+
 // Writes bytes [pos, pos + len) of a direct buffer with as few system calls as the socket
 // takes; the time-out applies to each wait, as in write0. Returns the count written.
 JNIEXPORT jint JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_writeDirect0(JNIEnv* env, jobject self,
@@ -414,8 +530,16 @@ JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_clos
 JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_destroy0(JNIEnv* env, jobject self) {
     if (!ensure_initialized(env, self)) return;
     FileSocket* socket = reinterpret_cast<FileSocket*>(env->GetLongField(self, J2SE::fileSocket_pd_field));
+    if (socket != nullptr) update_release_handle(env, self, reinterpret_cast<jlong>(socket), 0);
     FileSocket::destroy(socket);
     env->SetLongField(self, J2SE::fileSocket_pd_field, 0);
+}
+
+// Closes and frees a native socket by its handle, without its Java object: the release of a
+// FileSocketImpl that was dropped without close (run by its Cleaner, when no thread can be
+// inside a native call on it any more).
+JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketImpl_release0(JNIEnv*, jclass, jlong handle) {
+    FileSocket::destroy(reinterpret_cast<FileSocket*>(handle));
 }
 
 JNIEXPORT jstring JNICALL Java_com_nox_jvm_inspector_filesocket_FileSocketAddress_createIdentifier(JNIEnv* env,

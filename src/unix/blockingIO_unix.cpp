@@ -3,8 +3,9 @@
 //
 // The danger it answers: thread A reads the descriptor number, thread B closes the socket and
 // some other part of the JVM opens a file that gets the same number; A's read or write would
-// then hit that file. So every call on the descriptor happens inside a registration, a close
-// first refuses new registrations, shuts the socket down (which makes accept, read, write and
+// then hit that file. So every call on the descriptor happens inside a registration and reads
+// the number there; a close takes the number out of the socket (one closer among many gets
+// it), refuses new registrations, shuts the socket down (which makes accept, read, write and
 // poll return at once) and waits until every registered thread has left before it calls
 // close(). Calls that a shutdown does not end (a connect waiting for a full listen queue) are
 // made in short slices by their callers.
@@ -76,36 +77,63 @@ BlockingIO::~BlockingIO() {
     errno = restore;
 }
 
-int BlockingIO::close(BlockingIOData* data, int fd, int* shutdown_error) {
+namespace {
+
+// Shuts the socket down both ways, which releases threads blocked in accept, read, write or
+// poll on it. ENOTCONN and EINVAL (a socket never connected, or listening) are expected.
+void shut_down(int fd, int* shutdown_error) {
+    if (::shutdown(fd, SHUT_RDWR) != 0 && errno != ENOTCONN && errno != EINVAL) *shutdown_error = errno;
+}
+
+}  // namespace
+
+int BlockingIO::close(BlockingIOData* data, FileSocketFD* slot, int* shutdown_error, bool* closed_here) {
     *shutdown_error = 0;
+    *closed_here = false;
     if (data == nullptr) {
-        if (fd > 0 && ::shutdown(fd, SHUT_RDWR) != 0 && errno != ENOTCONN && errno != EINVAL) {
-            *shutdown_error = errno;
-        }
+        int fd = __atomic_exchange_n(slot, -1, __ATOMIC_ACQ_REL);
+        if (fd == -1) return 0;
+        *closed_here = true;
+        shut_down(fd, shutdown_error);
         // Never retried: on Linux the number is released even when close reports EINTR.
         return ::close(fd);
     }
     pthread_mutex_lock(&data->_lock);
-    if (data->_closed) {
+    // The hand-over: of all the threads closing at once, exactly one gets the real number.
+    int fd = __atomic_exchange_n(slot, -1, __ATOMIC_ACQ_REL);
+    if (fd == -1) {
+        // Another thread is closing (or has closed) the socket: return once its close is done,
+        // so that no caller comes back while the socket is still half open.
+        while (data->_closing && !data->_closed) pthread_cond_wait(&data->_left, &data->_lock);
         pthread_mutex_unlock(&data->_lock);
         return 0;
     }
+    *closed_here = true;
     data->_closing = true;
-    // Under the lock: no registered thread can have released the number yet.
-    if (fd > 0 && ::shutdown(fd, SHUT_RDWR) != 0 && errno != ENOTCONN && errno != EINVAL) {
-        *shutdown_error = errno;
-    }
+    data->_closed = false;
+    shut_down(fd, shutdown_error);
     for (BlockingIO* blocked = data->_blocked_threads; blocked != nullptr; blocked = blocked->_next) {
         blocked->_interrupted = true;
         pthread_kill(blocked->_thread, sigWakeup);
     }
+    // The wait releases the lock, but the number is already out of the slot: a closer that
+    // comes in now finds -1 and waits for this close, and a new registration is refused.
     while (data->_blocked_threads != nullptr) pthread_cond_wait(&data->_left, &data->_lock);
     int result = ::close(fd);
     int saved = errno;
-    data->_closed = true;
     pthread_mutex_unlock(&data->_lock);
     errno = saved;
     return result;
+}
+
+void BlockingIO::finish_close(BlockingIOData* data) {
+    if (data == nullptr) return;
+    int saved = errno;
+    pthread_mutex_lock(&data->_lock);
+    data->_closed = true;
+    pthread_cond_broadcast(&data->_left);
+    pthread_mutex_unlock(&data->_lock);
+    errno = saved;
 }
 
 void BlockingIO::reopen(BlockingIOData* data) {

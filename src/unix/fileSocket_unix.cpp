@@ -27,7 +27,7 @@ namespace {
 // A listen backlog of 0 asks for the largest queue the system allows.
 const int LARGEST_BACKLOG = 0x7FFFFFFE;
 // Longest wait of one connect attempt, so that a close ends a wait for a full listen queue.
-const int CONNECT_SLICE_MS = 50;
+const int CONNECT_SLICE_MS = 10;
 const int MAX_MESSAGE_LENGTH = 1023;
 
 static_assert(sizeof(sockaddr_un) == 110, "the address record is 2 + 108 bytes");
@@ -152,12 +152,14 @@ static BlockingIOData* new_blocking_data() {
 }
 
 FileSocket::FileSocket(ExceptionHandler& handler)
-    : _socket_fd(-1), _socket_identifier(), _is_bound(false), _blocking_IO_data(new_blocking_data()) {
+    : _socket_fd(-1), _socket_identifier(), _is_bound(false), _blocking_IO_data(new_blocking_data()),
+      _bound_device(0), _bound_inode(0) {
     create_descriptor(handler);
 }
 
 FileSocket::FileSocket(int fd, const cstring& identifier, ExceptionHandler& handler)
-    : _socket_fd(fd), _socket_identifier(identifier), _is_bound(false), _blocking_IO_data(new_blocking_data()) {
+    : _socket_fd(fd), _socket_identifier(identifier), _is_bound(false), _blocking_IO_data(new_blocking_data()),
+      _bound_device(0), _bound_inode(0) {
     if (fd == -1) create_descriptor(handler);
 }
 
@@ -207,8 +209,7 @@ void FileSocket::destroy(FileSocket* socket) {
 // bind and accept
 
 void FileSocket::bind(const cstring& path, int backlog, bool restrictAccess, ExceptionHandler& handler) {
-    int fd = socket_fd();
-    if (fd == -1) {
+    if (socket_fd() == -1) {
         handler.throw_FileSocketException(this, "FileSocket was not created successfully (has no socket endpoint)");
         return;
     }
@@ -219,6 +220,17 @@ void FileSocket::bind(const cstring& path, int backlog, bool restrictAccess, Exc
         handler.throw_FileSocketException(this, "bind failed");
         return;
     }
+    const char* failure = nullptr;
+    {
+        // Registered, so that a close in the meantime cannot release the number under us.
+        BlockingIO io(_blocking_IO_data);
+        failure = bind_and_listen(descriptor_in(io), path, backlog, restrictAccess);
+    }
+    if (failure != nullptr) handler.throw_FileSocketException(this, failure);
+}
+
+const char* FileSocket::bind_and_listen(int fd, const cstring& path, int backlog, bool restrictAccess) {
+    if (fd < 0) return "bind failed";
     // Remove a stale socket file of an earlier server, but nothing else: a regular file, a
     // folder or a symbolic link planted at the path stays and the bind below fails.
     struct stat existing;
@@ -227,34 +239,33 @@ void FileSocket::bind(const cstring& path, int backlog, bool restrictAccess, Exc
     // The socket file takes the descriptor's mode when bind creates it: 0600 from the start.
     if (restrictAccess) fchmod(fd, 0600);
     sockaddr_un address = address_record(path);
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        handler.throw_FileSocketException(this, "bind failed");
-        return;
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return "bind failed";
+    // The file this bind created; a close removes the path only while it still names this file.
+    struct stat created;
+    if (lstat(path.c_str(), &created) == 0) {
+        _bound_device = static_cast<uint64_t>(created.st_dev);
+        _bound_inode = static_cast<uint64_t>(created.st_ino);
     }
     // Bound before listen, so that a close removes the file even when listen fails.
     set_socket_identifier(path);
-    _is_bound = true;
-    if (::listen(fd, backlog == 0 ? LARGEST_BACKLOG : backlog) != 0) {
-        handler.throw_FileSocketException(this, "listen failed");
-        return;
-    }
-    if (restrictAccess && chmod(path.c_str(), 0600) != 0) {
-        handler.throw_FileSocketException(this, "chmod failed");
-    }
+    set_bound(true);
+    if (::listen(fd, backlog == 0 ? LARGEST_BACKLOG : backlog) != 0) return "listen failed";
+    if (restrictAccess && chmod(path.c_str(), 0600) != 0) return "chmod failed";
+    return nullptr;
 }
 
 FileSocket* FileSocket::accept(int /*backlog*/, bool /*restrictAccess*/, ExceptionHandler& handler) {
     // The backlog and the access restriction were applied by bind.
-    if (!_is_bound || socket_identifier().is_empty()) {
+    if (!is_bound() || socket_identifier().is_empty()) {
         handler.throw_FileSocketException(this, "FileSocket::accept failed: file socket has no bound filename");
         return nullptr;
     }
-    int fd = socket_fd();
     int accepted;
     for (;;) {
         {
             BlockingIO io(_blocking_IO_data);
-            if (io.refused()) {
+            int fd = descriptor_in(io);
+            if (fd < 0) {
                 accepted = -1;
             } else {
                 sockaddr_storage peer;
@@ -283,7 +294,7 @@ FileSocket* FileSocket::accept(int /*backlog*/, bool /*restrictAccess*/, Excepti
 // ---------------------------------------------------------------------------------------------
 // connect
 
-int FileSocket::connect_in_slices(int fd, const void* address, int64_t deadline_ms, bool retry_eintr) const {
+int FileSocket::connect_in_slices(const void* address, int64_t deadline_ms, bool retry_eintr) const {
     timeval original;
     bool saved = false;
     int result;
@@ -302,7 +313,8 @@ int FileSocket::connect_in_slices(int fd, const void* address, int64_t deadline_
         bool refused;
         {
             BlockingIO io(_blocking_IO_data);
-            refused = io.refused();
+            int fd = descriptor_in(io);
+            refused = fd < 0;
             if (refused) {
                 result = -1;
             } else {
@@ -325,7 +337,8 @@ int FileSocket::connect_in_slices(int fd, const void* address, int64_t deadline_
     if (saved) {
         // Registered again: once a close has begun, the descriptor is left alone.
         BlockingIO io(_blocking_IO_data);
-        if (!io.refused()) setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &original, sizeof original);
+        int fd = descriptor_in(io);
+        if (fd >= 0) setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &original, sizeof original);
     }
     errno = error;
     return result;
@@ -336,17 +349,22 @@ void FileSocket::connect(const cstring& path, int timeout_ms, ExceptionHandler& 
         handler.throw_FileSocketException(this, "Filesocket path musn't be null");
         return;
     }
-    int fd = socket_fd();
-    if (fd < 0) {
+    if (socket_fd() < 0) {
         handler.throw_FileSocketException(this, "Filesocket has no socket endpoint");
+        return;
+    }
+    // A path too long for the socket address would be cut, and the cut path may name another
+    // server: refuse it before any connection is made (ENAMETOOLONG, "File name too long").
+    if (path.length() > sizeof(sockaddr_un::sun_path) - 1) {
+        handler.throw_FileSocketException(this, ENAMETOOLONG);
         return;
     }
     sockaddr_un address = address_record(path);
     if (timeout_ms >= 1) {
-        timed_connect(fd, path, &address, timeout_ms, handler);
+        timed_connect(path, &address, timeout_ms, handler);
         return;
     }
-    if (connect_in_slices(fd, &address, 0, false) == 0) {
+    if (connect_in_slices(&address, 0, false) == 0) {
         set_socket_identifier(path);
     } else {
         handler.throw_FileSocketException(this, nullptr);
@@ -356,14 +374,15 @@ void FileSocket::connect(const cstring& path, int timeout_ms, ExceptionHandler& 
 // Linux never reports EINPROGRESS for a Unix-domain stream connect: it completes at once, or
 // fails with EAGAIN when the listen queue is full. That case waits, in blocking slices, for
 // the rest of the time-out; every other immediate failure is "connect0 failed".
-void FileSocket::timed_connect(int fd, const cstring& path, const void* address, int timeout_ms,
+void FileSocket::timed_connect(const cstring& path, const void* address, int timeout_ms,
                                ExceptionHandler& handler) {
     const int64_t deadline = FileSocketHelperUnix::now_ms() + timeout_ms;
     int result;
     bool refused;
     {
         BlockingIO io(_blocking_IO_data);
-        refused = io.refused();
+        int fd = descriptor_in(io);
+        refused = fd < 0;
         if (refused) {
             result = -1;
         } else {
@@ -383,7 +402,7 @@ void FileSocket::timed_connect(int fd, const cstring& path, const void* address,
         handler.throw_FileSocketException(this, "connect0 failed");
         return;
     }
-    if (connect_in_slices(fd, address, deadline, true) == 0) {
+    if (connect_in_slices(address, deadline, true) == 0) {
         set_socket_identifier(path);
     } else if (errno == EAGAIN) {
         handler.throw_SocketTimeoutException(this, "Connect timed out");
@@ -397,12 +416,13 @@ void FileSocket::timed_connect(int fd, const cstring& path, const void* address,
 
 // Waits, registered for a close to release it, until the socket is ready for `events`; false
 // after reporting the time-out (as `timeout_text`) or the failed wait.
-bool FileSocket::wait_ready(int fd, int timeout_ms, int events, const char* timeout_text,
+bool FileSocket::wait_ready(int timeout_ms, int events, const char* timeout_text,
                             ExceptionHandler& handler) const {
     int waited;
     {
         BlockingIO io(_blocking_IO_data);
-        waited = io.refused() ? -1 : FileSocketHelperUnix::wait_socket(fd, timeout_ms, events);
+        int fd = descriptor_in(io);
+        waited = fd < 0 ? -1 : FileSocketHelperUnix::wait_socket(fd, timeout_ms, events);
     }
     if (waited == 0) {
         handler.throw_SocketTimeoutException(this, timeout_text);
@@ -419,15 +439,15 @@ bool FileSocket::wait_ready(int fd, int timeout_ms, int events, const char* time
 // have taken the bytes, or a large write may not fit, and a blocking call would then outlast
 // the time-out. EAGAIN sends the caller back to the wait.
 int FileSocket::readf(char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const {
-    int fd = socket_fd();
     const bool timed = timeout_ms >= 1;
     const size_t size = static_cast<size_t>(length > 0 ? length : 0);
     ssize_t count;
     for (;;) {
-        if (timed && !wait_ready(fd, timeout_ms, POLLIN | POLLERR, "Read timed out", handler)) return -1;
+        if (timed && !wait_ready(timeout_ms, POLLIN | POLLERR, "Read timed out", handler)) return -1;
         do {
             BlockingIO io(_blocking_IO_data);
-            count = io.refused() ? -1 : ::recv(fd, buffer, size, timed ? MSG_DONTWAIT : 0);
+            int fd = descriptor_in(io);
+            count = fd < 0 ? -1 : ::recv(fd, buffer, size, timed ? MSG_DONTWAIT : 0);
         } while (count < 0 && errno == EINTR);
         if (!(timed && count < 0 && errno == EAGAIN)) break;
     }
@@ -435,8 +455,152 @@ int FileSocket::readf(char* buffer, int length, int timeout_ms, ExceptionHandler
     return count > 0 ? static_cast<int>(count) : -1;
 }
 
+namespace {
+
+// poll until `fd` is ready for `events` or reports anything, at most until deadline_ms
+// (0 = no limit); a signal never stretches the wait. The result of poll (0: time-out).
+int poll_until(int fd, int events, int64_t deadline_ms) {
+    for (;;) {
+        int wait = -1;
+        if (deadline_ms != 0) {
+            int64_t left = deadline_ms - FileSocketHelperUnix::now_ms();
+            if (left < 1) return 0;
+            wait = static_cast<int>(left > INT_MAX ? INT_MAX : left);
+        }
+        pollfd watched;
+        watched.fd = fd;
+        watched.events = static_cast<short>(events);
+        watched.revents = 0;
+        errno = 0;
+        int ready = poll(&watched, 1, wait);
+        if (ready >= 0 || errno != EINTR) return ready;
+    }
+}
+
+// recv on `fd` (-1: released by a close, errno EBADF). With a deadline (monotonic ms, 0 = none)
+// the socket is first read without waiting and then polled for the rest of the time; any
+// readiness, a hang-up or an error included, goes back to recv, which tells which it was.
+ssize_t receive_on(int fd, char* buffer, size_t size, int64_t deadline_ms, bool* timed_out) {
+    if (fd < 0) return -1;
+    for (;;) {
+        ssize_t count = ::recv(fd, buffer, size, deadline_ms != 0 ? MSG_DONTWAIT : 0);
+        if (count >= 0) return count;
+        if (errno == EINTR) continue;
+        if (deadline_ms == 0 || errno != EAGAIN) return -1;
+        int ready = poll_until(fd, POLLIN, deadline_ms);
+        if (ready == 0) {
+            *timed_out = true;
+            return -1;
+        }
+        if (ready < 0) return -1;
+    }
+}
+
+}  // namespace
+
+int FileSocket::receive(char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const {
+    const size_t size = static_cast<size_t>(length > 0 ? length : 0);
+    const int64_t deadline = timeout_ms >= 1 ? FileSocketHelperUnix::now_ms() + timeout_ms : 0;
+    bool timed_out = false;
+    ssize_t count;
+    {
+        BlockingIO io(_blocking_IO_data);
+        count = receive_on(descriptor_in(io), buffer, size, deadline, &timed_out);
+    }
+    // errno is the read's, or EBADF when a close released this thread.
+    if (timed_out) {
+        handler.throw_SocketTimeoutException(this, "Read timed out");
+        return -1;
+    }
+    if (count < 0) {
+        handler.throw_FileSocketException(this, errno);
+        return -1;
+    }
+    return static_cast<int>(count);
+}
+
+bool FileSocket::wait_until(int events, int64_t deadline_ms, const char* timeout_text,
+                            ExceptionHandler& handler) const {
+    int ready;
+    {
+        BlockingIO io(_blocking_IO_data);
+        int fd = descriptor_in(io);
+        ready = fd < 0 ? -1 : poll_until(fd, events, deadline_ms);
+    }
+    if (ready == 0) {
+        handler.throw_SocketTimeoutException(this, timeout_text);
+        return false;
+    }
+    if (ready < 0) {
+        handler.throw_FileSocketException(this, errno);
+        return false;
+    }
+    return true;
+}
+
+int FileSocket::receive_pinned(PinnedBuffer& buffer, int length, int timeout_ms, ExceptionHandler& handler) const {
+    const size_t size = static_cast<size_t>(length > 0 ? length : 0);
+    const int64_t deadline = timeout_ms >= 1 ? FileSocketHelperUnix::now_ms() + timeout_ms : 0;
+    for (;;) {
+        ssize_t count = -1;
+        {
+            BlockingIO io(_blocking_IO_data);
+            int fd = descriptor_in(io);
+            if (fd >= 0) {
+                char* bytes = buffer.pin();
+                if (bytes == nullptr) return -1;
+                count = ::recv(fd, bytes, size, MSG_DONTWAIT);
+                int error = errno;
+                buffer.unpin();
+                errno = error;
+            }
+        }
+        // errno is the read's, or EBADF when a close released this thread.
+        if (count >= 0) return static_cast<int>(count);
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN) {
+            handler.throw_FileSocketException(this, errno);
+            return -1;
+        }
+        if (!wait_until(POLLIN, deadline, "Read timed out", handler)) return -1;
+    }
+}
+
+int FileSocket::send_pinned(PinnedBuffer& buffer, int length, int timeout_ms, ExceptionHandler& handler) const {
+    int total = 0;
+    while (total < length) {
+        ssize_t count = -1;
+        {
+            BlockingIO io(_blocking_IO_data);
+            int fd = descriptor_in(io);
+            if (fd >= 0) {
+                char* bytes = buffer.pin();
+                if (bytes == nullptr) return total;
+                // MSG_NOSIGNAL: a peer that has gone gives EPIPE, not a SIGPIPE that ends the JVM.
+                count = ::send(fd, bytes + total, static_cast<size_t>(length - total), MSG_DONTWAIT | MSG_NOSIGNAL);
+                int error = errno;
+                buffer.unpin();
+                errno = error;
+            }
+        }
+        if (count > 0) {
+            total += static_cast<int>(count);
+            continue;
+        }
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0 && errno == EAGAIN) {
+            // The time-out bounds each wait for room, not the whole transfer.
+            int64_t deadline = timeout_ms >= 1 ? FileSocketHelperUnix::now_ms() + timeout_ms : 0;
+            if (!wait_until(POLLOUT, deadline, "Write timed out", handler)) return total;
+            continue;
+        }
+        handler.throw_FileSocketException(this, nullptr);
+        return total;
+    }
+    return total;
+}
+
 int FileSocket::writef(const char* buffer, int length, int timeout_ms, ExceptionHandler& handler) const {
-    int fd = socket_fd();
     const bool timed = timeout_ms >= 1;
     // MSG_NOSIGNAL: a peer that has gone gives EPIPE instead of a SIGPIPE that would end the
     // whole JVM.
@@ -444,11 +608,12 @@ int FileSocket::writef(const char* buffer, int length, int timeout_ms, Exception
     int total = 0;
     while (total < length) {
         // The time-out applies to each pass, not to the whole transfer.
-        if (timed && !wait_ready(fd, timeout_ms, POLLOUT | POLLERR, "Write timed out", handler)) return total;
+        if (timed && !wait_ready(timeout_ms, POLLOUT | POLLERR, "Write timed out", handler)) return total;
         ssize_t count;
         do {
             BlockingIO io(_blocking_IO_data);
-            count = io.refused() ? -1 : ::send(fd, buffer + total, static_cast<size_t>(length - total), flags);
+            int fd = descriptor_in(io);
+            count = fd < 0 ? -1 : ::send(fd, buffer + total, static_cast<size_t>(length - total), flags);
         } while (count < 0 && errno == EINTR);
         if (timed && count < 0 && errno == EAGAIN) continue;
         if (count <= 0) {
@@ -461,47 +626,62 @@ int FileSocket::writef(const char* buffer, int length, int timeout_ms, Exception
 }
 
 int FileSocket::available() const {
-    int fd = socket_fd();
-    if (fd < 0) return -1;
+    if (socket_fd() < 0) return -1;
     int count = 0;
     int result;
     {
         BlockingIO io(_blocking_IO_data);
-        result = io.refused() ? -1 : ioctl(fd, FIONREAD, &count);
+        int fd = descriptor_in(io);
+        result = fd < 0 ? -1 : ioctl(fd, FIONREAD, &count);
     }
     return result == -1 ? -1 : count;
 }
 
 void FileSocket::shutdown(bool /*how*/, ExceptionHandler& handler) {
     // Always both ways.
-    int fd = socket_fd();
-    if (fd <= 0) return;
+    if (socket_fd() <= 0) return;
     int result;
     {
         BlockingIO io(_blocking_IO_data);
-        if (io.refused()) return;
+        int fd = descriptor_in(io);
+        if (fd <= 0) return;
         result = ::shutdown(fd, SHUT_RDWR);
     }
     if (result != 0 && errno != ENOTCONN && errno != EINVAL) handler.throw_FileSocketException(this, nullptr);
 }
 
 void FileSocket::closef(ExceptionHandler& handler) {
-    int fd = socket_fd();
-    if (fd == -1) {
-        _is_bound = false;
+    int shutdown_error = 0;
+    bool closed_here = false;
+    int result = BlockingIO::close(_blocking_IO_data, &_socket_fd, &shutdown_error, &closed_here);
+    int close_error = errno;
+    if (!closed_here) {
+        // Closed by another thread, whose close has finished, or never opened: nothing to
+        // release, nothing to report.
         set_socket_identifier(cstring());
         return;
     }
-    int shutdown_error = 0;
-    int result = BlockingIO::close(_blocking_IO_data, fd, &shutdown_error);
-    int close_error = errno;
+    // Reported while the identifier still names the socket.
     if (shutdown_error != 0) handler.throw_FileSocketException(this, shutdown_error);
     if (result != 0) handler.throw_FileSocketException(this, close_error);
-    set_socket_fd(-1);
     cstring identifier = socket_identifier();
-    if (_is_bound && !identifier.is_empty()) unlink(identifier.c_str());
-    _is_bound = false;
+    if (is_bound() && !identifier.is_empty()) remove_bound_file(identifier);
+    set_bound(false);
     set_socket_identifier(cstring());
+    BlockingIO::finish_close(_blocking_IO_data);
+}
+
+void FileSocket::remove_bound_file(const cstring& path) const {
+    struct stat current;
+    if (lstat(path.c_str(), &current) != 0 || !S_ISSOCK(current.st_mode)) return;
+    if (static_cast<uint64_t>(current.st_dev) != _bound_device || static_cast<uint64_t>(current.st_ino) != _bound_inode) return;
+    unlink(path.c_str());
+}
+
+int FileSocket::descriptor_in(const BlockingIO& io) const {
+    int fd = io.refused() ? -1 : socket_fd();
+    if (fd < 0) errno = EBADF;
+    return fd;
 }
 
 cstring FileSocket::socket_identifier() const {

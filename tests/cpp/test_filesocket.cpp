@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <fcntl.h>
+#include <poll.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -97,8 +98,15 @@ TEST(BlockingIO, NullRegistryPassesErrnoThroughAndClosesPlainly) {
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
     int shutdown_error = -1;
-    EXPECT_EQ(BlockingIO::close(nullptr, fds[0], &shutdown_error), 0);
+    bool closed_here = false;
+    int slot = fds[0];
+    EXPECT_EQ(BlockingIO::close(nullptr, &slot, &shutdown_error, &closed_here), 0);
+    EXPECT_TRUE(closed_here);
+    EXPECT_EQ(slot, -1) << "the number is taken out of the slot";
     EXPECT_EQ(shutdown_error, ENOTSOCK) << "a pipe cannot be shut down";
+    EXPECT_EQ(fcntl(fds[0], F_GETFD), -1);
+    EXPECT_EQ(BlockingIO::close(nullptr, &slot, &shutdown_error, &closed_here), 0);
+    EXPECT_FALSE(closed_here) << "a second close finds -1 and does nothing";
     close(fds[1]);
 }
 
@@ -125,7 +133,13 @@ TEST(BlockingIO, CloseMarksEveryRegistrationAndRefusesNewOnes) {
     }
     while (registered < 2) std::this_thread::yield();
     int shutdown_error = 0;
-    std::thread closer([&] { EXPECT_EQ(BlockingIO::close(&data, fds[0], &shutdown_error), 0); });
+    int slot = fds[0];
+    std::thread closer([&] {
+        bool closed_here = false;
+        EXPECT_EQ(BlockingIO::close(&data, &slot, &shutdown_error, &closed_here), 0);
+        EXPECT_TRUE(closed_here);
+        BlockingIO::finish_close(&data);
+    });
     // The closer waits for the registrations to leave before it releases the number.
     while (!data._closing) std::this_thread::yield();
     EXPECT_NE(fcntl(fds[0], F_GETFD), -1) << "closed while threads were still registered";
@@ -141,7 +155,9 @@ TEST(BlockingIO, CloseMarksEveryRegistrationAndRefusesNewOnes) {
         EXPECT_TRUE(late.refused());
     }
     EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(BlockingIO::close(&data, fds[0], &shutdown_error), 0) << "a second close does nothing";
+    bool closed_here = true;
+    EXPECT_EQ(BlockingIO::close(&data, &slot, &shutdown_error, &closed_here), 0);
+    EXPECT_FALSE(closed_here) << "a second close does nothing";
     close(fds[1]);
 }
 
@@ -348,4 +364,127 @@ TEST(FileSocket, ReleasedReaderNeverTouchesAReusedNumber) {
         close(fds[0]);
         close(fds[1]);
     }
+}
+
+namespace {
+
+// Plain memory standing in for a pinned Java array; counts the pins and checks that each pin
+// is let go before the next.
+class CountingPin : public J2SE::PinnedBuffer {
+public:
+    explicit CountingPin(char* bytes) : _bytes(bytes) {}
+    char* pin() override {
+        EXPECT_FALSE(_pinned) << "pinned twice without unpin";
+        _pinned = true;
+        pins++;
+        return _bytes;
+    }
+    void unpin() override { _pinned = false; }
+    bool pinned() const { return _pinned; }
+    int pins = 0;
+
+private:
+    char* _bytes;
+    bool _pinned = false;
+};
+
+}  // namespace
+
+TEST(FileSocket, ConnectRefusesPathsTooLongForTheAddress) {
+    noxtest::ScopedDir dir;
+    std::string longest = dir.file(std::string(107 - dir.path().size() - 1, 'c'));
+    ASSERT_EQ(longest.size(), 107u);
+    ExceptionHandler handler;
+    FileSocket server(handler);
+    server.bind(longest.c_str(), 0, false, handler);
+    ASSERT_FALSE(handler.has_thrown()) << handler.message().c_str();
+    for (int timeout : {0, 500}) {
+        ExceptionHandler refused;
+        FileSocket client(refused);
+        client.connect((longest + "_other").c_str(), timeout, refused);
+        EXPECT_STREQ(refused.message(), "File name too long");
+        EXPECT_EQ(refused.error_code(), ENAMETOOLONG);
+        EXPECT_FALSE(refused.time_out_occured());
+        EXPECT_TRUE(client.socket_identifier().is_empty());
+    }
+    pollfd pending{server.socket_fd(), POLLIN, 0};
+    EXPECT_EQ(poll(&pending, 1, 0), 0) << "a connection reached the server at the cut path";
+    server.closef(handler);
+}
+
+TEST(FileSocket, ReceiveReportsReadErrorsTimeOutsAndTheEndOfStream) {
+    for (bool pinned : {false, true}) {
+        for (int timeout : {0, 2000}) {
+            Connection c;
+            ASSERT_NE(c.accepted, nullptr);
+            char buffer[64];
+            CountingPin pin(buffer);
+            auto receive = [&](ExceptionHandler& handler, int timeout_ms) {
+                return pinned ? c.client.receive_pinned(pin, sizeof buffer, timeout_ms, handler)
+                              : c.client.receive(buffer, sizeof buffer, timeout_ms, handler);
+            };
+            ExceptionHandler slow;
+            EXPECT_EQ(receive(slow, 30), -1);
+            EXPECT_STREQ(slow.message(), "Read timed out");
+            // The accepted end closes with bytes it never read: the client's read is reset.
+            ExceptionHandler ok;
+            EXPECT_EQ(c.client.writef("unread", 6, 0, ok), 6);
+            FileSocket::destroy(c.accepted);
+            c.accepted = nullptr;
+            ExceptionHandler reset;
+            EXPECT_EQ(receive(reset, timeout), -1);
+            EXPECT_STREQ(reset.message(), "Connection reset by peer") << "pinned " << pinned << ", timeout " << timeout;
+            EXPECT_EQ(reset.error_code(), ECONNRESET);
+            ExceptionHandler end;
+            EXPECT_EQ(receive(end, timeout), 0) << "after the reset the stream is at its end";
+            EXPECT_FALSE(end.has_thrown()) << end.message().c_str();
+            EXPECT_FALSE(pin.pinned());
+        }
+    }
+    // Bytes a peer sent before it hung up are read first, then the end of stream.
+    Connection c;
+    ASSERT_NE(c.accepted, nullptr);
+    ExceptionHandler ok;
+    EXPECT_EQ(c.accepted->writef("last", 4, 0, ok), 4);
+    FileSocket::destroy(c.accepted);
+    c.accepted = nullptr;
+    char buffer[64];
+    CountingPin pin(buffer);
+    EXPECT_EQ(c.client.receive_pinned(pin, sizeof buffer, 1000, ok), 4);
+    EXPECT_EQ(std::string(buffer, 4), "last");
+    EXPECT_EQ(c.client.receive_pinned(pin, sizeof buffer, 1000, ok), 0);
+    EXPECT_FALSE(ok.has_thrown()) << ok.message().c_str();
+}
+
+TEST(FileSocket, PinnedSendMovesEverythingAndTimesOutPerWait) {
+    Connection c;
+    ASSERT_NE(c.accepted, nullptr);
+    std::vector<char> big(4 << 20);
+    for (size_t i = 0; i < big.size(); i++) big[i] = static_cast<char>(i * 7);
+    std::vector<char> got;
+    std::thread reader([&] {
+        ExceptionHandler handler;
+        std::vector<char> chunk(100000);
+        CountingPin pin(chunk.data());
+        while (got.size() < big.size()) {
+            int n = c.accepted->receive_pinned(pin, static_cast<int>(chunk.size()), 5000, handler);
+            if (n <= 0) break;
+            got.insert(got.end(), chunk.begin(), chunk.begin() + n);
+        }
+    });
+    ExceptionHandler ok;
+    CountingPin pin(big.data());
+    EXPECT_EQ(c.client.send_pinned(pin, static_cast<int>(big.size()), 5000, ok), static_cast<int>(big.size()));
+    reader.join();
+    EXPECT_FALSE(ok.has_thrown()) << ok.message().c_str();
+    EXPECT_TRUE(got == big) << "the bytes arrived changed or incomplete: " << got.size();
+    EXPECT_FALSE(pin.pinned());
+
+    // Nobody reads now: the first pass goes out, then the wait for room times out.
+    ExceptionHandler full;
+    int written = c.client.send_pinned(pin, static_cast<int>(big.size()), 30, full);
+    EXPECT_GT(written, 0);
+    EXPECT_LT(written, static_cast<int>(big.size()));
+    EXPECT_STREQ(full.message(), "Write timed out");
+    EXPECT_FALSE(pin.pinned());
 }

@@ -112,4 +112,66 @@ class FileSocketStreamsTest {
                     e.getMessage());
         }
     }
+
+    @Test
+    void aFailedReadIsAnIOExceptionWithItsTextAndOnlyTheEndOfStreamIsMinusOne() throws Exception {
+        // Small reads (through the native stack) and large ones (straight into the array).
+        for (int[] variant : new int[][] {{0, 10}, {2000, 10}, {0, 100_000}, {2000, 100_000}}) {
+            int timeout = variant[0];
+            int size = variant[1];
+            String name = paths.nextName("reset" + timeout + "_" + size);
+            try (FileServerSocket server = new FileServerSocket(name);
+                    FileSocket client = new FileSocket(name);
+                    FileSocket accepted = server.accept()) {
+                client.setSoTimeout(timeout);
+                // The accepted end closes with bytes it never read: Linux resets the connection,
+                // and the client's next read fails with ECONNRESET.
+                client.getOutputStream().write(new byte[100]);
+                accepted.close();
+                InputStream in = client.getInputStream();
+                String what = "timeout " + timeout + ", read of " + size;
+                IOException e = assertThrows(IOException.class, () -> in.read(new byte[size]), what);
+                assertEquals("Connection reset by peer", e.getMessage(), what);
+                // The error is reported once; then the stream is at its end.
+                assertEquals(-1, in.read(new byte[size]), what);
+            }
+        }
+        // A peer that closes after reading everything ends the stream: its bytes, then -1.
+        String name = paths.nextName("eof");
+        try (FileServerSocket server = new FileServerSocket(name);
+                FileSocket client = new FileSocket(name);
+                FileSocket accepted = server.accept()) {
+            accepted.getOutputStream().write(new byte[] {1, 2, 3});
+            accepted.close();
+            client.setSoTimeout(2000);
+            byte[] got = new byte[10];
+            assertEquals(3, client.getInputStream().read(got));
+            assertEquals(-1, client.getInputStream().read(got));
+        }
+    }
+
+    @Test
+    void connectRefusesAPathLongerThanTheSocketAddressHolds() throws Exception {
+        String prefix = "/tmp/noxfs_" + ProcessHandle.current().pid() + "_long_";
+        String longest = prefix + "x".repeat(107 - prefix.length());
+        assertEquals(107, longest.length());
+        String longer = longest + "_another_server";
+        try (FileServerSocket server = new FileServerSocket(new FileSocketAddress(longest), 0, false)) {
+            for (int timeout : new int[] {0, 1000}) {
+                FileSocketException e = assertThrows(FileSocketException.class,
+                        () -> new FileSocket(new FileSocketAddress(longer), timeout), "timeout " + timeout);
+                assertEquals("File name too long", e.getMessage());
+            }
+            // No connection was made to the server whose path is the cut one: the first
+            // connection it accepts is the one that names it exactly.
+            try (FileSocket exact = new FileSocket(new FileSocketAddress(longest), 1000);
+                    FileSocket accepted = server.accept()) {
+                exact.getOutputStream().write(42);
+                accepted.setSoTimeout(2000);
+                assertEquals(42, accepted.getInputStream().read(), "the server accepted a connection made to another path");
+            }
+        } finally {
+            Files.deleteIfExists(Path.of(longest));
+        }
+    }
 }

@@ -4,7 +4,6 @@ import java.io.IOException;
 import java.io.InputStream;
 import java.io.OutputStream;
 import java.net.SocketException;
-import java.nio.ByteBuffer;
 import java.util.Objects;
 
 /**
@@ -14,9 +13,6 @@ import java.util.Objects;
  * close throws a {@link SocketException}.
  */
 public final class FileSocket implements AutoCloseable {
-    /** Writes of more than this many bytes go out through a direct buffer of this size. */
-    static final int DIRECT_CHUNK = 64 * 1024;
-    private static final int SMALL_WRITE = 1024;
 
     private final FileSocketImpl impl;
     private volatile int soTimeout;
@@ -164,7 +160,6 @@ public final class FileSocket implements AutoCloseable {
 
     private final class SocketOutputStream extends OutputStream {
         private final byte[] single = new byte[1];
-        private ByteBuffer direct; // made on the first large write
 
         @Override
         public void write(int b) throws IOException {
@@ -177,22 +172,7 @@ public final class FileSocket implements AutoCloseable {
         @Override
         public void write(byte[] b, int off, int len) throws IOException {
             Objects.checkFromIndexSize(off, len, b.length);
-            if (len <= SMALL_WRITE) {
-                if (len > 0) impl.write(b, off, len, writeTimeout);
-                return;
-            }
-            // Large writes: one system call per 64 KiB instead of one per KiB.
-            synchronized (this) {
-                if (direct == null) direct = ByteBuffer.allocateDirect(DIRECT_CHUNK);
-                while (len > 0) {
-                    int chunk = Math.min(len, DIRECT_CHUNK);
-                    direct.clear();
-                    direct.put(b, off, chunk);
-                    impl.write(direct, 0, chunk, writeTimeout);
-                    off += chunk;
-                    len -= chunk;
-                }
-            }
+            if (len > 0) impl.send(b, off, len, writeTimeout);
         }
 
         @Override

@@ -1,5 +1,6 @@
 package com.nox.jvm.inspector.filesocket;
 
+import com.nox.jvm.inspector.natives.NativeLibrary;
 import java.net.SocketAddress;
 import java.util.Objects;
 

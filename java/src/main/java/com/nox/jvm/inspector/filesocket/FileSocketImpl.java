@@ -1,19 +1,27 @@
 package com.nox.jvm.inspector.filesocket;
 
+import com.nox.jvm.inspector.natives.NativeLibrary;
 import java.io.IOException;
+import java.lang.ref.Cleaner;
 import java.net.SocketException;
 import java.nio.ByteBuffer;
 
 /**
  * One native file socket. The natives are the raw operations; the public methods add what a
  * socket shared between threads needs: a close from any thread wakes callers blocked in the
- * same socket, and the native object is released only after the last caller has left it.
+ * same socket, and the native object is released only after the last caller has left it. A
+ * socket that is dropped without close is closed and released by a {@link Cleaner}.
  */
 public final class FileSocketImpl implements AutoCloseable {
     static {
         NativeLibrary.load();
         init0();
     }
+
+    /** Releases the native sockets of dropped objects; one daemon thread for all of them. */
+    private static final Cleaner CLEANER = Cleaner.create();
+    /** Reads and writes of up to this many bytes go through a buffer on the native stack. */
+    static final int SMALL_TRANSFER = 1024;
 
     /** The native socket; 0 when there is none. Read and written by the natives. */
     long fileSocket_pd;
@@ -28,9 +36,14 @@ public final class FileSocketImpl implements AutoCloseable {
     private int callers; // threads inside a native call on this socket
     private boolean closed;
     private boolean destroyed;
+    /** Owns the native socket for the Cleaner; create0 and destroy0 keep its handle current. */
+    private final NativeRelease release;
+    private final Cleaner.Cleanable cleanable;
 
     /** A new unconnected socket. */
     public FileSocketImpl() throws IOException {
+        release = new NativeRelease(0);
+        cleanable = CLEANER.register(this, release);
         create0();
         if (fileSocket_pd == 0) {
             throw new FileSocketException("FileSocket was not created successfully (has no socket endpoint)", "");
@@ -41,6 +54,29 @@ public final class FileSocketImpl implements AutoCloseable {
     FileSocketImpl(long nativeSocket, String socketIdentifier) {
         this.fileSocket_pd = nativeSocket;
         this.address = FileSocketAddress.ofIdentifier(socketIdentifier);
+        this.release = new NativeRelease(nativeSocket);
+        this.cleanable = CLEANER.register(this, release);
+    }
+
+    /**
+     * The release of a native socket whose FileSocketImpl became unreachable without close, run
+     * by the Cleaner. It holds the handle only, never the FileSocketImpl, which would otherwise
+     * stay reachable for ever. create0 sets the handle and destroy0 clears it (both natives),
+     * so a socket destroyed through close is never released twice.
+     */
+    static final class NativeRelease implements Runnable {
+        volatile long handle;
+
+        NativeRelease(long handle) {
+            this.handle = handle;
+        }
+
+        @Override
+        public void run() {
+            long socket = handle;
+            handle = 0;
+            if (socket != 0) release0(socket);
+        }
     }
 
     /** The address this socket is bound or connected to, or null. Called by accept0. */
@@ -96,47 +132,40 @@ public final class FileSocketImpl implements AutoCloseable {
 
     /**
      * One read of at most len bytes: the count, or -1 at end of stream. A time-out below 1
-     * waits without limit.
+     * waits without limit; a failed read throws an IOException with the system's text, a
+     * time-out a {@link java.net.SocketTimeoutException}.
      */
     public int read(byte[] b, int off, int len, int timeoutMillis) throws IOException {
+        java.util.Objects.checkFromIndexSize(off, len, b.length);
+        if (len == 0) return 0;
         enter();
         try {
-            int n;
-            try {
-                n = read0(b, off, len, timeoutMillis);
-            } catch (FileSocketException e) {
-                if (isClosed()) throw closedOr(e);
-                // The timed wait counts a peer hang-up as a failure even when bytes are still
-                // buffered: hand those out first, then the end of stream.
-                int buffered = available0();
-                if (buffered <= 0) return -1;
-                n = read0(b, off, Math.min(len, buffered), 0);
-            }
-            if (n < 0 && isClosed()) throw new SocketException("Socket closed");
-            return n;
+            // Large reads go from the socket straight into the array.
+            int n = len <= SMALL_TRANSFER ? receive0(b, off, len, timeoutMillis) : receiveArray0(b, off, len, timeoutMillis);
+            return endOfStreamOrClosed(n);
+        } catch (FileSocketException e) {
+            throw closedOr(e);
         } finally {
             leave();
         }
     }
 
-    /** One read into bytes [pos, pos + len) of a direct buffer, as {@link #read}. */
+    /** One read into bytes [pos, pos + len) of a direct buffer, as {@link #read(byte[], int, int, int)}. */
     public int read(ByteBuffer direct, int pos, int len, int timeoutMillis) throws IOException {
         enter();
         try {
-            int n;
-            try {
-                n = readDirect0(direct, pos, len, timeoutMillis);
-            } catch (FileSocketException e) {
-                if (isClosed()) throw closedOr(e);
-                int buffered = available0();
-                if (buffered <= 0) return -1;
-                n = readDirect0(direct, pos, Math.min(len, buffered), 0);
-            }
-            if (n < 0 && isClosed()) throw new SocketException("Socket closed");
-            return n;
+            return endOfStreamOrClosed(receiveDirect0(direct, pos, len, timeoutMillis));
+        } catch (FileSocketException e) {
+            throw closedOr(e);
         } finally {
             leave();
         }
+    }
+
+    /** The end of stream that a close from another thread causes is reported as the close. */
+    private int endOfStreamOrClosed(int n) throws SocketException {
+        if (n < 0 && isClosed()) throw new SocketException("Socket closed");
+        return n;
     }
 
     /**
@@ -147,6 +176,23 @@ public final class FileSocketImpl implements AutoCloseable {
         enter();
         try {
             return write0(b, off, len, timeoutMillis);
+        } catch (FileSocketException e) {
+            throw closedOr(e);
+        } finally {
+            leave();
+        }
+    }
+
+    /**
+     * Writes all len bytes: up to 1024 as {@link #write(byte[], int, int, int)}, more straight
+     * from the array with as few system calls as the socket takes. The time-out bounds each
+     * wait for room. Returns len, or throws.
+     */
+    public int send(byte[] b, int off, int len, int timeoutMillis) throws IOException {
+        if (len <= SMALL_TRANSFER) return write(b, off, len, timeoutMillis);
+        enter();
+        try {
+            return sendArray0(b, off, len, timeoutMillis);
         } catch (FileSocketException e) {
             throw closedOr(e);
         } finally {
@@ -218,6 +264,7 @@ public final class FileSocketImpl implements AutoCloseable {
             destroyed = true;
         }
         destroy0();
+        cleanable.clean(); // finds the handle cleared by destroy0; unregisters
     }
 
     private IOException closedOr(FileSocketException e) {
@@ -244,6 +291,16 @@ public final class FileSocketImpl implements AutoCloseable {
     native int readDirect0(ByteBuffer direct, int pos, int len, int timeout) throws IOException;
 
     native int writeDirect0(ByteBuffer direct, int pos, int len, int timeout) throws IOException;
+
+    native int receiveDirect0(ByteBuffer direct, int pos, int len, int timeout) throws IOException;
+
+    native int receive0(byte[] b, int off, int len, int timeout) throws IOException;
+
+    native int receiveArray0(byte[] b, int off, int len, int timeout) throws IOException;
+
+    native int sendArray0(byte[] b, int off, int len, int timeout) throws IOException;
+
+    private static native void release0(long handle);
 
     native int available0();
 
