@@ -123,6 +123,8 @@ const LongName LONGS[] = {
     {"sun.gc.metaspace.maxCapacity", &HotSpotFigures_CL::metaspace_max},
     {"java.cls.loadedClasses", &HotSpotFigures_CL::classes_loaded},
     {"java.cls.unloadedClasses", &HotSpotFigures_CL::classes_unloaded},
+    {"java.cls.sharedLoadedClasses", &HotSpotFigures_CL::shared_classes_loaded},
+    {"java.cls.sharedUnloadedClasses", &HotSpotFigures_CL::shared_classes_unloaded},
     {"java.threads.live", &HotSpotFigures_CL::threads_live},
     {"java.threads.livePeak", &HotSpotFigures_CL::threads_peak},
     {"java.threads.daemon", &HotSpotFigures_CL::threads_daemon},
@@ -183,6 +185,8 @@ void read_hotspot_figures(const PerfDataBuffer& block, HotSpotFigures_CL* f) {
             take_named(c, f);
         }
     }
+    add(&f->classes_loaded, f->shared_classes_loaded);
+    add(&f->classes_unloaded, f->shared_classes_unloaded);
     // G1 publishes the whole heap's maximum as the maximum of both its young and its old
     // generation: the heap's maximum is the larger one, not their sum.
     bool shared_maximum = text_is(f->gc_policy, "GarbageFirst");

@@ -48,8 +48,10 @@ struct HotSpotFigures_CL {
     int64_t metaspace_used;
     int64_t metaspace_committed;
     int64_t metaspace_max;
-    int64_t classes_loaded;
+    int64_t classes_loaded;     // loaded from class files and from the shared archive, as jstat adds them
     int64_t classes_unloaded;
+    int64_t shared_classes_loaded;    // the archive's part of the two above
+    int64_t shared_classes_unloaded;
     int64_t threads_live;
     int64_t threads_peak;
     int64_t threads_daemon;

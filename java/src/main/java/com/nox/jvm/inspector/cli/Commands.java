@@ -11,6 +11,8 @@ import com.nox.jvm.inspector.cluster.VmNotFoundException;
 import com.nox.jvm.inspector.cluster.VmRef;
 import com.nox.jvm.inspector.cluster.VmStartInfo;
 import com.nox.jvm.inspector.cluster.VmTimeInfo;
+import com.nox.jvm.inspector.hotspot.HotSpotFigures;
+import com.nox.jvm.inspector.hotspot.HotSpotVm;
 import com.nox.jvm.inspector.natives.InspectorNatives;
 import com.nox.jvm.inspector.natives.MonitoringBoard;
 
@@ -22,6 +24,7 @@ import java.util.ArrayList;
 import java.util.Comparator;
 import java.util.List;
 import java.util.Locale;
+import java.util.Map;
 import java.util.Optional;
 
 /** The commands of the inspector, each writing either text or JSON to {@code out}. */
@@ -32,16 +35,19 @@ final class Commands {
     private final PrintStream out;
     private final boolean json;
     private final VmInspector inspector = new VmInspector();
+    private final HotSpotView hotspot;
 
     Commands(PrintStream out, boolean json) {
         this.out = out;
         this.json = json;
+        this.hotspot = new HotSpotView(out, json);
     }
 
     // ---------------------------------------------------------------- list
 
     /** What {@code list} shows of one VM; records the VM no longer publishes are empty. */
-    private record Row(Vm vm, Optional<VmStartInfo> start, Optional<VmDebugInfo> debug, long startedAt) {
+    private record Row(Vm vm, Optional<VmStartInfo> start, Optional<VmDebugInfo> debug, long startedAt,
+                       HotSpotVm hotspot) {
     }
 
     void list() {
@@ -49,12 +55,15 @@ final class Commands {
         List<ClusterEntry> clusters = inspector.clusters();
         List<Row> rows = new ArrayList<>();
         List<Integer> liveCounts = new ArrayList<>();
+        // HotSpot VMs that publish performance data; one that also publishes a control area is
+        // shown once, in its cluster's row, and leaves this map.
+        Map<Integer, HotSpotVm> hotspotVms = hotspot.vmsByPid();
         for (ClusterEntry cluster : clusters) {
             List<Vm> vms = inspector.vmsOf(cluster.type(), cluster.id());
             liveCounts.add(vms.size());
             for (Vm vm : vms) {
                 rows.add(new Row(vm, inspector.startInfo(vm.ref()), inspector.debugInfo(vm.ref()),
-                        InspectorNatives.getCreationTimeOfProcess0(vm.pid())));
+                        InspectorNatives.getCreationTimeOfProcess0(vm.pid()), hotspotVms.remove(vm.pid())));
             }
         }
         if (json) {
@@ -73,7 +82,17 @@ final class Commands {
                 j.name("version").value(row.start().map(VmStartInfo::vmVersion).orElse(null))
                         .name("mainClass").value(row.start().map(VmStartInfo::mainClass).orElse(null))
                         .name("debuggingState").value(row.debug().map(d -> d.state().name()).orElse(null));
+                j.name("sources").beginArray().value("control-area");
+                if (row.hotspot() != null) {
+                    j.value(HotSpotView.CLUSTER).endArray().name("hotspot");
+                    HotSpotView.vmJson(j, row.hotspot());
+                } else {
+                    j.endArray();
+                }
                 j.endObject();
+            }
+            for (HotSpotVm vm : hotspotVms.values()) {
+                HotSpotView.listEntry(j, vm, now);
             }
             out.print(j.endArray().endObject());
             return;
@@ -81,14 +100,21 @@ final class Commands {
         Table table = new Table("CLUSTER", ">SLOT", ">PID", ">VM-ID", "VERSION", "MAIN-CLASS", "DEBUGGING", ">UPTIME");
         for (Row row : rows) {
             Vm vm = row.vm();
-            table.add(clusterName(vm.ref()), vm.ref().slot(), vm.pid(), vm.vmId(),
-                    row.start().map(s -> orDash(s.vmVersion())).orElse("-"),
-                    row.start().map(s -> orDash(s.mainClass())).orElse("-"),
+            HotSpotVm also = row.hotspot();
+            String version = row.start().map(s -> orDash(s.vmVersion())).orElse("-");
+            String mainClass = row.start().map(s -> orDash(s.mainClass())).orElse("-");
+            table.add(clusterName(vm.ref()) + (also != null ? "+" + HotSpotView.CLUSTER : ""), vm.ref().slot(),
+                    vm.pid(), vm.vmId(),
+                    version.equals("-") && also != null ? orDash(also.vmVersion()) : version,
+                    mainClass.equals("-") && also != null ? orDash(also.mainClass()) : mainClass,
                     row.debug().map(d -> stateName(d.state(), d.stateCode())).orElse("-"),
                     row.startedAt() > 0 ? Human.duration(now - row.startedAt()) : "-");
         }
+        for (HotSpotVm vm : hotspotVms.values()) {
+            table.add(HotSpotView.row(vm, now));
+        }
         if (table.isEmpty()) {
-            out.println("No Java VMs on this host publish a control area.");
+            out.println("No Java VMs on this host publish a control area or performance data.");
         } else {
             out.print(table);
         }
@@ -97,6 +123,13 @@ final class Commands {
     // ---------------------------------------------------------------- info
 
     void info(Target target) {
+        if (target.pid() != null && inspector.byPid(target.pid()).isEmpty()) {
+            Optional<HotSpotFigures> figures = hotspot.figures(target.pid());
+            if (figures.isPresent()) {
+                hotspot.info(figures.get());
+                return;
+            }
+        }
         Vm vm = resolve(target);
         VmRef ref = vm.ref();
         // The start record is read first: if it is gone, the VM ended after it was found.
@@ -106,6 +139,7 @@ final class Commands {
         Optional<VmDebugInfo> debug = inspector.debugInfo(ref);
         long startedAt = InspectorNatives.getCreationTimeOfProcess0(vm.pid());
         long now = System.currentTimeMillis() / 1000;
+        HotSpotFigures figures = hotspot.figures(vm.pid()).orElse(null);
         if (json) {
             Json j = new Json().beginObject().name("vm").beginObject();
             vmMembers(j, vm, startedAt, now);
@@ -118,6 +152,8 @@ final class Commands {
             recordJson(j, memory.orElse(null));
             j.name("debugging");
             recordJson(j, debug.orElse(null));
+            j.name("hotspot");
+            HotSpotView.figuresJson(j, figures);
             out.print(j.endObject());
             return;
         }
@@ -194,6 +230,15 @@ final class Commands {
             s.line("locally", yesNo(d.debuggingLocally()));
         }
         s.print("Debugging");
+        if (figures != null) {
+            hotspot.sections(figures);
+        }
+    }
+
+    // ---------------------------------------------------------------- counters
+
+    void counters(int pid, List<String> names) {
+        hotspot.counters(pid, names);
     }
 
     /** Label-value lines under a heading, the values lined up. */
@@ -318,7 +363,7 @@ final class Commands {
             int pid = target.pid();
             return inspector.byPid(pid).orElseThrow(() -> CliError.refused("no live VM with pid " + pid
                     + (InspectorNatives.isProcessAlive0(pid) == 0 ? " (no such process)"
-                    : " (the process publishes no control area)")));
+                    : " (the process publishes no control area and no performance data)")));
         }
         VmRef ref = target.ref();
         return inspector.vmsOf(ref.type(), ref.clusterId()).stream().filter(vm -> vm.ref().slot() == ref.slot())
