@@ -38,7 +38,6 @@ bool PerfCounter::name_is(const char* other) const {
 
 PerfDataBuffer::PerfDataBuffer(const unsigned char* data, size_t size)
     : _data(data),
-      _size(size),
       _valid(false),
       _accessible(false),
       _little_endian(false),

@@ -81,7 +81,6 @@ private:
     bool entry_at(size_t offset, PerfCounter* counter, size_t* length) const;
 
     const unsigned char* _data;
-    size_t _size;
     bool _valid;
     bool _accessible;
     bool _little_endian;
