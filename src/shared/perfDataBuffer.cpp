@@ -44,6 +44,7 @@ PerfDataBuffer::PerfDataBuffer(const unsigned char* data, size_t size)
       _major(0),
       _minor(0),
       _used(0),
+      _used_cut(false),
       _entry_offset(0),
       _entry_count(0) {
     if (data == nullptr || size < PROLOGUE_SIZE || memcmp(data, MAGIC, sizeof MAGIC) != 0) return;
@@ -60,7 +61,8 @@ PerfDataBuffer::PerfDataBuffer(const unsigned char* data, size_t size)
     int32_t entry_offset = read_int(ENTRY_OFFSET_AT);
     int32_t entry_count = read_int(ENTRY_COUNT_AT);
     if (used < 0 || entry_offset < 0 || entry_count < 0) return;
-    _used = static_cast<size_t>(used) < size ? static_cast<size_t>(used) : size;
+    _used_cut = static_cast<size_t>(used) > size;
+    _used = _used_cut ? size : static_cast<size_t>(used);
     _entry_offset = static_cast<size_t>(entry_offset);
     if (_entry_offset < PROLOGUE_SIZE || _entry_offset > _used) return;
     _entry_count = entry_count;

@@ -66,7 +66,11 @@ public:
     int minor_version() const { return _minor; }
     bool little_endian() const { return _little_endian; }
     int entry_count() const { return _entry_count; }
+    // The used size, cut to the copy's size.
     size_t used() const { return _used; }
+    // The copy holds every byte the prologue says is used. A copy of a file that was cut, or
+    // that was being written, is shorter.
+    bool holds_used() const { return _valid && !_used_cut; }
 
     // Walks the entries: true with the next counter; false after the published number of
     // entries, or at the first entry that does not fit in the used part of the block.
@@ -87,6 +91,7 @@ private:
     int _major;
     int _minor;
     size_t _used;
+    bool _used_cut;
     size_t _entry_offset;
     int _entry_count;
 };

@@ -138,7 +138,9 @@ bool PerfDataFile::read_in_folder(int folder_fd, unsigned uid, int pid) {
     }
     bool whole = read_exactly(fd, _buffer, size);
     close(fd);  // never retried: the descriptor is released even when close reports EINTR
-    if (!whole || !PerfDataBuffer(_buffer, size).is_valid()) return false;
+    // A file shorter than the bytes its prologue says are used was cut, or is being written:
+    // such a copy is not taken for the VM's counters.
+    if (!whole || !PerfDataBuffer(_buffer, size).holds_used()) return false;
     _size = size;
     return true;
 }
