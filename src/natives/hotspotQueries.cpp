@@ -4,6 +4,8 @@
 #include "hotspotFigures.h"
 #include "hotspotRecords.h"
 
+#include <cstring>
+
 using J2SE::PerfCounter;
 using J2SE::PerfDataBuffer;
 using J2SE::PerfDataCursor;
@@ -12,6 +14,44 @@ using J2SE::PerfDataHost;
 using J2SE::PerfDataVmRef;
 
 namespace {
+
+// The prologue as the counters the JDK's tools show for it (sun.perfdata.*): they are not
+// entries of the block, but a user asking for counters by name expects them.
+struct PrologueCounter {
+    const char* name;
+    int units;
+    int variability;
+    int64_t (*value)(const PerfDataBuffer& block);
+};
+
+const PrologueCounter PROLOGUE_COUNTERS[] = {
+    {"sun.perfdata.majorVersion", J2SE::PERF_UNITS_NONE, J2SE::PERF_CONSTANT,
+     [](const PerfDataBuffer& b) -> int64_t { return b.major_version(); }},
+    {"sun.perfdata.minorVersion", J2SE::PERF_UNITS_NONE, J2SE::PERF_CONSTANT,
+     [](const PerfDataBuffer& b) -> int64_t { return b.minor_version(); }},
+    {"sun.perfdata.overflow", J2SE::PERF_UNITS_BYTES, J2SE::PERF_VARIABLE,
+     [](const PerfDataBuffer& b) -> int64_t { return b.overflow(); }},
+    {"sun.perfdata.size", J2SE::PERF_UNITS_BYTES, J2SE::PERF_CONSTANT,
+     [](const PerfDataBuffer& b) -> int64_t { return static_cast<int64_t>(b.size()); }},
+    {"sun.perfdata.timestamp", J2SE::PERF_UNITS_TICKS, J2SE::PERF_VARIABLE,
+     [](const PerfDataBuffer& b) -> int64_t { return b.mod_time_stamp(); }},
+    {"sun.perfdata.used", J2SE::PERF_UNITS_BYTES, J2SE::PERF_VARIABLE,
+     [](const PerfDataBuffer& b) -> int64_t { return static_cast<int64_t>(b.used()); }},
+};
+
+PerfCounter prologue_counter(const PrologueCounter& p, const PerfDataBuffer& block) {
+    PerfCounter c;
+    c.name = p.name;
+    c.name_length = strlen(p.name);
+    c.type = 'J';
+    c.units = p.units;
+    c.variability = p.variability;
+    c.flags = 0;
+    c.long_value = p.value(block);
+    c.bytes = nullptr;
+    c.bytes_length = 0;
+    return c;
+}
 
 bool write_entry(const PerfDataVmRef& vm, const PerfDataBuffer& block, void* context) {
     HotSpotFigures_CL figures;
@@ -44,6 +84,7 @@ bool query_hotspot_counters(const PerfDataHost& host, int pid, ByteArrayOutputSt
     if (!host.read_vm(pid, &file, &vm)) return false;
     PerfDataBuffer block = file.block();
     DataOutputStream_CL data(out);
+    for (const PrologueCounter& p : PROLOGUE_COUNTERS) write_hotspot_counter(data, prologue_counter(p, block));
     PerfDataCursor cursor;
     PerfCounter counter;
     while (block.next(&cursor, &counter)) write_hotspot_counter(data, counter);
@@ -54,8 +95,16 @@ bool query_hotspot_counter(const PerfDataHost& host, int pid, const char* name, 
     PerfDataFile file;
     PerfDataVmRef vm;
     if (name == nullptr || !host.read_vm(pid, &file, &vm)) return false;
+    PerfDataBuffer block = file.block();
     PerfCounter counter;
-    if (!file.block().find(name, &counter)) return false;
+    bool found = false;
+    for (const PrologueCounter& p : PROLOGUE_COUNTERS) {
+        if (strcmp(p.name, name) == 0) {
+            counter = prologue_counter(p, block);
+            found = true;
+        }
+    }
+    if (!found && !block.find(name, &counter)) return false;
     DataOutputStream_CL data(out);
     write_hotspot_counter(data, counter);
     return data.is_ok();

@@ -16,6 +16,8 @@ const size_t MAJOR_AT = 5;
 const size_t MINOR_AT = 6;
 const size_t ACCESSIBLE_AT = 7;
 const size_t USED_AT = 8;
+const size_t OVERFLOW_AT = 12;
+const size_t MOD_TIME_STAMP_AT = 16;
 const size_t ENTRY_OFFSET_AT = 24;
 const size_t ENTRY_COUNT_AT = 28;
 
@@ -38,6 +40,7 @@ bool PerfCounter::name_is(const char* other) const {
 
 PerfDataBuffer::PerfDataBuffer(const unsigned char* data, size_t size)
     : _data(data),
+      _size(size),
       _valid(false),
       _accessible(false),
       _little_endian(false),
@@ -46,7 +49,9 @@ PerfDataBuffer::PerfDataBuffer(const unsigned char* data, size_t size)
       _used(0),
       _used_cut(false),
       _entry_offset(0),
-      _entry_count(0) {
+      _entry_count(0),
+      _overflow(0),
+      _mod_time_stamp(0) {
     if (data == nullptr || size < PROLOGUE_SIZE || memcmp(data, MAGIC, sizeof MAGIC) != 0) return;
     int order = data[BYTE_ORDER_AT];
     if (order != 0 && order != 1) return;
@@ -66,6 +71,8 @@ PerfDataBuffer::PerfDataBuffer(const unsigned char* data, size_t size)
     _entry_offset = static_cast<size_t>(entry_offset);
     if (_entry_offset < PROLOGUE_SIZE || _entry_offset > _used) return;
     _entry_count = entry_count;
+    _overflow = read_int(OVERFLOW_AT);
+    _mod_time_stamp = read_long(MOD_TIME_STAMP_AT);
     _valid = true;
 }
 

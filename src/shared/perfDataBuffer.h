@@ -66,6 +66,11 @@ public:
     int minor_version() const { return _minor; }
     bool little_endian() const { return _little_endian; }
     int entry_count() const { return _entry_count; }
+    // Bytes of the copy.
+    size_t size() const { return _size; }
+    // The prologue's overflow count and modification time stamp (ticks of the VM's clock).
+    int overflow() const { return _overflow; }
+    int64_t mod_time_stamp() const { return _mod_time_stamp; }
     // The used size, cut to the copy's size.
     size_t used() const { return _used; }
     // The copy holds every byte the prologue says is used. A copy of a file that was cut, or
@@ -85,6 +90,7 @@ private:
     bool entry_at(size_t offset, PerfCounter* counter, size_t* length) const;
 
     const unsigned char* _data;
+    size_t _size;
     bool _valid;
     bool _accessible;
     bool _little_endian;
@@ -94,6 +100,8 @@ private:
     bool _used_cut;
     size_t _entry_offset;
     int _entry_count;
+    int _overflow;
+    int64_t _mod_time_stamp;
 };
 
 }  // namespace J2SE
