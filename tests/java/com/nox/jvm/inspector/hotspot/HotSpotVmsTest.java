@@ -167,10 +167,10 @@ class HotSpotVmsTest {
         for (HotSpotVm vm : inspector.vms()) {
             assertTrue(ownUid == 0 || vm.uid() == ownUid, "another user's VM listed: " + vm);
         }
-        if (ownUid != 0) {
-            return;  // the rest needs root, to start a VM as another user
-        }
+        org.junit.jupiter.api.Assumptions.assumeTrue(ownUid == 0, "the rest needs root, to start a VM as another user");
         List<String> asNobody = List.of("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups");
+        java.nio.file.Path nobodysFolder = java.nio.file.Path.of("/tmp", "hsperfdata_nobody");
+        boolean hadFolder = java.nio.file.Files.exists(nobodysFolder);
         try (JdkVm vm = new JdkVm(asNobody, List.of("-Xmx64m"), "nobody's")) {
             assertTrue(vm.awaitPerfDataFile("nobody"), "no file " + vm.perfDataFile("nobody"));
             HotSpotVm found = null;
@@ -182,8 +182,8 @@ class HotSpotVmsTest {
             assertNotNull(found, "root may read nobody's VM, but it was not listed");
             assertEquals("nobody", found.user());
             assertEquals(65534, found.uid());
-            // Another user (daemon, uid 1) may not read it: a JVM of that user lists it not.
-            ProcessBuilder other = new ProcessBuilder("setpriv", "--reuid=1", "--regid=1", "--clear-groups",
+            // Another user (bin, uid 2) may not read it: a JVM of that user lists it not.
+            ProcessBuilder other = new ProcessBuilder("setpriv", "--reuid=2", "--regid=2", "--clear-groups",
                     java.nio.file.Path.of(System.getProperty("java.home"), "bin", "java").toString(),
                     "-XX:-UsePerfData", "-Dnox.inspector.library=" + System.getProperty("java.library.path")
                             + "/libnoxjvm_inspector.so",
@@ -195,6 +195,16 @@ class HotSpotVmsTest {
             assertEquals(0, p.exitValue(), out);
             assertTrue(out.startsWith("PIDS"), out);
             assertFalse(List.of(out.trim().split(" ")).contains(Integer.toString(vm.pid())), out);
+        } finally {
+            // The VM created nobody's folder and leaves it when it ends: remove it when it is
+            // empty and was not there before.
+            if (!hadFolder) {
+                try {
+                    java.nio.file.Files.deleteIfExists(nobodysFolder);
+                } catch (java.nio.file.DirectoryNotEmptyException e) {
+                    // another VM of nobody's publishes there now
+                }
+            }
         }
     }
 }
