@@ -5,6 +5,7 @@ import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.nox.jvm.inspector.testing.JdkVm;
+import com.nox.jvm.inspector.testing.PlantedFiles;
 
 import java.nio.channels.FileChannel;
 import java.nio.file.Files;

@@ -1,4 +1,4 @@
-package com.nox.jvm.inspector.hotspot;
+package com.nox.jvm.inspector.testing;
 
 import java.io.IOException;
 import java.nio.file.Files;
@@ -11,23 +11,23 @@ import java.util.Deque;
  * Files and folders a test plants under /tmp, removed (newest first) when closed, also when the
  * test fails. Only what was planted here is ever removed.
  */
-final class PlantedFiles implements AutoCloseable {
+public final class PlantedFiles implements AutoCloseable {
     private final Deque<Path> planted = new ArrayDeque<>();
 
-    Path file(Path path, byte[] content) throws IOException {
+    public Path file(Path path, byte[] content) throws IOException {
         Files.write(path, content);
         planted.push(path);
         return path;
     }
 
-    Path link(Path path, Path target) throws IOException {
+    public Path link(Path path, Path target) throws IOException {
         Files.createSymbolicLink(path, target);
         planted.push(path);
         return path;
     }
 
     /** Creates the folder when it does not exist; false (nothing planted) when it does. */
-    boolean folder(Path path) throws IOException {
+    public boolean folder(Path path) throws IOException {
         if (Files.exists(path, LinkOption.NOFOLLOW_LINKS)) {
             return false;
         }
