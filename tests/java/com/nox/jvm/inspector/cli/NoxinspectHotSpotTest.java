@@ -138,6 +138,10 @@ class NoxinspectHotSpotTest {
             Launcher.Result none = Launcher.run("counters", Integer.toString(hidden.pid()));
             assertEquals(1, none.exitCode(), none.toString());
             assertTrue(none.err().startsWith("noxinspect: no HotSpot VM with pid " + hidden.pid()), none.err());
+            Launcher.Result debug = Launcher.run("debug", "start", pid);
+            assertEquals(1, debug.exitCode(), debug.toString());
+            assertEquals("noxinspect: no live VM with pid " + pid
+                    + " (a HotSpot VM that publishes only performance data, which takes no requests)\n", debug.err());
             Launcher.Result usage = Launcher.run("counters");
             assertEquals(2, usage.exitCode(), usage.toString());
             assertFalse(usage.err().contains("Exception"), usage.err());

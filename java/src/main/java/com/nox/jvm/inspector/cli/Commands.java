@@ -363,6 +363,8 @@ final class Commands {
             int pid = target.pid();
             return inspector.byPid(pid).orElseThrow(() -> CliError.refused("no live VM with pid " + pid
                     + (InspectorNatives.isProcessAlive0(pid) == 0 ? " (no such process)"
+                    : hotspot.figures(pid).isPresent()
+                    ? " (a HotSpot VM that publishes only performance data, which takes no requests)"
                     : " (the process publishes no control area and no performance data)")));
         }
         VmRef ref = target.ref();
