@@ -9,6 +9,9 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <fstream>
+#include <set>
+#include <sstream>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -47,6 +50,21 @@ public:
 private:
     int _id;
 };
+
+// The ids of the host's semaphore sets of key 0 (IPC_PRIVATE), from /proc/sysvipc/sem.
+std::set<int> private_semaphore_sets() {
+    std::set<int> ids;
+    std::ifstream table("/proc/sysvipc/sem");
+    std::string line;
+    std::getline(table, line);  // column titles
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        long key = -1;
+        int id = -1;
+        if (fields >> key >> id && key == 0) ids.insert(id);
+    }
+    return ids;
+}
 
 }  // namespace
 
@@ -125,12 +143,16 @@ TEST(SharedEvent, MissingSetsAndImpossibleKeys) {
     EXPECT_EQ(J2SE::unix_get_event_key(INT_MAX, 0), 0);  // outside int
 
     // Key 0 must never reach semget, which would create a private set instead of finding one.
-    int sets_before = std::stoi(noxtest::command_output("wc -l < /proc/sysvipc/sem"));
+    // Only the sets of key 0 are counted: other tests create and remove sets of their own keys
+    // meanwhile, and nothing of ours ever creates a private set.
+    std::set<int> private_before = private_semaphore_sets();
     SharedEvent private_key(J2SE::cstring(), 0);
     EXPECT_FALSE(private_key.attach(&trace));
     SharedEvent by_pid = J2SE::ControlAreaFile::attach_shared_event(-50000, SharedEvent::SHARED_EVENT_KEY_CONTROLS);
     EXPECT_EQ(by_pid.get_handle(), -1);
-    EXPECT_LE(std::stoi(noxtest::command_output("wc -l < /proc/sysvipc/sem")), sets_before);
+    for (int id : private_semaphore_sets()) {
+        EXPECT_EQ(private_before.count(id), 1u) << "a private semaphore set " << id << " was created";
+    }
 }
 
 TEST(SharedEvent, AttachByPidFindsTheVmsSet) {

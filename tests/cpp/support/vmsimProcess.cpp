@@ -2,12 +2,14 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace noxtest {
@@ -58,9 +60,10 @@ Vmsim::Vmsim(const std::vector<std::string>& args) : _pid(-1), _out(-1), _reaped
     }
     _out = out[0];
     _ready = wait_for("READY ");
-    if (_ready.empty()) {
-        int code = wait_exit();
-        throw std::runtime_error("vmsim ended before it was ready, exit code " + std::to_string(code));
+    if (_ready.compare(0, 6, "READY ") != 0) {
+        std::string what = _ready;
+        terminate();
+        throw std::runtime_error(what);
     }
     size_t pos = 0;
     while (pos < _ready.size()) {
@@ -91,7 +94,18 @@ std::vector<int> Vmsim::slot_pids() const {
     return int_list(field("pids"));
 }
 
+namespace {
+
+long long now_ms() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+}
+
+}  // namespace
+
 std::string Vmsim::next_line() {
+    long long deadline = now_ms() + WAIT_MS;
     for (;;) {
         size_t newline = _buffer.find('\n');
         if (newline != std::string::npos) {
@@ -99,8 +113,10 @@ std::string Vmsim::next_line() {
             _buffer.erase(0, newline + 1);
             return line;
         }
+        long long left = deadline - now_ms();
+        if (left <= 0) return std::string();
         struct pollfd p = {_out, POLLIN, 0};
-        int ready = poll(&p, 1, 60000);
+        int ready = poll(&p, 1, static_cast<int>(left));
         if (ready < 0 && errno == EINTR) continue;
         if (ready <= 0) return std::string();
         char chunk[4096];
@@ -112,17 +128,36 @@ std::string Vmsim::next_line() {
 }
 
 std::string Vmsim::wait_for(const std::string& prefix) {
-    for (;;) {
+    long long deadline = now_ms() + WAIT_MS;
+    while (now_ms() < deadline) {
         std::string line = next_line();
-        if (line.empty() || line.compare(0, prefix.size(), prefix) == 0) return line;
+        if (line.compare(0, prefix.size(), prefix) == 0) return line;
+        if (line.empty()) break;
+    }
+    return "(vmsim pid " + std::to_string(_pid) + " printed no line starting with \"" + prefix + "\" within " +
+           std::to_string(WAIT_MS) + " ms)";
+}
+
+bool Vmsim::reap_within(int timeout_ms) {
+    if (_reaped || _pid <= 0) return true;
+    long long deadline = now_ms() + timeout_ms;
+    for (;;) {
+        pid_t got = waitpid(_pid, &_status, WNOHANG);
+        if (got == _pid || (got < 0 && errno != EINTR)) {
+            _reaped = true;
+            return true;
+        }
+        if (now_ms() >= deadline) return false;
+        usleep(2000);
     }
 }
 
 int Vmsim::wait_exit() {
-    if (!_reaped && _pid > 0) {
-        while (waitpid(_pid, &_status, 0) < 0 && errno == EINTR) {
-        }
-        _reaped = true;
+    if (!reap_within(WAIT_MS)) {
+        fprintf(stderr, "vmsim pid %d did not end within %d ms; ending it with SIGTERM\n", static_cast<int>(_pid),
+                WAIT_MS);
+        terminate();
+        return -1;
     }
     if (WIFEXITED(_status)) return WEXITSTATUS(_status);
     if (WIFSIGNALED(_status)) return 128 + WTERMSIG(_status);
@@ -131,8 +166,11 @@ int Vmsim::wait_exit() {
 
 void Vmsim::terminate() {
     if (_reaped || _pid <= 0) return;
-    kill(_pid, SIGTERM);
-    wait_exit();
+    kill(_pid, SIGTERM);  // vmsim removes its files, segments and semaphores
+    if (reap_within(WAIT_MS)) return;
+    fprintf(stderr, "vmsim pid %d did not end within %d ms of SIGTERM; killing it\n", static_cast<int>(_pid), WAIT_MS);
+    kill(_pid, SIGKILL);
+    reap_within(WAIT_MS);
 }
 
 }  // namespace noxtest

@@ -51,14 +51,21 @@ public:
     std::vector<int> slot_pids() const;
     const std::string& ready_line() const { return _ready; }
 
-    // The next line vmsim prints; empty at end of output. Waits at most a minute, so that a
-    // broken test ends instead of hanging.
+    // Every wait below is bounded, so that a test whose VM does not react fails with a message
+    // (and still cleans up) instead of hanging until CTest kills it.
+    static const int WAIT_MS = 10000;
+
+    // The next line vmsim prints; empty at the end of its output or after WAIT_MS.
     std::string next_line();
-    // Reads lines until one starts with `prefix` and returns it; empty when the output ends.
+    // Reads lines until one starts with `prefix` and returns it. When no such line comes within
+    // WAIT_MS, or the output ends first, returns a text that says so (which then shows in the
+    // failure of the test's comparison).
     std::string wait_for(const std::string& prefix);
-    // Waits until vmsim ends; its exit code, or 128 + signal.
+    // Waits up to WAIT_MS for vmsim to end on its own: its exit code, or 128 + signal. When it
+    // does not end in time it is ended with SIGTERM, a message goes to standard error, and the
+    // result is -1.
     int wait_exit();
-    // Ends vmsim with SIGTERM and reaps it.
+    // Ends vmsim with SIGTERM and reaps it (SIGKILL when it has not ended after WAIT_MS).
     void terminate();
 
 private:
@@ -69,6 +76,9 @@ private:
     std::map<std::string, std::string> _fields;
     bool _reaped;
     int _status;
+
+    // Reaps vmsim if it ends within `timeout_ms`; true once it is reaped.
+    bool reap_within(int timeout_ms);
 };
 
 // The path of the vmsim executable this build made.

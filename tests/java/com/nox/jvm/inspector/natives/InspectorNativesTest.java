@@ -170,7 +170,7 @@ class InspectorNativesTest {
         assertEquals(started, InspectorNatives.getCreationTimeOfProcess0((int) child.pid()));
 
         Process ended = new ProcessBuilder("true").start();
-        ended.waitFor();
+        assertTrue(ended.waitFor(10, TimeUnit.SECONDS), "the process 'true' did not end");
         assertEquals(0, InspectorNatives.isProcessAlive0((int) ended.pid()));
         assertEquals(0, InspectorNatives.getCreationTimeOfProcess0((int) ended.pid()));
 

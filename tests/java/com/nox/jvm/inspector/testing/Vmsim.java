@@ -9,6 +9,7 @@ import java.util.Arrays;
 import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
+import java.util.concurrent.LinkedBlockingQueue;
 import java.util.concurrent.TimeUnit;
 
 /**
@@ -16,10 +17,17 @@ import java.util.concurrent.TimeUnit;
  * then removes its files, segment and semaphores) when closed, also when the test fails.
  * Instance-cluster ids are global to the host and test classes run in parallel, so each class
  * has its own: the cluster-natives tests 80 to 83, the command-line tests 84 to 89.
+ * Every wait is bounded by {@link #WAIT_SECONDS}, so that a VM that does not react fails its test
+ * with a message instead of hanging until CTest kills it (and the test still ends the VM).
  */
 public final class Vmsim implements AutoCloseable {
+    public static final int WAIT_SECONDS = 10;
+
+    /** What the line queue holds after vmsim's last line. */
+    private static final String END = new String("<end of output>");
+
     private final Process process;
-    private final BufferedReader out;
+    private final LinkedBlockingQueue<String> lines = new LinkedBlockingQueue<>();
     private final Map<String, String> fields = new HashMap<>();
 
     public Vmsim(String... args) throws IOException {
@@ -27,11 +35,23 @@ public final class Vmsim implements AutoCloseable {
         command.add(System.getProperty("nox.vmsim", "vmsim"));
         command.addAll(Arrays.asList(args));
         process = new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.INHERIT).start();
-        out = new BufferedReader(new InputStreamReader(process.getInputStream(), StandardCharsets.UTF_8));
-        String line = out.readLine();
-        if (line == null || !line.startsWith("READY ")) {
-            process.destroyForcibly();
-            throw new IOException("vmsim did not start: " + line + " (" + command + ")");
+        BufferedReader out = new BufferedReader(new InputStreamReader(process.getInputStream(), StandardCharsets.UTF_8));
+        Thread reader = new Thread(() -> {
+            try {
+                for (String line = out.readLine(); line != null; line = out.readLine()) {
+                    lines.add(line);
+                }
+            } catch (IOException e) {
+                // the stream was closed with the process: its output has ended
+            }
+            lines.add(END);
+        }, "vmsim-output-" + process.pid());
+        reader.setDaemon(true);
+        reader.start();
+        String line = waitFor("READY ");
+        if (!line.startsWith("READY ")) {
+            end();
+            throw new IOException(line + " (" + command + ")");
         }
         for (String pair : line.substring(6).trim().split(" ")) {
             int eq = pair.indexOf('=');
@@ -58,25 +78,46 @@ public final class Vmsim implements AutoCloseable {
         process.getOutputStream().flush();
     }
 
-    /** The next line vmsim prints, or null at the end of its output. */
+    /** The next line vmsim prints; null at the end of its output or after {@link #WAIT_SECONDS}. */
     public String nextLine() throws IOException {
-        return out.readLine();
+        try {
+            String line = lines.poll(WAIT_SECONDS, TimeUnit.SECONDS);
+            if (line == END) {
+                lines.add(END);  // every later call sees the end too
+                return null;
+            }
+            return line;
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+            throw new IOException("interrupted while waiting for vmsim's output", e);
+        }
     }
 
-    /** Reads lines until one starts with the prefix; null when the output ends first. */
+    /**
+     * Reads lines until one starts with the prefix and returns it. When none comes within
+     * {@link #WAIT_SECONDS}, or the output ends first, returns a text that says so, which then
+     * shows in the failure of the test's comparison.
+     */
     public String waitFor(String prefix) throws IOException {
-        for (String line = out.readLine(); line != null; line = out.readLine()) {
+        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(WAIT_SECONDS);
+        while (System.nanoTime() < deadline) {
+            String line = nextLine();
+            if (line == null) {
+                return "(vmsim pid " + process.pid() + " ended its output before a line starting with \"" + prefix + "\")";
+            }
             if (line.startsWith(prefix)) {
                 return line;
             }
         }
-        return null;
+        return "(vmsim pid " + process.pid() + " printed no line starting with \"" + prefix + "\" within "
+                + WAIT_SECONDS + " s)";
     }
 
-    /** Waits for vmsim to end on its own and returns its exit code. */
+    /** Waits for vmsim to end on its own and returns its exit code; fails after {@link #WAIT_SECONDS}. */
     public int waitExit() throws InterruptedException {
-        if (!process.waitFor(60, TimeUnit.SECONDS)) {
-            throw new IllegalStateException("vmsim did not end");
+        if (!process.waitFor(WAIT_SECONDS, TimeUnit.SECONDS)) {
+            close();
+            throw new AssertionError("vmsim pid " + process.pid() + " did not end within " + WAIT_SECONDS + " s");
         }
         return process.exitValue();
     }
@@ -85,12 +126,23 @@ public final class Vmsim implements AutoCloseable {
         return process.pid();
     }
 
+    /** Ends vmsim from the constructor, where a checked InterruptedException cannot go. */
+    private void end() {
+        try {
+            close();
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+            process.destroyForcibly();
+        }
+    }
+
     @Override
     public void close() throws InterruptedException {
         if (process.isAlive()) {
             process.destroy();  // SIGTERM: vmsim cleans up
-            if (!process.waitFor(30, TimeUnit.SECONDS)) {
+            if (!process.waitFor(WAIT_SECONDS, TimeUnit.SECONDS)) {
                 process.destroyForcibly();
+                process.waitFor(WAIT_SECONDS, TimeUnit.SECONDS);
             }
         }
     }
