@@ -25,6 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     (void)block.find("sun.rt.javaCommand", &found);
 
     HotSpotFigures_CL figures;
+    read_hotspot_summary(block, &figures);
     read_hotspot_figures(block, &figures);
     J2SE::PerfDataVmRef vm;
     vm.pid = 1;

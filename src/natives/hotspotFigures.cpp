@@ -200,3 +200,25 @@ void read_hotspot_figures(const PerfDataBuffer& block, HotSpotFigures_CL* f) {
         }
     }
 }
+
+void read_hotspot_summary(const PerfDataBuffer& block, HotSpotFigures_CL* f) {
+    Generations generations;
+    clear(f, &generations);
+    bool command = false;
+    bool version = false;
+    bool begin = false;
+    PerfDataCursor cursor;
+    PerfCounter c;
+    while (!(command && version && begin) && block.next(&cursor, &c)) {
+        if (c.is_bytes() && c.name_is("sun.rt.javaCommand")) {
+            f->java_command = PerfText_CL{c.bytes, c.bytes_length};
+            command = true;
+        } else if (c.is_bytes() && c.name_is("java.property.java.vm.version")) {
+            f->vm_version = PerfText_CL{c.bytes, c.bytes_length};
+            version = true;
+        } else if (c.is_long() && c.name_is("sun.rt.createVmBeginTime")) {
+            f->begin_millis = c.long_value;
+            begin = true;
+        }
+    }
+}

@@ -63,4 +63,8 @@ struct HotSpotFigures_CL {
 // Fills `figures` from `block`; figures the block lacks keep their "unknown" values.
 void read_hotspot_figures(const J2SE::PerfDataBuffer& block, HotSpotFigures_CL* figures);
 
+// Fills only what a listing shows (java command, VM version, begin time), walking the block only
+// until it has found them; every other figure is unknown.
+void read_hotspot_summary(const J2SE::PerfDataBuffer& block, HotSpotFigures_CL* figures);
+
 #endif

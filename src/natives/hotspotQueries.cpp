@@ -55,7 +55,7 @@ PerfCounter prologue_counter(const PrologueCounter& p, const PerfDataBuffer& blo
 
 bool write_entry(const PerfDataVmRef& vm, const PerfDataBuffer& block, void* context) {
     HotSpotFigures_CL figures;
-    read_hotspot_figures(block, &figures);
+    read_hotspot_summary(block, &figures);
     write_hotspot_vm_entry(*static_cast<DataOutputStream_CL*>(context), vm, figures);
     return true;
 }

@@ -303,3 +303,24 @@ TEST(HotSpotFigures, FiguresOfRealVms) {
         EXPECT_GE(f.threads_live, 1);
     }
 }
+
+TEST(HotSpotFigures, TheSummaryAgreesWithTheFigures) {
+    for (const char* collector : {"g1", "serial", "parallel"}) {
+        std::vector<unsigned char> bytes = noxtest::real_vm_file(collector);
+        PerfDataBuffer block(bytes.data(), bytes.size());
+        HotSpotFigures_CL all;
+        HotSpotFigures_CL summary;
+        read_hotspot_figures(block, &all);
+        read_hotspot_summary(block, &summary);
+        EXPECT_EQ(text_of(all.java_command), text_of(summary.java_command)) << collector;
+        EXPECT_EQ(text_of(all.vm_version), text_of(summary.vm_version)) << collector;
+        EXPECT_EQ(all.begin_millis, summary.begin_millis) << collector;
+        EXPECT_EQ(-1, summary.heap_used) << collector;
+    }
+    PerfDataBlock empty;
+    std::vector<unsigned char> bytes = empty.bytes();
+    HotSpotFigures_CL summary;
+    read_hotspot_summary(PerfDataBuffer(bytes.data(), bytes.size()), &summary);
+    EXPECT_EQ(0u, summary.java_command.length);
+    EXPECT_EQ(-1, summary.begin_millis);
+}
