@@ -5,23 +5,27 @@
 #   ./run.sh sanitize    C++ tests built with AddressSanitizer and UndefinedBehaviorSanitizer
 #   ./run.sh tsan        the C++ race tests (label tsan) built with ThreadSanitizer
 #   ./run.sh unprivileged  C++ and Java tests once more as user nobody (needs root and ./run.sh test first)
+#   ./run.sh fuzz        every libFuzzer target under fuzz/ for NOX_FUZZ_SECONDS each (default 30)
 set -euo pipefail
 cd "$(dirname "$0")"
 
 # Debian packages the build, the tests and the benchmarks need.
 packages=(cmake g++ openjdk-17-jdk-headless libgtest-dev libbenchmark-dev junit5 socat python3 libjunixsocket-java prometheus)
+# Only ./run.sh fuzz needs these.
+fuzz_packages=(clang-14 libclang-rt-14-dev)
 
 missing_packages() {
   local missing=()
-  for p in "${packages[@]}"; do
+  for p in "$@"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
   done
   echo "${missing[@]:-}"
 }
 
 ensure_packages() {
-  local missing
-  missing=$(missing_packages)
+  local missing want=("$@")
+  [ ${#want[@]} -eq 0 ] && want=("${packages[@]}")
+  missing=$(missing_packages "${want[@]}")
   [ -z "$missing" ] && return 0
   if [ "$(id -u)" = 0 ]; then
     echo "Installing: $missing"
@@ -79,11 +83,28 @@ unprivileged() {
     ctest --test-dir build/release --output-on-failure -j2 --timeout 300
 }
 
+# Each target starts from its seeds in fuzz/corpus/<target>/ and keeps what it finds in
+# build/fuzz/corpus/<target>/ (the seeds in the repository stay as they are). A crash stops the
+# run with the input saved as build/fuzz/crash-*.
+fuzz() {
+  local seconds=${NOX_FUZZ_SECONDS:-30}
+  build fuzz
+  local source target
+  for source in fuzz/*.cpp; do
+    target=$(basename "$source" .cpp)
+    mkdir -p "build/fuzz/corpus/$target"
+    echo "fuzz: $target for ${seconds}s"
+    "build/fuzz/fuzz/fuzz_$target" -max_total_time="$seconds" -print_final_stats=1 \
+      -artifact_prefix=build/fuzz/ "build/fuzz/corpus/$target" "fuzz/corpus/$target"
+  done
+}
+
 case "${1:-}" in
   demo) ensure_packages; demo ;;
   test) ensure_packages; run_tests ;;
   sanitize) ensure_packages; sanitize ;;
   tsan) ensure_packages; tsan ;;
   unprivileged) unprivileged ;;
-  *) echo "usage: $0 demo|test|sanitize|tsan|unprivileged" >&2; exit 2 ;;
+  fuzz) ensure_packages "${packages[@]}" "${fuzz_packages[@]}"; fuzz ;;
+  *) echo "usage: $0 demo|test|sanitize|tsan|unprivileged|fuzz" >&2; exit 2 ;;
 esac

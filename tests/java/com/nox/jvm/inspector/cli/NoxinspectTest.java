@@ -276,22 +276,30 @@ class NoxinspectTest {
     @Test
     void unknownVmsAreRefusedWithExitCodeOne() throws Exception {
         long self = ProcessHandle.current().pid();
+        // This test's JVM publishes performance data, which info shows: a plain process does not.
+        Process sleeper = new ProcessBuilder("sleep", "60").start();
+        long plain = sleeper.pid();
         List<String[]> cases = new ArrayList<>();
-        cases.add(new String[] {"no live VM with pid " + self + " (the process publishes no control area)", "info",
-            Long.toString(self)});
+        cases.add(new String[] {"no live VM with pid " + plain
+            + " (the process publishes no control area and no performance data)", "info", Long.toString(plain)});
         cases.add(new String[] {"no live VM with pid " + self, "debug", "start", Long.toString(self)});
         cases.add(new String[] {"no live VM with pid " + self, "exit", Long.toString(self), "3"});
         cases.add(new String[] {"no live VM in slot 0 of instance cluster 89", "info", "instance:89:0"});
         cases.add(new String[] {"no live VM in slot 0 of process cluster " + self, "debug", "stop",
             "process:" + self + ":0", "--json"});
-        for (String[] c : cases) {
-            String[] args = java.util.Arrays.copyOfRange(c, 1, c.length);
-            Launcher.Result r = Launcher.run(args);
-            assertEquals(1, r.exitCode(), String.join(" ", args) + "\n" + r);
-            assertTrue(r.err().startsWith("noxinspect: " + c[0]), r.toString());
-            assertEquals(1, r.err().lines().count(), r.toString());
-            assertEquals("", r.out());
-            assertNoStackTrace(r);
+        try {
+            for (String[] c : cases) {
+                String[] args = java.util.Arrays.copyOfRange(c, 1, c.length);
+                Launcher.Result r = Launcher.run(args);
+                assertEquals(1, r.exitCode(), String.join(" ", args) + "\n" + r);
+                assertTrue(r.err().startsWith("noxinspect: " + c[0]), r.toString());
+                assertEquals(1, r.err().lines().count(), r.toString());
+                assertEquals("", r.out());
+                assertNoStackTrace(r);
+            }
+        } finally {
+            sleeper.destroyForcibly();
+            sleeper.waitFor();
         }
     }
 

@@ -12,6 +12,8 @@ import com.nox.jvm.inspector.cluster.VmNotFoundException;
 import com.nox.jvm.inspector.cluster.VmRef;
 import com.nox.jvm.inspector.cluster.VmStartInfo;
 import com.nox.jvm.inspector.cluster.VmTimeInfo;
+import com.nox.jvm.inspector.hotspot.HotSpotFigures;
+import com.nox.jvm.inspector.hotspot.HotSpotVm;
 import com.nox.jvm.inspector.natives.InspectorNatives;
 import com.nox.jvm.inspector.natives.MonitoringBoard;
 
@@ -23,6 +25,7 @@ import java.util.ArrayList;
 import java.util.Comparator;
 import java.util.List;
 import java.util.Locale;
+import java.util.Map;
 import java.util.Optional;
 
 /** The commands of the inspector, each writing either text or JSON to {@code out}. */
@@ -33,16 +36,19 @@ final class Commands {
     private final PrintStream out;
     private final boolean json;
     private final VmInspector inspector = new VmInspector();
+    private final HotSpotView hotspot;
 
     Commands(PrintStream out, boolean json) {
         this.out = out;
         this.json = json;
+        this.hotspot = new HotSpotView(out, json);
     }
 
     // ---------------------------------------------------------------- list
 
     /** What {@code list} shows of one VM; records the VM no longer publishes are empty. */
-    private record Row(Vm vm, Optional<VmStartInfo> start, Optional<VmDebugInfo> debug, long startedAt) {
+    private record Row(Vm vm, Optional<VmStartInfo> start, Optional<VmDebugInfo> debug, long startedAt,
+                       HotSpotVm hotspot) {
     }
 
     void list() {
@@ -53,11 +59,14 @@ final class Commands {
         List<ClusterEntry> clusters = new ArrayList<>();
         List<Row> rows = new ArrayList<>();
         List<Integer> liveCounts = new ArrayList<>();
+        // HotSpot VMs that publish performance data; one that also publishes a control area is
+        // shown once, in its cluster's row, and leaves this map.
+        Map<Integer, HotSpotVm> hotspotVms = hotspot.vmsByPid();
         for (HostPass.Cluster cluster : pass.clusters()) {
             clusters.add(cluster.entry());
             liveCounts.add(cluster.vms().size());
             for (HostPass.VmFigures vm : cluster.vms()) {
-                rows.add(new Row(vm.vm(), vm.start(), vm.debug(), vm.processStart()));
+                rows.add(new Row(vm.vm(), vm.start(), vm.debug(), vm.processStart(), hotspotVms.remove(vm.vm().pid())));
             }
         }
         if (json) {
@@ -76,7 +85,17 @@ final class Commands {
                 j.name("version").value(row.start().map(VmStartInfo::vmVersion).orElse(null))
                         .name("mainClass").value(row.start().map(VmStartInfo::mainClass).orElse(null))
                         .name("debuggingState").value(row.debug().map(d -> d.state().name()).orElse(null));
+                j.name("sources").beginArray().value("control-area");
+                if (row.hotspot() != null) {
+                    j.value(HotSpotView.CLUSTER).endArray().name("hotspot");
+                    HotSpotView.vmJson(j, row.hotspot());
+                } else {
+                    j.endArray();
+                }
                 j.endObject();
+            }
+            for (HotSpotVm vm : hotspotVms.values()) {
+                HotSpotView.listEntry(j, vm, now);
             }
             out.print(j.endArray().endObject());
             return;
@@ -84,14 +103,21 @@ final class Commands {
         Table table = new Table("CLUSTER", ">SLOT", ">PID", ">VM-ID", "VERSION", "MAIN-CLASS", "DEBUGGING", ">UPTIME");
         for (Row row : rows) {
             Vm vm = row.vm();
-            table.add(clusterName(vm.ref()), vm.ref().slot(), vm.pid(), vm.vmId(),
-                    row.start().map(s -> orDash(s.vmVersion())).orElse("-"),
-                    row.start().map(s -> orDash(s.mainClass())).orElse("-"),
+            HotSpotVm also = row.hotspot();
+            String version = row.start().map(s -> orDash(s.vmVersion())).orElse("-");
+            String mainClass = row.start().map(s -> orDash(s.mainClass())).orElse("-");
+            table.add(clusterName(vm.ref()) + (also != null ? "+" + HotSpotView.CLUSTER : ""), vm.ref().slot(),
+                    vm.pid(), vm.vmId(),
+                    version.equals("-") && also != null ? orDash(also.vmVersion()) : version,
+                    mainClass.equals("-") && also != null ? orDash(also.mainClass()) : mainClass,
                     row.debug().map(d -> stateName(d.state(), d.stateCode())).orElse("-"),
                     row.startedAt() > 0 ? Human.duration(now - row.startedAt()) : "-");
         }
+        for (HotSpotVm vm : hotspotVms.values()) {
+            table.add(HotSpotView.row(vm, now));
+        }
         if (table.isEmpty()) {
-            out.println("No Java VMs on this host publish a control area.");
+            out.println("No Java VMs on this host publish a control area or performance data.");
         } else {
             out.print(table);
         }
@@ -100,8 +126,17 @@ final class Commands {
     // ---------------------------------------------------------------- info
 
     void info(Target target) {
-        // One pass over the host finds the VM and reads all its records at once.
-        HostPass.VmFigures figures = resolveInPass(target);
+        // One pass over the host finds the VM and reads all its records at once. A pid that no
+        // control area names may be a HotSpot VM known only by its performance data.
+        HostPass pass = inspector.host();
+        if (target.pid() != null && findInPass(pass, target).isEmpty()) {
+            Optional<HotSpotFigures> hotspotOnly = hotspot.figures(target.pid());
+            if (hotspotOnly.isPresent()) {
+                hotspot.info(hotspotOnly.get());
+                return;
+            }
+        }
+        HostPass.VmFigures figures = findInPass(pass, target).orElseThrow(() -> notFound(target));
         Vm vm = figures.vm();
         VmRef ref = vm.ref();
         VmStartInfo start = figures.start().orElseThrow(() -> gone(vm));
@@ -110,6 +145,7 @@ final class Commands {
         Optional<VmDebugInfo> debug = figures.debug();
         long startedAt = figures.processStart();
         long now = System.currentTimeMillis() / 1000;
+        HotSpotFigures hotspotFigures = hotspot.figures(vm.pid()).orElse(null);
         if (json) {
             Json j = new Json().beginObject().name("vm").beginObject();
             vmMembers(j, vm, startedAt, now);
@@ -122,6 +158,8 @@ final class Commands {
             recordJson(j, memory.orElse(null));
             j.name("debugging");
             recordJson(j, debug.orElse(null));
+            j.name("hotspot");
+            HotSpotView.figuresJson(j, hotspotFigures);
             out.print(j.endObject());
             return;
         }
@@ -198,6 +236,15 @@ final class Commands {
             s.line("locally", yesNo(d.debuggingLocally()));
         }
         s.print("Debugging");
+        if (hotspotFigures != null) {
+            hotspot.sections(hotspotFigures);
+        }
+    }
+
+    // ---------------------------------------------------------------- counters
+
+    void counters(int pid, List<String> names) {
+        hotspot.counters(pid, names);
     }
 
     /** Label-value lines under a heading, the values lined up. */
@@ -323,29 +370,34 @@ final class Commands {
     /** The live VM the user named, or a refusal naming what was not found. */
     private Vm resolve(Target target) {
         if (target.pid() != null) {
-            int pid = target.pid();
-            return inspector.byPid(pid).orElseThrow(() -> CliError.refused("no live VM with pid " + pid
-                    + (InspectorNatives.isProcessAlive0(pid) == 0 ? " (no such process)"
-                    : " (the process publishes no control area)")));
+            return inspector.byPid(target.pid()).orElseThrow(() -> notFound(target));
         }
         VmRef ref = target.ref();
         return inspector.vmsOf(ref.type(), ref.clusterId()).stream().filter(vm -> vm.ref().slot() == ref.slot())
-                .findFirst().orElseThrow(() -> CliError.refused("no live VM in " + ref));
+                .findFirst().orElseThrow(() -> notFound(target));
     }
 
     /** The live VM the user named, with its records from one pass over the host. */
-    private HostPass.VmFigures resolveInPass(Target target) {
-        List<HostPass.VmFigures> vms = inspector.host().vms();
+    private static Optional<HostPass.VmFigures> findInPass(HostPass pass, Target target) {
+        List<HostPass.VmFigures> vms = pass.vms();
         if (target.pid() != null) {
             int pid = target.pid();
-            return vms.stream().filter(vm -> vm.vm().pid() == pid).findFirst()
-                    .orElseThrow(() -> CliError.refused("no live VM with pid " + pid
-                            + (InspectorNatives.isProcessAlive0(pid) == 0 ? " (no such process)"
-                            : " (the process publishes no control area)")));
+            return vms.stream().filter(vm -> vm.vm().pid() == pid).findFirst();
         }
         VmRef ref = target.ref();
-        return vms.stream().filter(vm -> vm.vm().ref().equals(ref)).findFirst()
-                .orElseThrow(() -> CliError.refused("no live VM in " + ref));
+        return vms.stream().filter(vm -> vm.vm().ref().equals(ref)).findFirst();
+    }
+
+    private CliError notFound(Target target) {
+        if (target.pid() != null) {
+            int pid = target.pid();
+            return CliError.refused("no live VM with pid " + pid
+                    + (InspectorNatives.isProcessAlive0(pid) == 0 ? " (no such process)"
+                    : hotspot.figures(pid).isPresent()
+                    ? " (a HotSpot VM that publishes only performance data, which takes no requests)"
+                    : " (the process publishes no control area and no performance data)"));
+        }
+        return CliError.refused("no live VM in " + target.ref());
     }
 
     private static CliError gone(Vm vm) {

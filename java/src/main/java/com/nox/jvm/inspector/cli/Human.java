@@ -41,13 +41,19 @@ final class Human {
         if (seconds < 60) {
             return seconds + "s";
         }
+        // Built by hand: String.format would load the locale data, which costs a short-lived
+        // command more than everything else it does.
         if (seconds < 3600) {
-            return String.format("%dm%02ds", seconds / 60, seconds % 60);
+            return seconds / 60 + "m" + twoDigits(seconds % 60) + "s";
         }
         if (seconds < 86400) {
-            return String.format("%dh%02dm", seconds / 3600, seconds % 3600 / 60);
+            return seconds / 3600 + "h" + twoDigits(seconds % 3600 / 60) + "m";
         }
-        return String.format("%dd%02dh", seconds / 86400, seconds % 86400 / 3600);
+        return seconds / 86400 + "d" + twoDigits(seconds % 86400 / 3600) + "h";
+    }
+
+    private static String twoDigits(long value) {
+        return value < 10 ? "0" + value : Long.toString(value);
     }
 
     /**

@@ -70,6 +70,13 @@ final class Json {
         return this;
     }
 
+    /** A number with a fraction; null when it is not finite, which JSON cannot write. */
+    Json value(double number) {
+        beforeValue();
+        out.append(Double.isFinite(number) ? Double.toString(number) : "null");
+        return this;
+    }
+
     Json value(boolean flag) {
         beforeValue();
         out.append(flag);

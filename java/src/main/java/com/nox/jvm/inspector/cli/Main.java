@@ -19,7 +19,7 @@ import java.util.List;
 public final class Main {
     static final String USAGE = """
             usage: noxinspect [--json] COMMAND
-              list                          the Java VMs on this host
+              list                          the Java VMs on this host (control areas and HotSpot performance data)
               info VM                       start, time, memory and debugging records of one VM
               debug start VM [--suspend N]  ask the VM to start debugging (suspend policy N, default 0)
               debug stop VM                 ask the VM to stop debugging
@@ -30,6 +30,7 @@ public final class Main {
               watch                         VMs appearing and vanishing, one line each, until interrupted
               attach PID [OPTIONS]          load nox-agent.jar into a running VM of the same user, so it
                                             publishes a control area (OPTIONS e.g. refresh=500,tag=web)
+              counters PID [NAME ...]       a HotSpot VM's performance counters (all, or those named)
               help                          this text
             VM is a pid, or type:id:slot with type process (1) or instance (2), e.g. instance:84:0.
             --json writes the result as JSON on stdout; messages always go to stderr.
@@ -126,6 +127,17 @@ public final class Main {
             }
             case "attach" -> {
                 return Attach.parse(rest, json, out);
+            }
+            case "counters" -> {
+                if (rest.isEmpty()) {
+                    throw CliError.usage("counters takes a pid and optional counter names");
+                }
+                int pid = Target.number(rest.get(0), "pid");
+                if (pid <= 0) {
+                    throw CliError.usage("a pid is a positive number, not " + rest.get(0));
+                }
+                List<String> names = List.copyOf(rest.subList(1, rest.size()));
+                return () -> commands.counters(pid, names);
             }
             default -> throw CliError.usage("unknown command '" + name + "'");
         }

@@ -1,0 +1,224 @@
+// One walk over a VM's counters, each recognised name stored in its figure. Heap sizes add up
+// the generations: used from their spaces, committed and maximum from the generations.
+#include "hotspotFigures.h"
+
+#include <cstring>
+
+using J2SE::PerfCounter;
+using J2SE::PerfDataBuffer;
+using J2SE::PerfDataCursor;
+
+namespace {
+
+const int64_t UNKNOWN = -1;
+const char GENERATION_PREFIX[] = "sun.gc.generation.";
+const char COLLECTOR_PREFIX[] = "sun.gc.collector.";
+
+struct Generations {
+    int64_t used[HotSpotFigures_CL::MAX_GENERATIONS];
+    int64_t capacity[HotSpotFigures_CL::MAX_GENERATIONS];
+    int64_t max_capacity[HotSpotFigures_CL::MAX_GENERATIONS];
+};
+
+bool starts_with(const PerfCounter& c, const char* prefix, size_t prefix_length) {
+    return c.name_length >= prefix_length && memcmp(c.name, prefix, prefix_length) == 0;
+}
+
+// Reads a small index ("0".."99") at `*p`, followed by a dot or the end; advances past it.
+bool read_index(const char** p, const char* end, int* index) {
+    const char* q = *p;
+    int value = 0;
+    int digits = 0;
+    while (q < end && *q >= '0' && *q <= '9' && digits < 2) {
+        value = value * 10 + (*q - '0');
+        q++;
+        digits++;
+    }
+    if (digits == 0 || (q < end && *q != '.')) return false;
+    *index = value;
+    *p = q < end ? q + 1 : q;
+    return true;
+}
+
+bool rest_is(const char* p, const char* end, const char* word) {
+    size_t length = strlen(word);
+    return static_cast<size_t>(end - p) == length && memcmp(p, word, length) == 0;
+}
+
+void add(int64_t* sum, int64_t value) {
+    if (value < 0) return;
+    *sum = *sum < 0 ? value : *sum + value;
+}
+
+// sun.gc.generation.<g>.capacity, .maxCapacity, and .space.<s>.used
+void take_generation(const PerfCounter& c, Generations* generations) {
+    if (!c.is_long()) return;
+    const char* p = c.name + sizeof GENERATION_PREFIX - 1;
+    const char* end = c.name + c.name_length;
+    int g = 0;
+    if (!read_index(&p, end, &g) || g >= HotSpotFigures_CL::MAX_GENERATIONS) return;
+    if (rest_is(p, end, "capacity")) {
+        generations->capacity[g] = c.long_value;
+    } else if (rest_is(p, end, "maxCapacity")) {
+        generations->max_capacity[g] = c.long_value;
+    } else if (static_cast<size_t>(end - p) > 6 && memcmp(p, "space.", 6) == 0) {
+        p += 6;
+        int s = 0;
+        if (read_index(&p, end, &s) && rest_is(p, end, "used")) add(&generations->used[g], c.long_value);
+    }
+}
+
+// sun.gc.collector.<n>.name, .invocations, .time, .lastEntryTime, .lastExitTime
+void take_collector(const PerfCounter& c, HotSpotFigures_CL* f) {
+    const char* p = c.name + sizeof COLLECTOR_PREFIX - 1;
+    const char* end = c.name + c.name_length;
+    int n = 0;
+    if (!read_index(&p, end, &n) || n >= HotSpotFigures_CL::MAX_COLLECTORS) return;
+    HotSpotCollector_CL& collector = f->collectors[n];
+    if (rest_is(p, end, "name") && c.is_bytes()) {
+        collector.name = PerfText_CL{c.bytes, c.bytes_length};
+    } else if (!c.is_long()) {
+        return;
+    } else if (rest_is(p, end, "invocations")) {
+        collector.invocations = c.long_value;
+    } else if (rest_is(p, end, "time")) {
+        collector.time_ticks = c.long_value;
+    } else if (rest_is(p, end, "lastEntryTime")) {
+        collector.last_entry_ticks = c.long_value;
+    } else if (rest_is(p, end, "lastExitTime")) {
+        collector.last_exit_ticks = c.long_value;
+    } else {
+        return;
+    }
+    if (n + 1 > f->collector_count) f->collector_count = n + 1;
+}
+
+struct TextName {
+    const char* name;
+    PerfText_CL HotSpotFigures_CL::*field;
+};
+
+struct LongName {
+    const char* name;
+    int64_t HotSpotFigures_CL::*field;
+};
+
+const TextName TEXTS[] = {
+    {"sun.rt.javaCommand", &HotSpotFigures_CL::java_command},
+    {"java.property.java.vm.name", &HotSpotFigures_CL::vm_name},
+    {"java.property.java.vm.version", &HotSpotFigures_CL::vm_version},
+    {"java.property.java.vm.vendor", &HotSpotFigures_CL::vm_vendor},
+    {"java.rt.vmArgs", &HotSpotFigures_CL::vm_arguments},
+    {"java.rt.vmFlags", &HotSpotFigures_CL::vm_flags},
+    {"sun.gc.policy.name", &HotSpotFigures_CL::gc_policy},
+};
+
+const LongName LONGS[] = {
+    {"sun.rt.createVmBeginTime", &HotSpotFigures_CL::begin_millis},
+    {"sun.rt.vmInitDoneTime", &HotSpotFigures_CL::init_done_millis},
+    {"sun.os.hrt.frequency", &HotSpotFigures_CL::tick_frequency},
+    {"sun.os.hrt.ticks", &HotSpotFigures_CL::uptime_ticks},
+    {"sun.gc.metaspace.used", &HotSpotFigures_CL::metaspace_used},
+    {"sun.gc.metaspace.capacity", &HotSpotFigures_CL::metaspace_committed},
+    {"sun.gc.metaspace.maxCapacity", &HotSpotFigures_CL::metaspace_max},
+    {"java.cls.loadedClasses", &HotSpotFigures_CL::classes_loaded},
+    {"java.cls.unloadedClasses", &HotSpotFigures_CL::classes_unloaded},
+    {"java.cls.sharedLoadedClasses", &HotSpotFigures_CL::shared_classes_loaded},
+    {"java.cls.sharedUnloadedClasses", &HotSpotFigures_CL::shared_classes_unloaded},
+    {"java.threads.live", &HotSpotFigures_CL::threads_live},
+    {"java.threads.livePeak", &HotSpotFigures_CL::threads_peak},
+    {"java.threads.daemon", &HotSpotFigures_CL::threads_daemon},
+    {"java.threads.started", &HotSpotFigures_CL::threads_started},
+};
+
+void take_named(const PerfCounter& c, HotSpotFigures_CL* f) {
+    if (c.is_bytes()) {
+        for (const TextName& t : TEXTS) {
+            if (c.name_is(t.name)) {
+                f->*(t.field) = PerfText_CL{c.bytes, c.bytes_length};
+                return;
+            }
+        }
+        return;
+    }
+    for (const LongName& l : LONGS) {
+        if (c.name_is(l.name)) {
+            f->*(l.field) = c.long_value;
+            return;
+        }
+    }
+}
+
+bool text_is(const PerfText_CL& text, const char* word) {
+    size_t length = strlen(word);
+    return text.length == length && memcmp(text.bytes, word, length) == 0;
+}
+
+void clear(HotSpotFigures_CL* f, Generations* g) {
+    const PerfText_CL none = {nullptr, 0};
+    for (const TextName& t : TEXTS) f->*(t.field) = none;
+    for (const LongName& l : LONGS) f->*(l.field) = UNKNOWN;
+    f->heap_used = f->heap_committed = f->heap_max = UNKNOWN;
+    f->collector_count = 0;
+    for (HotSpotCollector_CL& c : f->collectors) {
+        c.name = none;
+        c.invocations = c.time_ticks = c.last_entry_ticks = c.last_exit_ticks = UNKNOWN;
+    }
+    for (int i = 0; i < HotSpotFigures_CL::MAX_GENERATIONS; i++) {
+        g->used[i] = g->capacity[i] = g->max_capacity[i] = UNKNOWN;
+    }
+}
+
+}  // namespace
+
+void read_hotspot_figures(const PerfDataBuffer& block, HotSpotFigures_CL* f) {
+    Generations generations;
+    clear(f, &generations);
+    PerfDataCursor cursor;
+    PerfCounter c;
+    while (block.next(&cursor, &c)) {
+        if (starts_with(c, GENERATION_PREFIX, sizeof GENERATION_PREFIX - 1)) {
+            take_generation(c, &generations);
+        } else if (starts_with(c, COLLECTOR_PREFIX, sizeof COLLECTOR_PREFIX - 1)) {
+            take_collector(c, f);
+        } else {
+            take_named(c, f);
+        }
+    }
+    add(&f->classes_loaded, f->shared_classes_loaded);
+    add(&f->classes_unloaded, f->shared_classes_unloaded);
+    // G1 publishes the whole heap's maximum as the maximum of both its young and its old
+    // generation: the heap's maximum is the larger one, not their sum.
+    bool shared_maximum = text_is(f->gc_policy, "GarbageFirst");
+    for (int g = 0; g < HotSpotFigures_CL::MAX_GENERATIONS; g++) {
+        add(&f->heap_used, generations.used[g]);
+        add(&f->heap_committed, generations.capacity[g]);
+        if (shared_maximum) {
+            if (generations.max_capacity[g] > f->heap_max) f->heap_max = generations.max_capacity[g];
+        } else {
+            add(&f->heap_max, generations.max_capacity[g]);
+        }
+    }
+}
+
+void read_hotspot_summary(const PerfDataBuffer& block, HotSpotFigures_CL* f) {
+    Generations generations;
+    clear(f, &generations);
+    bool command = false;
+    bool version = false;
+    bool begin = false;
+    PerfDataCursor cursor;
+    PerfCounter c;
+    while (!(command && version && begin) && block.next(&cursor, &c)) {
+        if (c.is_bytes() && c.name_is("sun.rt.javaCommand")) {
+            f->java_command = PerfText_CL{c.bytes, c.bytes_length};
+            command = true;
+        } else if (c.is_bytes() && c.name_is("java.property.java.vm.version")) {
+            f->vm_version = PerfText_CL{c.bytes, c.bytes_length};
+            version = true;
+        } else if (c.is_long() && c.name_is("sun.rt.createVmBeginTime")) {
+            f->begin_millis = c.long_value;
+            begin = true;
+        }
+    }
+}
