@@ -22,13 +22,29 @@ class NoxinspectAgentTest {
     private static final long MIB = 1024 * 1024;
 
     /** The index i for which {@code vms.i.pid} is this pid in a flattened list, or -1. */
+    /**
+     * The index of the VM with this pid that publishes a control area; -1 when there is none. A
+     * stock VM is also listed, without a control area, from its performance data.
+     */
     private static int vmIndex(Map<String, String> flat, long pid) {
         for (int i = 0; flat.containsKey("vms." + i + ".pid"); i++) {
-            if (flat.get("vms." + i + ".pid").equals(Long.toString(pid))) {
+            if (flat.get("vms." + i + ".pid").equals(Long.toString(pid))
+                    && q("control-area").equals(flat.get("vms." + i + ".sources.0"))) {
                 return i;
             }
         }
         return -1;
+    }
+
+    /** How many entries of the list name this pid. */
+    private static int entriesOf(Map<String, String> flat, long pid) {
+        int count = 0;
+        for (int i = 0; flat.containsKey("vms." + i + ".pid"); i++) {
+            if (flat.get("vms." + i + ".pid").equals(Long.toString(pid))) {
+                count++;
+            }
+        }
+        return count;
     }
 
     private static String q(String text) {
@@ -115,6 +131,7 @@ class NoxinspectAgentTest {
         try (AgentVm vm = AgentVm.plain("plain")) {
             Launcher.Result before = Launcher.run("--json", "list");
             assertEquals(-1, vmIndex(Launcher.flatJson(before.out()), vm.pid()), before.toString());
+            assertEquals(1, entriesOf(Launcher.flatJson(before.out()), vm.pid()), "listed from its performance data");
 
             Launcher.Result attach = Launcher.run("attach", Long.toString(vm.pid()), "refresh=200");
             assertEquals(0, attach.exitCode(), attach.toString());
@@ -124,6 +141,9 @@ class NoxinspectAgentTest {
             int i = vmIndex(flat, vm.pid());
             assertTrue(i >= 0, "attached VM not listed");
             assertEquals(q(AgentTarget.class.getName()), flat.get("vms." + i + ".mainClass"));
+            // Both sources describe one VM: it is listed once, with both.
+            assertEquals(1, entriesOf(flat, vm.pid()), "the attached VM is listed once");
+            assertEquals(q("hotspot"), flat.get("vms." + i + ".sources.1"));
 
             Launcher.Result again = Launcher.run("--json", "attach", Long.toString(vm.pid()));
             assertEquals(0, again.exitCode(), again.toString());
