@@ -134,8 +134,11 @@ if [ -f "$agent" ] && "${java%java}javac" -d "$work/classes" "$root/tools/demo/O
   plain_pid=$!
   sims+=("$plain_pid")
   note "a JDK VM started with -javaagent:nox-agent.jar: pid $real_pid"
-  note "a JDK VM started without it: pid $plain_pid; the inspector loads the agent into it:"
   sleep 1
+  note "a JDK VM started without it: pid $plain_pid. The inspector already reads its performance"
+  note "data (CLUSTER hotspot), but that takes no requests:"
+  inspect list
+  note "so the inspector loads the agent into it:"
   inspect attach "$plain_pid"
 else
   note "(no nox-agent.jar in $build or no javac: the demo shows simulated VMs only)"
