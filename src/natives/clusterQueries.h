@@ -19,7 +19,8 @@ int query_unique_id(int type, int id, int index);  // -1 when the VM is not ther
 int query_max_vms(int id);                          // -1 when the cluster cannot be attached
 bool query_is_valid_vm(int type, int id, int index);
 
-// Requests: true once the flag is raised (the VM acts on it later); false when the VM is not there.
+// Requests: true once the flag is raised (the VM acts on it later); false when the VM is not there
+// or its owner cut the control-area file before the flag could be written.
 bool request_start_debugging(int type, int id, int index, int suspend);
 bool request_stop_debugging(int type, int id, int index);
 bool request_exit(int type, int id, int index, int exit_code);

@@ -42,13 +42,14 @@ public:
     // Bytes of the block in the file when it was opened (the file's size less the lead-in).
     size_t extent() const { return _extent; }
 
-    // Copies bytes [begin, end) of the block, growing the copy to `end` bytes. False, and the
-    // copy unchanged, when `end` lies beyond the extent, memory is short, or the file was cut.
+    // Copies bytes [begin, end) of the block, growing the copy to `end` bytes. False when `end`
+    // lies beyond the extent, memory is short, or the file was cut; the copy keeps its size
+    // then, though a range re-read inside it may hold bytes of the failed read.
     bool copy_range(size_t begin, size_t end);
 
     // Writes `length` bytes at block offset `offset` into the file, after checking that the file
     // still holds those bytes, and into the copy. False when the file no longer holds them or the
-    // write fails; nothing is written then. A file cut between the check and the write grows back
+    // write fails; the copy is not changed then. A file cut between the check and the write grows back
     // to the end of the written bytes: its owner was rewriting it, and no byte of its own is lost.
     bool write_through(size_t offset, const void* bytes, size_t length);
 

@@ -123,7 +123,7 @@ SharedFile ControlAreaFile::attach_control_area(int pid, const TraceOutput* trac
     }
     SharedFile file(pid, name);
     if (file.attach(true, tracer)) file.set_mapping_offset(CONTROL_AREA_OFFSET);
-    return file;  // the copy takes the mapping over
+    return file;  // moved out: the caller owns the mapping
 }
 
 ControlAreaCopy ControlAreaFile::copy_control_area(int pid, size_t first_bytes) {

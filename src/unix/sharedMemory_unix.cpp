@@ -74,10 +74,11 @@ bool SharedMemory::attach(bool, void* address, const TraceOutput* trace) {
     }
     struct shmid_ds info;
     if (shmctl(id, IPC_STAT, &info) != 0) {
-        // The segment stays attached for now; it is kept apart, since without its size it can
-        // be neither read nor detached through detach(), and released when this object
-        // detaches or ends. An earlier one of the same kind is released first, so that an
-        // object never holds more than one.
+        // The call fails, but the segment stays attached: that is the attach's contract, and a
+        // caller may not rely on anything else. It is not handed out (without its size nothing
+        // can read it) and is kept apart, so that detach() and the destructor release it; an
+        // earlier one of the same kind is released first, so that an object never holds more
+        // than one.
         release_unsized();
         _unsized_address = attached;
         if (trace != nullptr) {
