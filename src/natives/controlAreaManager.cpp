@@ -40,16 +40,7 @@ bool FileCopyWriter_CL::write(size_t offset, const void* bytes, size_t length) {
 }
 
 ControlAreaManager_CL::ControlAreaManager_CL(const ClusterInfo_CL& info)
-    : _cluster_type(info._type),
-      _attached_area(nullptr),
-      _attached(false),
-      _file_copy(),
-      _file_writer(_file_copy),
-      _shared_memory(),
-      _instance_control_area(),
-      _control_areas(8),
-      _mapped_len(0),
-      _extent(0) {
+    : _cluster_type(info._type) {
     // The block is attached (or copied) once, and its header is checked on that attachment; the
     // header is read once into locals, and init() reads the sizes again from the same memory.
     if (_cluster_type == CLUSTER_TYPE_INSTANCE) {
@@ -70,16 +61,7 @@ ControlAreaManager_CL::ControlAreaManager_CL(const ClusterInfo_CL& info)
 }
 
 ControlAreaManager_CL::ControlAreaManager_CL(J2SE::ControlAreaCopy&& copy)
-    : _cluster_type(CLUSTER_TYPE_PROCESS),
-      _attached_area(nullptr),
-      _attached(false),
-      _file_copy(),
-      _file_writer(_file_copy),
-      _shared_memory(),
-      _instance_control_area(),
-      _control_areas(8),
-      _mapped_len(0),
-      _extent(0) {
+    : _cluster_type(CLUSTER_TYPE_PROCESS) {
     if (!copy.is_open() || !take_process_copy(copy)) return;
     _attached = true;
     if (!adopt_block(_file_copy.block(), _file_copy.size(), _file_copy.extent())) detach();
@@ -132,16 +114,7 @@ bool ControlAreaManager_CL::adopt_block(void* block, size_t readable, size_t ext
 }
 
 ControlAreaManager_CL::ControlAreaManager_CL(void* control_area, int len, ClusterType_CL type)
-    : _cluster_type(type),
-      _attached_area(control_area),
-      _attached(false),
-      _file_copy(),
-      _file_writer(_file_copy),
-      _shared_memory(),
-      _instance_control_area(),
-      _control_areas(8),
-      _mapped_len(0),
-      _extent(0) {
+    : _cluster_type(type), _attached_area(control_area) {
     if (control_area == nullptr) return;
     // The caller vouches for `len` slots of the fixed sizes.
     if (!promised_bytes(DEFAULT_INSTANCE_CONTROL_AREA_SIZE, DEFAULT_CONTROL_AREA_SIZE, len > 0 ? len : 0, &_mapped_len)) {
@@ -152,16 +125,7 @@ ControlAreaManager_CL::ControlAreaManager_CL(void* control_area, int len, Cluste
 }
 
 ControlAreaManager_CL::ControlAreaManager_CL(const MappedBlock_CL& block, ClusterType_CL type)
-    : _cluster_type(type),
-      _attached_area(nullptr),
-      _attached(false),
-      _file_copy(),
-      _file_writer(_file_copy),
-      _shared_memory(),
-      _instance_control_area(),
-      _control_areas(8),
-      _mapped_len(0),
-      _extent(0) {
+    : _cluster_type(type) {
     adopt_block(block.address, block.length, block.length);
 }
 

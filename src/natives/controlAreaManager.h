@@ -95,17 +95,17 @@ private:
     bool adopt_block(void* block, size_t readable, size_t extent);
 
     const ClusterType_CL _cluster_type;
-    void* _attached_area;
-    bool _attached;
+    void* _attached_area = nullptr;
+    bool _attached = false;
     J2SE::ControlAreaCopy _file_copy;
-    FileCopyWriter_CL _file_writer;
+    FileCopyWriter_CL _file_writer{_file_copy};
     J2SE::SharedMemory _shared_memory;
     J2SE::Owned<InstanceControlArea_CL> _instance_control_area;
-    J2SE::cvector<J2SE::Owned<ControlArea_CL>> _control_areas;
+    J2SE::cvector<J2SE::Owned<ControlArea_CL>> _control_areas{8};
     // Bytes from _attached_area that the views may read, and bytes the block has (the copy of a
     // file may hold less than the file).
-    size_t _mapped_len;
-    size_t _extent;
+    size_t _mapped_len = 0;
+    size_t _extent = 0;
 };
 
 class Controls {
