@@ -8,6 +8,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
 #include <string>
@@ -49,6 +52,16 @@ struct Connection {
 bool exists(const std::string& path) {
     struct stat info;
     return lstat(path.c_str(), &info) == 0;
+}
+
+// True once `flag` is set, false when `seconds` pass first.
+bool returns_within(const std::atomic<bool>& flag, int seconds) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (!flag) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
 }
 
 }  // namespace
@@ -340,12 +353,14 @@ TEST(FileSocket, ReleasedReaderNeverTouchesAReusedNumber) {
         ASSERT_NE(c.accepted, nullptr);
         int old_fd = c.client.socket_fd();
         std::atomic<bool> started{false};
+        std::atomic<bool> returned{false};
         int result = 0;
         std::thread reader([&] {
             ExceptionHandler handler;
             char byte;
             started = true;
             result = c.client.readf(&byte, 1, round % 2 == 0 ? 0 : 10000, handler);
+            returned = true;
         });
         while (!started) std::this_thread::yield();
         if (round % 3 == 0) usleep(200);
@@ -356,6 +371,12 @@ TEST(FileSocket, ReleasedReaderNeverTouchesAReusedNumber) {
         ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
         bool reused = fds[0] == old_fd || fds[1] == old_fd;
         ASSERT_EQ(write(fds[1], "z", 1), 1);
+        // The close must release the blocked read; should it not, the test ends here with a
+        // message instead of hanging (the reader still uses this round's objects).
+        if (!returns_within(returned, 10)) {
+            fprintf(stderr, "round %d: the read blocked on a closed socket did not return within 10 s\n", round);
+            abort();
+        }
         reader.join();
         EXPECT_EQ(result, -1);
         char left = 0;
