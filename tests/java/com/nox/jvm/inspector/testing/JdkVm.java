@@ -71,6 +71,16 @@ public final class JdkVm implements AutoCloseable {
         return new long[] {Long.parseLong(parts[0]), Long.parseLong(parts[1]), Long.parseLong(parts[2])};
     }
 
+    /** Runs a full collection in the VM (its collector then publishes its heap figures afresh). */
+    public void gc() throws IOException {
+        in.write("gc\n");
+        in.flush();
+        String line = out.readLine();
+        if (!"GC".equals(line)) {
+            throw new IOException("the JDK VM did not collect: " + line);
+        }
+    }
+
     /** The VM's file, published once the VM has initialised. */
     public Path perfDataFile(String user) {
         return Path.of("/tmp", "hsperfdata_" + user, Integer.toString(pid));

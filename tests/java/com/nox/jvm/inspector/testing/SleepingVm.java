@@ -24,6 +24,10 @@ public final class SleepingVm {
                 MemoryUsage heap = ManagementFactory.getMemoryMXBean().getHeapMemoryUsage();
                 System.out.println("HEAP " + heap.getUsed() + " " + heap.getCommitted() + " " + heap.getMax());
                 System.out.flush();
+            } else if (line.equals("gc")) {
+                System.gc();
+                System.out.println("GC");
+                System.out.flush();
             }
         }
     }

@@ -3,6 +3,8 @@ package com.nox.jvm.inspector.cli;
 import com.nox.jvm.inspector.cluster.ClusterType;
 import com.nox.jvm.inspector.cluster.VmInspector;
 import com.nox.jvm.inspector.cluster.VmInspector.Vm;
+import com.nox.jvm.inspector.hotspot.HotSpotInspector;
+import com.nox.jvm.inspector.hotspot.HotSpotVm;
 import com.nox.jvm.inspector.natives.InspectorNatives;
 
 import java.io.IOException;
@@ -32,6 +34,15 @@ import java.util.concurrent.TimeUnit;
  * /proc/sysvipc/shm every {@value #TICK_MILLIS} ms: a cluster whose segment appears, vanishes or
  * changes its attach count is read again, and for a short while after, since a VM marks its
  * slot in use only after it has attached.
+ *
+ * <p>HotSpot VMs are followed through file events on every /tmp/hsperfdata_USER folder this user
+ * may read (and such folders as they are made): a performance-data file that appears is read
+ * until its VM is live, as {@code list} reads it; one that is deleted, or whose process has
+ * gone (a VM killed outright leaves its file), ends its VM. They are told with the cluster
+ * "hotspot". A VM that publishes both a control area and performance data is told once: under
+ * its control area when that is known first or within {@value #HOTSPOT_GRACE_MILLIS} ms of its
+ * performance data turning live (an agent makes its control area while the VM starts), else as
+ * "hotspot" for the rest of its life, its control area then making no line of its own.
  */
 final class Watch {
     static final long TICK_MILLIS = 10;
@@ -44,6 +55,9 @@ final class Watch {
     private static final String FILE_PREFIX = "nox_jvm_";
     private static final int INSTANCE_KEY_BASE = 4500000;
     private static final int INSTANCE_IDS = 99;
+    /** How long a live HotSpot VM waits for a control area of its pid before it is told as "hotspot". */
+    static final long HOTSPOT_GRACE_MILLIS = 500;
+    private static final String PERF_FOLDER_PREFIX = "hsperfdata_";
 
     /** One VM as watch tells it apart: a slot reused by another process is another VM. */
     private record Key(ClusterType type, int clusterId, int slot, int pid) {
@@ -59,6 +73,18 @@ final class Watch {
     private final Map<Integer, String> segments = new HashMap<>();
     private final Map<Integer, Long> settling = new HashMap<>();
 
+    private final HotSpotInspector hotspot = new HotSpotInspector();
+    /** HotSpot VMs told as "hotspot", by pid. */
+    private final Map<Integer, HotSpotVm> hotspotKnown = new LinkedHashMap<>();
+    /** Pids of performance-data files seen made, with the time to give up on them. */
+    private final Map<Integer, Long> pendingPerfFiles = new HashMap<>();
+    /** Pids of live HotSpot VMs waiting out their grace, with its end. */
+    private final Map<Integer, Long> hotspotGrace = new HashMap<>();
+    /** Control-area VMs whose process is told as "hotspot": they make no lines. */
+    private final java.util.Set<Key> silent = new java.util.HashSet<>();
+    private WatchService files;
+    private Path tmp;
+
     Watch(PrintStream out, boolean json) {
         this.out = out;
         this.json = json;
@@ -66,14 +92,25 @@ final class Watch {
 
     void run() {
         try (WatchService files = FileSystems.getDefault().newWatchService()) {
-            Path tmp = Path.of("/tmp");
+            this.files = files;
+            tmp = Path.of("/tmp");
             tmp.register(files, StandardWatchEventKinds.ENTRY_CREATE, StandardWatchEventKinds.ENTRY_DELETE,
                     StandardWatchEventKinds.ENTRY_MODIFY);
             // Watching starts before the first pass, so that nothing falls between the two.
+            try (var names = Files.list(tmp)) {
+                names.filter(path -> path.getFileName().toString().startsWith(PERF_FOLDER_PREFIX))
+                        .forEach(this::watchPerfFolder);
+            }
             readSegments();
             for (Vm vm : inspector.host().vms().stream().map(f -> f.vm()).toList()) {
                 known.put(key(vm), vm);
                 print("present", vm);
+            }
+            for (HotSpotVm vm : hotspot.vms()) {
+                if (!knowsPid(vm.pid())) {
+                    hotspotKnown.put(vm.pid(), vm);
+                    printHotSpot("present", vm);
+                }
             }
             // A VM that was still writing its file during the first pass is read again for a while.
             try (var names = Files.list(tmp)) {
@@ -90,8 +127,10 @@ final class Watch {
                 }
                 checkPendingFiles();
                 checkSegments();
+                checkPendingPerfFiles();
                 if (System.nanoTime() - nextLiveness >= 0) {
                     checkProcessLiveness();
+                    checkHotSpotLiveness();
                     nextLiveness = System.nanoTime() + TimeUnit.MILLISECONDS.toNanos(LIVENESS_MILLIS);
                 }
             }
@@ -105,13 +144,22 @@ final class Watch {
     // ---------------------------------------------------------------- process clusters
 
     private void fileEvents(WatchKey events) {
+        if (!tmp.equals(events.watchable())) {
+            perfFileEvents(events);
+            return;
+        }
         long now = System.nanoTime();
         for (WatchEvent<?> event : events.pollEvents()) {
             if (event.kind() == StandardWatchEventKinds.OVERFLOW) {
                 resync();
                 continue;
             }
-            int pid = controlAreaPid(event.context().toString());
+            String name = event.context().toString();
+            if (name.startsWith(PERF_FOLDER_PREFIX) && event.kind() == StandardWatchEventKinds.ENTRY_CREATE) {
+                watchPerfFolder(tmp.resolve(name));
+                continue;
+            }
+            int pid = controlAreaPid(name);
             if (pid <= 0) {
                 continue;
             }
@@ -171,6 +219,138 @@ final class Watch {
 
     private static boolean digits(String text) {
         return !text.isEmpty() && text.length() <= 10 && text.chars().allMatch(c -> c >= '0' && c <= '9');
+    }
+
+    // ---------------------------------------------------------------- HotSpot VMs
+
+    /**
+     * Watches one performance-data folder, if this user may read it, and reads the files already
+     * in it until their VMs are live (a folder made just now may hold files made before it was
+     * watched).
+     */
+    private void watchPerfFolder(Path folder) {
+        if (!Files.isDirectory(folder) || !Files.isReadable(folder) || !Files.isExecutable(folder)) {
+            return;
+        }
+        try {
+            folder.register(files, StandardWatchEventKinds.ENTRY_CREATE, StandardWatchEventKinds.ENTRY_DELETE);
+            long until = System.nanoTime() + TimeUnit.MILLISECONDS.toNanos(FILE_PATIENCE_MILLIS);
+            try (var names = Files.list(folder)) {
+                names.map(path -> perfDataPid(path.getFileName().toString()))
+                        .filter(pid -> pid > 0 && !hotspotKnown.containsKey(pid) && !knowsPid(pid))
+                        .forEach(pid -> pendingPerfFiles.put(pid, until));
+            }
+        } catch (IOException | SecurityException e) {
+            // A folder that went away or that this user may not read holds no VM this user sees.
+        }
+    }
+
+    private void perfFileEvents(WatchKey events) {
+        long now = System.nanoTime();
+        for (WatchEvent<?> event : events.pollEvents()) {
+            if (event.kind() == StandardWatchEventKinds.OVERFLOW) {
+                resyncHotSpot();
+                continue;
+            }
+            int pid = perfDataPid(event.context().toString());
+            if (pid <= 0) {
+                continue;
+            }
+            if (event.kind() == StandardWatchEventKinds.ENTRY_DELETE) {
+                pendingPerfFiles.remove(pid);
+                hotspotGrace.remove(pid);
+                HotSpotVm gone = hotspotKnown.remove(pid);
+                if (gone != null) {
+                    printHotSpot("vanished", gone);
+                }
+            } else if (!hotspotKnown.containsKey(pid)) {
+                pendingPerfFiles.put(pid, now + TimeUnit.MILLISECONDS.toNanos(FILE_PATIENCE_MILLIS));
+            }
+        }
+        // A folder that was deleted is no longer watched; one made again is watched anew.
+        events.reset();
+    }
+
+    /**
+     * Reads the new performance-data files: a file is there before its VM has published its
+     * figures, so it is read until the VM is live, as {@code list} would show it, or until the
+     * patience ends. A live VM then waits out its grace for a control area of its pid.
+     */
+    private void checkPendingPerfFiles() {
+        if (pendingPerfFiles.isEmpty() && hotspotGrace.isEmpty()) {
+            return;
+        }
+        long now = System.nanoTime();
+        for (Iterator<Map.Entry<Integer, Long>> it = pendingPerfFiles.entrySet().iterator(); it.hasNext(); ) {
+            Map.Entry<Integer, Long> pending = it.next();
+            int pid = pending.getKey();
+            if (knowsPid(pid) || hotspotKnown.containsKey(pid)) {
+                it.remove();
+            } else if (hotspot.figures(pid).isPresent()) {
+                hotspotGrace.put(pid, now + TimeUnit.MILLISECONDS.toNanos(HOTSPOT_GRACE_MILLIS));
+                it.remove();
+            } else if (now - pending.getValue() >= 0) {
+                it.remove();
+            }
+        }
+        for (Iterator<Map.Entry<Integer, Long>> it = hotspotGrace.entrySet().iterator(); it.hasNext(); ) {
+            Map.Entry<Integer, Long> waiting = it.next();
+            int pid = waiting.getKey();
+            if (knowsPid(pid)) {
+                it.remove();
+            } else if (now - waiting.getValue() >= 0) {
+                it.remove();
+                hotspot.vms().stream().filter(vm -> vm.pid() == pid).findFirst().ifPresent(vm -> {
+                    hotspotKnown.put(pid, vm);
+                    printHotSpot("appeared", vm);
+                });
+            }
+        }
+    }
+
+    /** A HotSpot VM killed outright leaves its file behind: its process is probed now and then. */
+    private void checkHotSpotLiveness() {
+        for (Iterator<Map.Entry<Integer, HotSpotVm>> it = hotspotKnown.entrySet().iterator(); it.hasNext(); ) {
+            Map.Entry<Integer, HotSpotVm> entry = it.next();
+            if (InspectorNatives.isProcessAlive0(entry.getKey()) == 0) {
+                it.remove();
+                printHotSpot("vanished", entry.getValue());
+            }
+        }
+    }
+
+    /** After lost events: the HotSpot VMs are read again and every difference told. */
+    private void resyncHotSpot() {
+        Map<Integer, HotSpotVm> now = new LinkedHashMap<>();
+        for (HotSpotVm vm : hotspot.vms()) {
+            now.put(vm.pid(), vm);
+        }
+        for (Iterator<Map.Entry<Integer, HotSpotVm>> it = hotspotKnown.entrySet().iterator(); it.hasNext(); ) {
+            Map.Entry<Integer, HotSpotVm> entry = it.next();
+            if (!now.containsKey(entry.getKey())) {
+                it.remove();
+                printHotSpot("vanished", entry.getValue());
+            }
+        }
+        for (HotSpotVm vm : now.values()) {
+            if (!hotspotKnown.containsKey(vm.pid()) && !knowsPid(vm.pid())) {
+                hotspotKnown.put(vm.pid(), vm);
+                printHotSpot("appeared", vm);
+            }
+        }
+    }
+
+    /** The pid of a performance-data file name (the pid alone), or -1 for any other name. */
+    static int perfDataPid(String name) {
+        if (!digits(name)) {
+            return -1;
+        }
+        try {
+            int pid = Integer.parseInt(name);
+            return pid > 0 ? pid : -1;
+        } catch (NumberFormatException e) {
+            return -1;
+        }
     }
 
     // ---------------------------------------------------------------- instance clusters
@@ -272,11 +452,21 @@ final class Watch {
         return known.keySet().stream().anyMatch(k -> k.type() == type && k.clusterId() == clusterId);
     }
 
+    /** Whether a control-area VM of this process is known (told or silent). */
+    private boolean knowsPid(int pid) {
+        return known.keySet().stream().anyMatch(k -> k.pid() == pid);
+    }
+
     private static Key key(Vm vm) {
         return new Key(vm.ref().type(), vm.ref().clusterId(), vm.ref().slot(), vm.pid());
     }
 
     private void print(String event, Vm vm) {
+        // A process told as "hotspot" keeps that name: its control area makes no lines.
+        Key key = key(vm);
+        if (event.equals("vanished") ? silent.remove(key) : hotspotKnown.containsKey(vm.pid()) && silent.add(key)) {
+            return;
+        }
         String time = Instant.now().toString();
         String cluster = Commands.clusterName(vm.ref());
         if (json) {
@@ -287,6 +477,18 @@ final class Watch {
         } else {
             out.println(time + "  " + String.format("%-8s", event) + "  " + cluster + ":" + vm.ref().slot() + "  pid "
                     + vm.pid() + "  VM id " + vm.vmId());
+        }
+        out.flush();
+    }
+
+    private void printHotSpot(String event, HotSpotVm vm) {
+        String time = Instant.now().toString();
+        if (json) {
+            out.println("{\"time\":\"" + time + "\",\"event\":\"" + event + "\",\"cluster\":\"" + HotSpotView.CLUSTER
+                    + "\",\"clusterType\":\"" + HotSpotView.CLUSTER + "\",\"clusterId\":null,\"slot\":null,\"pid\":"
+                    + vm.pid() + ",\"vmId\":null}");
+        } else {
+            out.println(time + "  " + String.format("%-8s", event) + "  " + HotSpotView.CLUSTER + "  pid " + vm.pid());
         }
         out.flush();
     }
