@@ -15,6 +15,8 @@ import com.nox.jvm.inspector.cluster.VmMemoryInfo;
 import com.nox.jvm.inspector.cluster.VmRef;
 import com.nox.jvm.inspector.cluster.VmStartInfo;
 import com.nox.jvm.inspector.cluster.VmTimeInfo;
+import com.nox.jvm.inspector.hotspot.GcCollector;
+import com.nox.jvm.inspector.hotspot.HotSpotFigures;
 
 import java.util.List;
 import java.util.Optional;
@@ -70,6 +72,54 @@ class MetricsTest {
                 "process_start_time_seconds", "nox_vm_debugging_state", "nox_vm_gc_collections_total")) {
             assertNull(sampleOf(text, family, sparse), family + " of a VM that does not publish it");
         }
+    }
+
+    private static HotSpotFigures hotspot(int pid, String mainClass) {
+        return new HotSpotFigures(pid, 1000, "u", mainClass + " arg", "VM", "17.0.1", "vendor", "", "", "G1", 1_700_000_123_456L,
+                0, 1_000_000_000L, 5_000_000_000L, 4096, 8192, 65536, 1, 2, 3, 500, 2, 7, 9, 5, 11,
+                List.of(new GcCollector("young", 4, 250_000_000L, 0.25, 0, 0),
+                        new GcCollector("full", 1, 1_000_000_000L, 1.0, 0, 0)));
+    }
+
+    /**
+     * A HotSpot VM that also has a control area is one VM: one series per family, its control-area
+     * figures as before and its performance-data figures under the same labels; one without has
+     * labels of the same names, cluster id and slot empty. The host counts each VM once.
+     */
+    @Test
+    void hotSpotVmsMergedByPid() {
+        String text = Metrics.render(pass(), List.of(hotspot(4242, "merged.Main"), hotspot(555, "alone.Main")),
+                Metrics.Format.PROMETHEUS);
+        String good = "{cluster_type=\"instance\",cluster_id=\"7\",slot=\"1\",pid=\"4242\"";
+        assertEquals(3, count(text, "nox_vm_up{"), "three VMs, one nox_vm_up each: " + text);
+        assertEquals(1, count(text, "nox_vm_up" + good), text);
+        assertEquals(1, count(text, "nox_vm_info" + good), text);
+        assertTrue(text.contains("nox_vm_info" + good + ",vm_id=\"9\",vm_version=\"v\\n1\",main_class=\"a\\\"b\\\\c\"} 1\n"),
+                "the control area names a merged VM: " + text);
+        assertTrue(text.contains("jvm_memory_committed_bytes" + good + ",area=\"heap\"} 1024\n"), "control area's");
+        assertEquals(1, count(text, "jvm_memory_committed_bytes" + good));
+        assertEquals(1, count(text, "process_start_time_seconds" + good));
+        assertTrue(text.contains("jvm_memory_used_bytes" + good + ",area=\"heap\"} 4096\n"), text);
+        assertTrue(text.contains("jvm_memory_max_bytes" + good + ",area=\"heap\"} 65536\n"), text);
+        assertTrue(text.contains("nox_vm_gc_collector_seconds_total" + good + ",gc=\"young\"} 0.25\n"), text);
+        assertTrue(text.contains("nox_vm_gc_collector_collections_total" + good + ",gc=\"full\"} 1\n"), text);
+        assertTrue(text.contains("jvm_classes_loaded_total" + good + "} 500\n"), text);
+        assertTrue(text.contains("jvm_threads_current" + good + "} 7\n"), text);
+
+        String alone = "{cluster_type=\"hotspot\",cluster_id=\"\",slot=\"\",pid=\"555\"";
+        assertTrue(text.contains("nox_vm_up" + alone + "} 1\n"), text);
+        assertTrue(text.contains("nox_vm_info" + alone + ",vm_id=\"\",vm_version=\"17.0.1\",main_class=\"alone.Main\"} 1\n"),
+                text);
+        assertTrue(text.contains("jvm_memory_committed_bytes" + alone + ",area=\"heap\"} 8192\n"), text);
+        assertTrue(text.contains("process_start_time_seconds" + alone + "} 1700000123\n"), text);
+        assertTrue(text.contains("jvm_threads_started_total" + alone + "} 11\n"), text);
+        assertTrue(text.contains("nox_host_vms 3\n"), text);
+        assertTrue(text.contains("nox_host_hotspot_only_vms 1\n"), text);
+        assertNull(sampleOf(text, "nox_vm_gc_collections_total", "pid=\"555\""), "no control-area figures");
+    }
+
+    private static int count(String text, String part) {
+        return text.split(java.util.regex.Pattern.quote(part), -1).length - 1;
     }
 
     @Test

@@ -7,6 +7,7 @@ import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 import static org.junit.jupiter.api.Assumptions.assumeTrue;
 
+import com.nox.jvm.inspector.testing.JdkVm;
 import com.nox.jvm.inspector.testing.Vmsim;
 
 import java.io.IOException;
@@ -41,6 +42,7 @@ class ServeTest {
 
     private static Vmsim process;
     private static Vmsim instance;
+    private static JdkVm jdk;
     private static LongRunning serve;
     private static String url;
 
@@ -49,6 +51,8 @@ class ServeTest {
         process = new Vmsim("--type", "process", "--set", "committed_java_heap_size=123456789",
                 "--set", "jar_main_class=fleet.\"Quoted\"\\Main", "--set", "number_of_gcs=17");
         instance = new Vmsim("--type", "instance", "--id", "54", "--slots", "3", "--dead", "1");
+        jdk = new JdkVm();
+        assertTrue(jdk.awaitPerfDataFile(System.getProperty("user.name")), "the JDK VM published no performance data");
         serve = new LongRunning("serve", "--port", "0");
         String line = serve.next(20, "the address serve listens on").text();
         int at = line.indexOf("http://");
@@ -67,6 +71,9 @@ class ServeTest {
         }
         if (process != null) {
             process.close();
+        }
+        if (jdk != null) {
+            jdk.close();
         }
     }
 
@@ -128,6 +135,50 @@ class ServeTest {
         assertTrue(Integer.parseInt(value(body, "nox_host_vms")) >= 3, body);
         assertTrue(Integer.parseInt(value(body, "nox_host_clusters", "cluster_type=\"instance\"")) >= 1);
         assertTrue(Double.parseDouble(value(body, "nox_host_pass_duration_seconds")) > 0);
+    }
+
+    /**
+     * A sleeping JDK VM known only by its performance data: its series carry cluster_type
+     * "hotspot" with empty cluster id and slot, and its heap in use is what the VM's own
+     * MemoryMXBean says. The VM collects first, as its collector (G1) publishes the heap in use
+     * as of its last collection; the reading may differ by the little the VM allocates between.
+     */
+    @Test
+    void aHotSpotVmWithItsHeapAsTheVmReadsIt() throws Exception {
+        jdk.gc();
+        String labels = "{cluster_type=\"hotspot\",cluster_id=\"\",slot=\"\",pid=\"" + jdk.pid() + "\"";
+        String body = null;
+        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(5);
+        // A VM started just now is there once it has published its figures.
+        while (System.nanoTime() < deadline) {
+            body = get(url, null).body();
+            if (value(body, "nox_vm_up", labels) != null) {
+                break;
+            }
+            Thread.sleep(50);
+        }
+        assertEquals("1", value(body, "nox_vm_up", labels), "no series of the JDK VM within 5 s: " + body);
+        long[] own = jdk.heap();
+        assertEquals("1", value(body, "nox_vm_info", labels, "main_class=\"" + JdkVm.MAIN_CLASS + "\"",
+                "vm_version=\"" + System.getProperty("java.vm.version") + "\""), body);
+        long used = Long.parseLong(value(body, "jvm_memory_used_bytes", labels, "area=\"heap\""));
+        long committed = Long.parseLong(value(body, "jvm_memory_committed_bytes", labels, "area=\"heap\""));
+        long max = Long.parseLong(value(body, "jvm_memory_max_bytes", labels, "area=\"heap\""));
+        long slack = Math.max(2L << 20, own[0] / 4);
+        assertTrue(used > 0 && Math.abs(used - own[0]) <= slack,
+                "heap used " + used + " against the VM's own " + own[0] + " (slack " + slack + ")");
+        // The performance data adds up the generations' capacities, which may differ by a few bytes.
+        assertTrue(Math.abs(committed - own[1]) <= own[1] / 100,
+                "heap committed " + committed + " against the VM's own " + own[1]);
+        assertTrue(max >= committed && max > 0, "heap max " + max + " below committed " + committed);
+        assertTrue(Long.parseLong(value(body, "jvm_classes_loaded_total", labels)) > 100, body);
+        assertTrue(Long.parseLong(value(body, "jvm_threads_current", labels)) >= 1, body);
+        assertTrue(Long.parseLong(value(body, "nox_vm_gc_collector_collections_total", labels,
+                "gc=\"G1 full collection pauses\"")) >= 1, "the VM's System.gc() ran a full collection: " + body);
+        assertNotNull(value(body, "nox_vm_gc_collector_seconds_total", labels, "gc=\"G1 full collection pauses\""));
+        assertNotNull(value(body, "process_start_time_seconds", labels));
+        assertTrue(Integer.parseInt(value(body, "nox_host_hotspot_only_vms")) >= 1, body);
+        assertNull(value(body, "nox_vm_gc_collections_total", labels), "a control-area figure the VM has not");
     }
 
     @Test

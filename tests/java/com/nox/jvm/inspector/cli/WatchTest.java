@@ -4,6 +4,7 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
+import com.nox.jvm.inspector.testing.JdkVm;
 import com.nox.jvm.inspector.testing.Vmsim;
 
 import java.nio.file.Files;
@@ -84,6 +85,52 @@ class WatchTest {
             await(watch, "vanished", after.pid());
             before.close();
             await(watch, "vanished", before.pid());
+        }
+    }
+
+    /**
+     * JDK VMs known by their performance data: one running before watch is present, one started
+     * later appears once live and vanishes when it ends, one killed outright (its file stays)
+     * vanishes too; all with the cluster "hotspot" and no cluster id, slot or VM id.
+     */
+    @Test
+    void hotSpotVmsAppearAndVanish() throws Exception {
+        String user = System.getProperty("user.name");
+        JdkVm killed = null;
+        try (JdkVm before = new JdkVm();
+             LongRunning watch = new LongRunning("--json", "watch")) {
+            assertTrue(before.awaitPerfDataFile(user), "the first JDK VM published no performance data");
+            Map<String, String> present = Launcher.flatJson(await(watch, "present", "appeared", before.pid()).text());
+            assertEquals("\"hotspot\"", present.get("cluster"), present.toString());
+            assertEquals("\"hotspot\"", present.get("clusterType"), present.toString());
+            assertEquals("null", present.get("slot"), present.toString());
+            assertEquals("null", present.get("vmId"), present.toString());
+
+            JdkVm after = new JdkVm();
+            try {
+                Map<String, String> appeared = Launcher.flatJson(await(watch, "appeared", after.pid()).text());
+                assertEquals("\"hotspot\"", appeared.get("cluster"), appeared.toString());
+            } finally {
+                after.close();
+            }
+            await(watch, "vanished", after.pid());
+
+            killed = new JdkVm();
+            await(watch, "appeared", killed.pid());
+            ProcessHandle.of(killed.pid()).ifPresent(ProcessHandle::destroyForcibly);
+            await(watch, "vanished", killed.pid());
+            for (LongRunning.Line line : watch.seen()) {
+                assertFalse(line.text().contains("\"pid\":" + after.pid() + ",") && line.text().contains("\"cluster\":\"process"),
+                        "a JDK VM without a control area is told only as hotspot: " + line.text());
+            }
+            long told = watch.seen().stream().filter(l -> l.text().contains("\"pid\":" + before.pid() + ",")).count();
+            assertEquals(1, told, "the running JDK VM is told once: " + watch.seen());
+        } finally {
+            if (killed != null) {
+                killed.close();
+                // A VM killed outright leaves its performance-data file behind.
+                Files.deleteIfExists(killed.perfDataFile(user));
+            }
         }
     }
 
