@@ -20,10 +20,12 @@ import java.nio.file.WatchService;
 import java.time.Instant;
 import java.util.ArrayList;
 import java.util.HashMap;
+import java.util.HashSet;
 import java.util.Iterator;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
+import java.util.Set;
 import java.util.concurrent.TimeUnit;
 
 /**
@@ -81,7 +83,7 @@ final class Watch {
     /** Pids of live HotSpot VMs waiting out their grace, with its end. */
     private final Map<Integer, Long> hotspotGrace = new HashMap<>();
     /** Control-area VMs whose process is told as "hotspot": they make no lines. */
-    private final java.util.Set<Key> silent = new java.util.HashSet<>();
+    private final Set<Key> silent = new HashSet<>();
     private WatchService files;
     private Path tmp;
 
