@@ -34,15 +34,6 @@ off_t file_size(const std::string& path) {
     return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
 }
 
-int32_t file_int32(const std::string& path, off_t offset) {
-    int32_t value = -1;
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return -1;
-    if (pread(fd, &value, sizeof value, offset) != static_cast<ssize_t>(sizeof value)) value = -1;
-    close(fd);
-    return value;
-}
-
 template <typename T>
 void put(std::vector<unsigned char>& bytes, size_t offset, T value) {
     memcpy(&bytes[offset], &value, sizeof value);
@@ -163,7 +154,7 @@ TEST(ControlAreaCopy, CopiesTheBlockAndWritesRequestsBackIntoTheFile) {
     // A store goes into the file at the lead-in plus its offset, and into the copy.
     int32_t code = 42;
     ASSERT_TRUE(copy.write_through(288 + 404, &code, sizeof code));
-    EXPECT_EQ(42, file_int32(path, 8 + 288 + 404));
+    EXPECT_EQ(42, noxtest::file_int32(path, 8 + 288 + 404));
     int32_t in_copy = 0;
     memcpy(&in_copy, static_cast<char*>(copy.block()) + 288 + 404, 4);
     EXPECT_EQ(42, in_copy);

@@ -31,16 +31,6 @@ std::string text(const ControlAreaText_CL<N>& s) {
 
 std::string num(long long v) { return std::to_string(v); }
 
-// The 32-bit value at `offset` of the file at `path`, read with pread; -1 when it cannot be read.
-int32_t file_int32(const std::string& path, off_t offset) {
-    int32_t value = -1;
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return -1;
-    if (pread(fd, &value, sizeof value, offset) != static_cast<ssize_t>(sizeof value)) value = -1;
-    close(fd);
-    return value;
-}
-
 struct Guard {
     const char* name;        // field name for vmsim's --set
     size_t threshold32;
@@ -282,7 +272,7 @@ TEST(ControlAreaGuards, EnqueueOperationFlagIsGuardedByItsOffset) {
     ControlAreaImpl_CL<Bit64>(base, 35367, readable, &writer, 288).set_flag(ControlArea_CL::ZUL_CONTROLS_ENQUEUE_OPERATION);
     fflush(stdout);
     EXPECT_EQ("", testing::internal::GetCapturedStdout());
-    EXPECT_EQ(0, file_int32(vm.field("file"), 8 + 288 + 35368));
+    EXPECT_EQ(0, noxtest::file_int32(vm.field("file"), 8 + 288 + 35368));
     // 35368 reaches the field's first byte, though its last bytes lie beyond the published size.
     ControlAreaImpl_CL<Bit64>(base, 35368, readable, &writer, 288).set_flag(ControlArea_CL::ZUL_CONTROLS_ENQUEUE_OPERATION);
     EXPECT_FALSE(writer.failed());

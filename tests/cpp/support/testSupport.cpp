@@ -148,4 +148,13 @@ std::string command_output(const std::string& command) {
     return out;
 }
 
+int32_t file_int32(const std::string& path, off_t offset) {
+    int32_t value = -1;
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    if (pread(fd, &value, sizeof value, offset) != static_cast<ssize_t>(sizeof value)) value = -1;
+    close(fd);
+    return value;
+}
+
 }  // namespace noxtest

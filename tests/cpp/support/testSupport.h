@@ -5,6 +5,7 @@
 
 #include "traceOutput.h"
 
+#include <cstdint>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -83,6 +84,9 @@ int mapping_count(const void* address);
 // The path of the mapping of this process that contains `address`: "" for anonymous memory,
 // "-" when nothing is mapped there.
 std::string mapping_path(const void* address);
+
+// The 32-bit value at `offset` of the file at `path`, read with pread; -1 when it cannot be read.
+int32_t file_int32(const std::string& path, off_t offset);
 
 // Runs a shell command and returns what it printed on standard output.
 std::string command_output(const std::string& command);

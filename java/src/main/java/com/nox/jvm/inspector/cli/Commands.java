@@ -128,15 +128,15 @@ final class Commands {
     void info(Target target) {
         // One pass over the host finds the VM and reads all its records at once. A pid that no
         // control area names may be a HotSpot VM known only by its performance data.
-        HostPass pass = inspector.host();
-        if (target.pid() != null && findInPass(pass, target).isEmpty()) {
+        Optional<HostPass.VmFigures> found = findInPass(inspector.host(), target);
+        if (target.pid() != null && found.isEmpty()) {
             Optional<HotSpotFigures> hotspotOnly = hotspot.figures(target.pid());
             if (hotspotOnly.isPresent()) {
                 hotspot.info(hotspotOnly.get());
                 return;
             }
         }
-        HostPass.VmFigures figures = findInPass(pass, target).orElseThrow(() -> notFound(target));
+        HostPass.VmFigures figures = found.orElseThrow(() -> notFound(target));
         Vm vm = figures.vm();
         VmRef ref = vm.ref();
         VmStartInfo start = figures.start().orElseThrow(() -> gone(vm));
@@ -165,12 +165,11 @@ final class Commands {
         }
         out.println("VM pid " + vm.pid() + ", VM id " + vm.vmId() + ", " + ref + " (" + clusterName(ref) + ":"
                 + ref.slot() + ")");
-        Section s = new Section();
+        Section s = new Section(out);
         s.line("process started", startedAt > 0
                 ? Human.duration(now - startedAt) + " ago (" + java.time.Instant.ofEpochSecond(startedAt) + ")"
                 : "unknown");
         s.print("");
-        s = new Section();
         s.line("version", orDash(start.vmVersion()));
         s.line("working directory", orDash(start.workingDirectory()));
         s.line("VM flags", orDash(start.vmFlags()));
@@ -182,7 +181,6 @@ final class Commands {
         s.line("monitoring board", yesNo(start.runsWithMonitoringBoard()));
         s.line("metaspace", yesNo(start.hasMetaspace()));
         s.print("Start");
-        s = new Section();
         if (time.isEmpty()) {
             s.line("(not available: the VM has gone)", "");
         } else if (!time.get().available()) {
@@ -195,7 +193,6 @@ final class Commands {
             s.line("processing", t.processingTime());
         }
         s.print("Time (CPU time, in the VM's own unit)");
-        s = new Section();
         if (memory.isEmpty()) {
             s.line("(not available: the VM has gone)", "");
         } else {
@@ -223,7 +220,6 @@ final class Commands {
             s.line("cluster peak", Human.bytes(m.globalMemoryPeak()));
         }
         s.print("Memory");
-        s = new Section();
         if (debug.isEmpty()) {
             s.line("(not available: the VM has gone)", "");
         } else {
@@ -245,26 +241,6 @@ final class Commands {
 
     void counters(int pid, List<String> names) {
         hotspot.counters(pid, names);
-    }
-
-    /** Label-value lines under a heading, the values lined up. */
-    private final class Section {
-        private final List<String[]> lines = new ArrayList<>();
-
-        void line(String label, Object value) {
-            lines.add(new String[] {label, Human.printable(String.valueOf(value))});
-        }
-
-        void print(String heading) {
-            if (!heading.isEmpty()) {
-                out.println();
-                out.println(heading);
-            }
-            int width = lines.stream().mapToInt(l -> l[0].length()).max().orElse(0);
-            for (String[] l : lines) {
-                out.println(("  " + l[0] + " ".repeat(width - l[0].length()) + "  " + l[1]).stripTrailing());
-            }
-        }
     }
 
     // ---------------------------------------------------------------- requests

@@ -102,48 +102,45 @@ final class HotSpotView {
             return;
         }
         out.println("VM pid " + f.pid() + " (" + CLUSTER + ", performance data of user " + f.user() + ")");
-        List<String[]> lines = new ArrayList<>();
-        line(lines, "VM began", started > 0
+        Section lines = new Section(out);
+        lines.line("VM began", started > 0
                 ? Human.duration(now - started) + " ago (" + Instant.ofEpochMilli(f.beginMillis()) + ")" : "unknown");
-        print(lines, "");
+        lines.print("");
         sections(f);
     }
 
     /** The sections that show a VM's figures, under {@code info}'s own. */
     void sections(HotSpotFigures f) {
-        List<String[]> lines = new ArrayList<>();
-        line(lines, "VM", dash(f.vmName()));
-        line(lines, "version", dash(f.vmVersion()));
-        line(lines, "vendor", dash(f.vmVendor()));
-        line(lines, "main class", dash(f.mainClass()));
-        line(lines, "command", dash(f.javaCommand()));
-        line(lines, "VM arguments", dash(f.vmArguments()));
-        line(lines, "VM flags", dash(f.vmFlags()));
-        line(lines, "user", f.user() + " (uid " + f.uid() + ")");
-        line(lines, "up", f.uptimeSeconds() < 0 ? "-" : seconds(f.uptimeSeconds()));
-        print(lines, "HotSpot (performance data)");
-        lines.clear();
-        line(lines, "heap used", bytes(f.heapUsed()));
-        line(lines, "heap committed", bytes(f.heapCommitted()));
-        line(lines, "heap max", bytes(f.heapMax()));
-        line(lines, "metaspace used", bytes(f.metaspaceUsed()));
-        line(lines, "metaspace committed", bytes(f.metaspaceCommitted()));
-        line(lines, "metaspace max", bytes(f.metaspaceMax()));
-        print(lines, "Heap");
-        lines.clear();
-        line(lines, "policy", dash(f.gcPolicy()));
+        Section lines = new Section(out);
+        lines.line("VM", dash(f.vmName()));
+        lines.line("version", dash(f.vmVersion()));
+        lines.line("vendor", dash(f.vmVendor()));
+        lines.line("main class", dash(f.mainClass()));
+        lines.line("command", dash(f.javaCommand()));
+        lines.line("VM arguments", dash(f.vmArguments()));
+        lines.line("VM flags", dash(f.vmFlags()));
+        lines.line("user", f.user() + " (uid " + f.uid() + ")");
+        lines.line("up", f.uptimeSeconds() < 0 ? "-" : seconds(f.uptimeSeconds()));
+        lines.print("HotSpot (performance data)");
+        lines.line("heap used", bytes(f.heapUsed()));
+        lines.line("heap committed", bytes(f.heapCommitted()));
+        lines.line("heap max", bytes(f.heapMax()));
+        lines.line("metaspace used", bytes(f.metaspaceUsed()));
+        lines.line("metaspace committed", bytes(f.metaspaceCommitted()));
+        lines.line("metaspace max", bytes(f.metaspaceMax()));
+        lines.print("Heap");
+        lines.line("policy", dash(f.gcPolicy()));
         for (GcCollector c : f.collectors()) {
-            line(lines, dash(c.name()), c.invocations() + " collections, "
+            lines.line(dash(c.name()), c.invocations() + " collections, "
                     + (c.timeSeconds() < 0 ? "time unknown" : seconds(c.timeSeconds())));
         }
-        print(lines, "Garbage collection");
-        lines.clear();
-        line(lines, "classes loaded", f.classesLoaded());
-        line(lines, "classes unloaded", f.classesUnloaded());
-        line(lines, "threads live", f.threadsLive() + " (" + f.threadsDaemon() + " daemon, peak " + f.threadsPeak()
+        lines.print("Garbage collection");
+        lines.line("classes loaded", f.classesLoaded());
+        lines.line("classes unloaded", f.classesUnloaded());
+        lines.line("threads live", f.threadsLive() + " (" + f.threadsDaemon() + " daemon, peak " + f.threadsPeak()
                 + ")");
-        line(lines, "threads started", f.threadsStarted());
-        print(lines, "Classes and threads");
+        lines.line("threads started", f.threadsStarted());
+        lines.print("Classes and threads");
     }
 
     /** The figures as a JSON object; null when there are none. */
@@ -217,21 +214,6 @@ final class HotSpotView {
     }
 
     // ---------------------------------------------------------------- text
-
-    private static void line(List<String[]> lines, String label, Object value) {
-        lines.add(new String[] {label, Human.printable(String.valueOf(value))});
-    }
-
-    private void print(List<String[]> lines, String heading) {
-        if (!heading.isEmpty()) {
-            out.println();
-            out.println(heading);
-        }
-        int width = lines.stream().mapToInt(l -> l[0].length()).max().orElse(0);
-        for (String[] l : lines) {
-            out.println(("  " + l[0] + " ".repeat(width - l[0].length()) + "  " + l[1]).stripTrailing());
-        }
-    }
 
     private static String bytes(long count) {
         return count < 0 ? "-" : Human.bytes(count);
