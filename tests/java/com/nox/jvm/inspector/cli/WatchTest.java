@@ -214,6 +214,7 @@ class WatchTest {
                 assertTrue(vanished.text().contains("vanished"), vanished.text());
             } finally {
                 victim.close();
+                victim.removeEventSets();  // killed outright, vmsim could not remove them
                 // A VM killed outright leaves its file; the next scan of the files removes it.
                 Launcher.run("list");
             }

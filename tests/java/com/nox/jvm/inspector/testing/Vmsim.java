@@ -74,6 +74,24 @@ public final class Vmsim implements AutoCloseable {
         return Arrays.stream(field("pids").split(",")).mapToInt(Integer::parseInt).toArray();
     }
 
+    /**
+     * Removes the semaphore sets named in the READY line (event_keys). For a test that kills
+     * vmsim outright: vmsim removes them itself only when it can end normally. Sets already gone
+     * are skipped.
+     */
+    public void removeEventSets() throws IOException, InterruptedException {
+        for (String key : field("event_keys").split(",")) {
+            if (key.isEmpty() || key.equals("-")) {
+                continue;
+            }
+            Process ipcrm = new ProcessBuilder("ipcrm", "-S", key).redirectErrorStream(true)
+                    .redirectOutput(ProcessBuilder.Redirect.DISCARD).start();
+            if (!ipcrm.waitFor(WAIT_SECONDS, TimeUnit.SECONDS)) {
+                ipcrm.destroyForcibly();
+            }
+        }
+    }
+
     /** Sends one byte to vmsim's standard input (a vmsim started with --flap starts cutting its file). */
     public void poke() throws IOException {
         process.getOutputStream().write('g');
