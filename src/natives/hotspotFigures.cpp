@@ -2,6 +2,7 @@
 // the generations: used from their spaces, committed and maximum from the generations.
 #include "hotspotFigures.h"
 
+#include <cstdint>
 #include <cstring>
 
 using J2SE::PerfCounter;
@@ -45,9 +46,15 @@ bool rest_is(const char* p, const char* end, const char* word) {
     return static_cast<size_t>(end - p) == length && memcmp(p, word, length) == 0;
 }
 
+// Adds a published figure to a sum (negative: not published). The figures come from a file
+// anyone with the VM's user id may write, so the sum stops at INT64_MAX instead of overflowing.
 void add(int64_t* sum, int64_t value) {
     if (value < 0) return;
-    *sum = *sum < 0 ? value : *sum + value;
+    if (*sum < 0) {
+        *sum = value;
+    } else {
+        *sum = value > INT64_MAX - *sum ? INT64_MAX : *sum + value;
+    }
 }
 
 // sun.gc.generation.<g>.capacity, .maxCapacity, and .space.<s>.used

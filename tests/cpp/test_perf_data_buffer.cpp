@@ -261,6 +261,24 @@ TEST(HotSpotFigures, G1HeapMaximumIsItsLargestGeneration) {
     EXPECT_EQ(6000, f.heap_max);
 }
 
+TEST(HotSpotFigures, SumsOfHugeFiguresStopAtTheLargestLong) {
+    // A hostile file may publish figures whose sum overflows; the sum stops at INT64_MAX.
+    const int64_t huge = INT64_MAX - 10;
+    PerfDataBlock b;
+    b.add_long("sun.gc.generation.0.space.0.used", huge)
+        .add_long("sun.gc.generation.0.space.1.used", huge)
+        .add_long("sun.gc.generation.1.capacity", huge)
+        .add_long("sun.gc.generation.0.capacity", 20)
+        .add_long("java.cls.loadedClasses", huge)
+        .add_long("java.cls.sharedLoadedClasses", huge);
+    std::vector<unsigned char> bytes = b.bytes();
+    HotSpotFigures_CL f;
+    read_hotspot_figures(PerfDataBuffer(bytes.data(), bytes.size()), &f);
+    EXPECT_EQ(INT64_MAX, f.heap_used);
+    EXPECT_EQ(INT64_MAX, f.heap_committed);
+    EXPECT_EQ(INT64_MAX, f.classes_loaded);
+}
+
 TEST(HotSpotFigures, FiguresTheVmDoesNotPublishAreUnknown) {
     PerfDataBlock b;
     b.add_long("sun.gc.collector.99.invocations", 5)  // beyond the collectors kept
