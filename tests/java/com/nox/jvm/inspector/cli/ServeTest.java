@@ -110,7 +110,7 @@ class ServeTest {
     void everyVmWithItsFiguresInThePrometheusTextFormat() throws Exception {
         HttpResponse<String> response = get(url, null);
         assertEquals(200, response.statusCode());
-        assertEquals(Metrics.PROMETHEUS_CONTENT_TYPE, response.headers().firstValue("Content-Type").orElse(""));
+        assertEquals(Exposition.PROMETHEUS.contentType(), response.headers().firstValue("Content-Type").orElse(""));
         String body = response.body();
         String pid = "pid=\"" + process.pid() + "\"";
         String cluster = "cluster_id=\"" + process.pid() + "\"";
@@ -185,7 +185,7 @@ class ServeTest {
     void openMetricsWhenTheScraperAsksForIt() throws Exception {
         HttpResponse<String> response = get(url, "application/openmetrics-text;version=1.0.0,text/plain;q=0.5");
         assertEquals(200, response.statusCode());
-        assertEquals(Metrics.OPENMETRICS_CONTENT_TYPE, response.headers().firstValue("Content-Type").orElse(""));
+        assertEquals(Exposition.OPENMETRICS.contentType(), response.headers().firstValue("Content-Type").orElse(""));
         String body = response.body();
         assertTrue(body.endsWith("# EOF\n"), "OpenMetrics ends with # EOF");
         assertTrue(body.contains("# TYPE nox_vm_gc_collections counter\n"));
