@@ -160,7 +160,7 @@ class ServeTest {
         assertEquals("1", value(body, "nox_vm_up", labels), "no series of the JDK VM within 5 s: " + body);
         long[] own = jdk.heap();
         assertEquals("1", value(body, "nox_vm_info", labels, "main_class=\"" + JdkVm.MAIN_CLASS + "\"",
-                "vm_version=\"" + System.getProperty("java.vm.version") + "\""), body);
+                "vm_version=\"OpenJDK 64-Bit Server VM " + System.getProperty("java.vm.version") + "\""), body);
         long used = Long.parseLong(value(body, "jvm_memory_used_bytes", labels, "area=\"heap\""));
         long committed = Long.parseLong(value(body, "jvm_memory_committed_bytes", labels, "area=\"heap\""));
         long max = Long.parseLong(value(body, "jvm_memory_max_bytes", labels, "area=\"heap\""));

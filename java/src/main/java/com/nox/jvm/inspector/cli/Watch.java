@@ -37,7 +37,8 @@ import java.util.concurrent.TimeUnit;
  * performance data waits up to {@value #GRACE_MILLIS} ms for a control area of its pid (an agent
  * makes it while the VM starts), and one known only by its control area waits as long for a
  * performance-data file of its pid that is being written. A VM that gains or loses a source later
- * is told as changed.
+ * is told as changed; one that loses a source waits as long first, since a VM that ends removes its
+ * control area before its performance data, and is then told only as vanished.
  */
 final class Watch {
     static final long TICK_MILLIS = 10;
@@ -142,16 +143,18 @@ final class Watch {
             HostVm vm = change.vm();
             switch (change.kind()) {
                 case APPEARED -> {
-                    if (waits(vm, now)) {
-                        continue;
+                    if (!waits(vm.pid(), appearsAlone(vm), now)) {
+                        told.put(vm.key(), vm);
+                        print("appeared", vm);
                     }
-                    told.put(vm.key(), vm);
-                    print("appeared", vm);
                 }
                 case CHANGED -> {
-                    told.remove(change.before().key());
-                    told.put(vm.key(), vm);
-                    print("changed", vm);
+                    // A VM that ends removes its control area first: it waits, and is told only as vanished.
+                    if (!waits(vm.pid(), vm.sources().size() < change.before().sources().size(), now)) {
+                        told.remove(change.before().key());
+                        told.put(vm.key(), vm);
+                        print("changed", vm);
+                    }
                 }
                 case ENDED -> {
                     told.remove(vm.key());
@@ -162,18 +165,22 @@ final class Watch {
         held.keySet().removeIf(pid -> current.allWithPid(pid).isEmpty());
     }
 
-    /** Whether a new VM still waits for its other source. */
-    private boolean waits(HostVm vm, long now) {
-        boolean other = vm.controlArea().isEmpty() || files.perfDataPending(vm.pid());
-        if (!other || vm.sources().size() == 2) {
-            held.remove(vm.pid());
+    /** A new VM with one source whose other source may show soon. */
+    private boolean appearsAlone(HostVm vm) {
+        return vm.sources().size() == 1 && (vm.controlArea().isEmpty() || files.perfDataPending(vm.pid()));
+    }
+
+    /** Whether the VM of this pid still waits: {@code wanted} for at most the grace since it was first held. */
+    private boolean waits(int pid, boolean wanted, long now) {
+        if (!wanted) {
+            held.remove(pid);
             return false;
         }
-        long since = held.computeIfAbsent(vm.pid(), pid -> now);
+        long since = held.computeIfAbsent(pid, p -> now);
         if (now - since < TimeUnit.MILLISECONDS.toNanos(GRACE_MILLIS)) {
             return true;
         }
-        held.remove(vm.pid());
+        held.remove(pid);
         return false;
     }
 
