@@ -94,41 +94,29 @@ public final class Main {
         List<String> rest = words.subList(1, words.size());
         Output output = new Output(out, json);
         Host host = new Host();
-        switch (name) {
-            case "list" -> {
-                expectCount(name, rest, 0);
-                return () -> ListCommand.run(host.snapshot(), output);
-            }
-            case "boards" -> {
-                expectCount(name, rest, 0);
-                return () -> BoardsCommand.run(host.boards(), output);
-            }
-            case "info" -> {
-                expectCount(name, rest, 1);
-                Target target = Target.parse(rest.get(0));
-                return () -> InfoCommand.run(target.find(host.snapshot()).orElseThrow(target::notFound), output);
-            }
-            case "exit" -> {
-                return parseExit(rest, host, output);
-            }
-            case "debug" -> {
-                return parseDebug(rest, host, output);
-            }
-            case "serve" -> {
-                return parseServe(rest, out);
-            }
-            case "watch" -> {
-                expectCount(name, rest, 0);
-                return new Watch(output)::run;
-            }
-            case "attach" -> {
-                return Attach.parse(rest, json, out);
-            }
-            case "counters" -> {
-                return parseCounters(rest, host, output);
-            }
+        return switch (name) {
+            case "list" -> noArguments(name, rest, () -> ListCommand.run(host.snapshot(), output));
+            case "boards" -> noArguments(name, rest, () -> BoardsCommand.run(host.boards(), output));
+            case "info" -> parseInfo(rest, host, output);
+            case "exit" -> parseExit(rest, host, output);
+            case "debug" -> parseDebug(rest, host, output);
+            case "serve" -> parseServe(rest, out);
+            case "watch" -> noArguments(name, rest, () -> new Watch(output).run());
+            case "attach" -> Attach.parse(rest, json, out);
+            case "counters" -> parseCounters(rest, host, output);
             default -> throw CliError.usage("unknown command '" + name + "'");
-        }
+        };
+    }
+
+    private static Runnable noArguments(String command, List<String> rest, Runnable run) {
+        expectCount(command, rest, 0);
+        return run;
+    }
+
+    private static Runnable parseInfo(List<String> rest, Host host, Output output) {
+        expectCount("info", rest, 1);
+        Target target = Target.parse(rest.get(0));
+        return () -> InfoCommand.run(target.find(host.snapshot()).orElseThrow(target::notFound), output);
     }
 
     private static Runnable parseExit(List<String> rest, Host host, Output output) {
