@@ -2,13 +2,13 @@ package com.nox.jvm.agent;
 
 import java.lang.management.ManagementFactory;
 import java.lang.management.ThreadMXBean;
-import java.nio.ByteBuffer;
-import java.nio.ByteOrder;
+import java.nio.file.Path;
 import java.util.Arrays;
 
 /**
  * What the agent costs a VM while it runs: the CPU time of one refresh (reading the MXBeans and
- * /proc/self/stat, writing the figures) and of one look at the request flags, measured on this
+ * /proc/self/stat, writing the figures into a control-area file in /tmp) and of one look at the
+ * request flags (the file's size, header and flags read back), measured on this
  * thread's CPU clock, and from them the CPU time per second at the default intervals (one
  * refresh a second, one look every 50 ms). The peer measured in the same run is the cheapest
  * figure a refresh reads, one MemoryMXBean heap reading. Each figure is the median of rounds.
@@ -22,11 +22,11 @@ public final class AgentRefreshBench {
 
     public static void main(String[] args) throws Exception {
         ThreadMXBean threads = ManagementFactory.getThreadMXBean();
-        ByteBuffer block = ByteBuffer.allocate(ControlAreaLayout.BLOCK_SIZE).order(ByteOrder.nativeOrder());
-        ControlAreaWriter writer = new ControlAreaWriter(block);
-        RequestWatcher watcher = new RequestWatcher(writer, code -> { }, () -> { });
+        Path path = Path.of("/tmp/nox_agent_bench_" + ProcessHandle.current().pid());
         var memory = ManagementFactory.getMemoryMXBean();
-        try (ProcSelf proc = new ProcSelf()) {
+        try (ProcSelf proc = new ProcSelf(); PublishedArea area = PublishedArea.create(path, ProcSelf.userId(1))) {
+            area.publish(NoxAgent.identity((int) ProcessHandle.current().pid(), "bench"), new MxReadings.Figures());
+            RequestWatcher watcher = new RequestWatcher(area, code -> { }, () -> { });
             MxReadings readings = new MxReadings(proc);
             MxReadings.Figures figures = new MxReadings.Figures();
             double[] refresh = new double[ROUNDS];
@@ -36,7 +36,7 @@ public final class AgentRefreshBench {
             for (int warm = 0; warm < 3; warm++) {
                 for (int i = 0; i < PER_ROUND; i++) {
                     readings.read(figures);
-                    writer.refresh(figures);
+                    area.refresh(figures);
                     sink += watcher.check() + memory.getHeapMemoryUsage().getUsed();
                 }
             }
@@ -44,7 +44,7 @@ public final class AgentRefreshBench {
                 long t0 = threads.getCurrentThreadCpuTime();
                 for (int i = 0; i < PER_ROUND; i++) {
                     readings.read(figures);
-                    writer.refresh(figures);
+                    area.refresh(figures);
                 }
                 long t1 = threads.getCurrentThreadCpuTime();
                 for (int i = 0; i < PER_ROUND; i++) {

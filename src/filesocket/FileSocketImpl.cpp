@@ -20,7 +20,9 @@ namespace J2SE {
 namespace {
 
 // Identities cached by init0; the class references are global references kept for the life
-// of the library.
+// of the library. The natives require only what the tool's classes are documented to have: the
+// three fields, the constructor and getAddress of FileSocketImpl, and FileSocketAddress's
+// socketIdentifier.
 jclass impl_class = nullptr;
 jfieldID fileSocket_pd_field = nullptr;
 jfieldID restrictAccess_field = nullptr;
@@ -28,14 +30,18 @@ jfieldID backlog_field = nullptr;
 jmethodID impl_constructor = nullptr;
 jmethodID getAddress_method = nullptr;
 jfieldID socketIdentifier_field = nullptr;
+// The exceptions the reports raise, looked up ahead. Were the tool's FileSocketException or its
+// (String, String) constructor missing, a report would raise a java.io.IOException with its text.
 jclass fileSocketException_class = nullptr;
 jmethodID fileSocketException_constructor = nullptr;
 jclass socketTimeoutException_class = nullptr;
-// FileSocketImpl.release, the holder of the native handle for the Java object's Cleaner, and its
-// field handle: create0 and destroy0 keep it equal to fileSocket_pd.
+// Optional, for our own FileSocketImpl only: its field release, the holder of the native handle
+// for the Java object's Cleaner, and the holder's handle field. create0 and destroy0 keep the
+// handle equal to fileSocket_pd. A class without them (the tool's) has no Cleaner: a socket it
+// drops without destroy0 stays its to destroy.
 jfieldID release_field = nullptr;
 jfieldID release_handle_field = nullptr;
-// Set last, once every identity above is in place; read without the lock by every native.
+// Set last, once every required identity above is in place; read without the lock by every native.
 std::atomic<bool> initialized(false);
 // Serialises the first callers, so that the identities are looked up (and the class references
 // made global) once.
@@ -51,44 +57,69 @@ jclass global_class(JNIEnv* env, const char* name) {
     return global;
 }
 
-// Looks everything up; on a failure a Java exception (NoSuchFieldError, ...) is pending and
-// `initialized` stays false. Called with init_lock held.
-void cache_identities_locked(JNIEnv* env, jclass cls) {
+// A class that may be missing: null, and no error left pending, when it is.
+jclass optional_global_class(JNIEnv* env, const char* name) {
+    jclass global = global_class(env, name);
+    if (global == nullptr) env->ExceptionClear();
+    return global;
+}
+
+// A field that only our own classes have: null, and no error left pending, when it is missing.
+jfieldID optional_field(JNIEnv* env, jclass cls, const char* name, const char* signature) {
+    if (cls == nullptr) return nullptr;
+    jfieldID field = env->GetFieldID(cls, name, signature);
+    if (field == nullptr) env->ExceptionClear();
+    return field;
+}
+
+// The identities the documentation promises; on a failure its Java error (NoSuchFieldError, ...)
+// is pending and false is returned.
+bool cache_required_identities(JNIEnv* env, jclass cls) {
     if (impl_class == nullptr) impl_class = static_cast<jclass>(env->NewGlobalRef(cls));
-    if (impl_class == nullptr) return;
+    if (impl_class == nullptr) return false;
     fileSocket_pd_field = env->GetFieldID(cls, "fileSocket_pd", "J");
-    if (fileSocket_pd_field == nullptr) return;
+    if (fileSocket_pd_field == nullptr) return false;
     restrictAccess_field = env->GetFieldID(cls, "restrictAccess", "Z");
-    if (restrictAccess_field == nullptr) return;
+    if (restrictAccess_field == nullptr) return false;
     backlog_field = env->GetFieldID(cls, "backlog", "I");
-    if (backlog_field == nullptr) return;
+    if (backlog_field == nullptr) return false;
     impl_constructor = env->GetMethodID(cls, "<init>", "(JLjava/lang/String;)V");
-    if (impl_constructor == nullptr) return;
+    if (impl_constructor == nullptr) return false;
     getAddress_method = env->GetMethodID(cls, "getAddress", "()Lcom/nox/jvm/inspector/filesocket/FileSocketAddress;");
-    if (getAddress_method == nullptr) return;
+    if (getAddress_method == nullptr) return false;
     jclass address_class = env->FindClass("com/nox/jvm/inspector/filesocket/FileSocketAddress");
-    if (address_class == nullptr) return;
+    if (address_class == nullptr) return false;
     socketIdentifier_field = env->GetFieldID(address_class, "socketIdentifier", "Ljava/lang/String;");
     env->DeleteLocalRef(address_class);
-    if (socketIdentifier_field == nullptr) return;
+    return socketIdentifier_field != nullptr;
+}
+
+// What the natives can do without: looked up with every error cleared.
+void cache_optional_identities(JNIEnv* env, jclass cls) {
     if (fileSocketException_class == nullptr) {
-        fileSocketException_class = global_class(env, "com/nox/jvm/inspector/filesocket/FileSocketException");
-        if (fileSocketException_class == nullptr) return;
+        fileSocketException_class = optional_global_class(env, "com/nox/jvm/inspector/filesocket/FileSocketException");
     }
-    fileSocketException_constructor =
-        env->GetMethodID(fileSocketException_class, "<init>", "(Ljava/lang/String;Ljava/lang/String;)V");
-    if (fileSocketException_constructor == nullptr) return;
+    if (fileSocketException_class != nullptr && fileSocketException_constructor == nullptr) {
+        fileSocketException_constructor =
+            env->GetMethodID(fileSocketException_class, "<init>", "(Ljava/lang/String;Ljava/lang/String;)V");
+        if (fileSocketException_constructor == nullptr) env->ExceptionClear();
+    }
     if (socketTimeoutException_class == nullptr) {
-        socketTimeoutException_class = global_class(env, "java/net/SocketTimeoutException");
-        if (socketTimeoutException_class == nullptr) return;
+        socketTimeoutException_class = optional_global_class(env, "java/net/SocketTimeoutException");
     }
-    release_field = env->GetFieldID(cls, "release", "Lcom/nox/jvm/inspector/filesocket/FileSocketImpl$NativeRelease;");
+    release_field = optional_field(env, cls, "release", "Lcom/nox/jvm/inspector/filesocket/FileSocketImpl$NativeRelease;");
     if (release_field == nullptr) return;
     jclass release_class = env->FindClass("com/nox/jvm/inspector/filesocket/FileSocketImpl$NativeRelease");
-    if (release_class == nullptr) return;
-    release_handle_field = env->GetFieldID(release_class, "handle", "J");
-    env->DeleteLocalRef(release_class);
-    if (release_handle_field == nullptr) return;
+    if (release_class == nullptr) env->ExceptionClear();
+    release_handle_field = optional_field(env, release_class, "handle", "J");
+    if (release_class != nullptr) env->DeleteLocalRef(release_class);
+    if (release_handle_field == nullptr) release_field = nullptr;  // both or neither
+}
+
+// Called with init_lock held.
+void cache_identities_locked(JNIEnv* env, jclass cls) {
+    if (!cache_required_identities(env, cls)) return;
+    cache_optional_identities(env, cls);
     initialized.store(true);
 }
 
@@ -247,8 +278,10 @@ using J2SE::JavaExceptionHandler;
 
 namespace {
 
-// Sets the Cleaner's handle of `self` to `handle` when it is `expected` (null holder: nothing).
+// Sets the Cleaner's handle of `self` to `handle` when it is `expected`. Nothing for a class
+// without the holder, or an object whose holder is null.
 void update_release_handle(JNIEnv* env, jobject self, jlong expected, jlong handle) {
+    if (J2SE::release_field == nullptr) return;
     jobject release = env->GetObjectField(self, J2SE::release_field);
     if (release == nullptr) return;
     if (env->GetLongField(release, J2SE::release_handle_field) == expected) {

@@ -28,13 +28,17 @@ BasicHeaderFacts_CL BasicInstanceControlArea_CL::read_facts(const void* block, s
     BasicHeaderFacts_CL facts;
     memset(&facts, 0, sizeof facts);
     facts.arch_type = UNKNOWN;
-    if (block == nullptr || available < COMMON_HEADER_BYTES) return facts;
+    if (block == nullptr) return facts;
     typedef BasicInstanceControlAreaLayout_CL<Bit32> L32;
     typedef BasicInstanceControlAreaLayout_CL<Bit64> L64;
+    // Each field is read when the bytes hold it: the cluster list needs no more than the first two.
+    if (available < offsetof(L32, _eyecatcher) + sizeof(uint32_t)) return facts;
     facts.eyecatcher = load_at<uint32_t>(block, offsetof(L32, _eyecatcher));
+    if (available < offsetof(L32, _version) + sizeof(uint32_t)) return facts;
     facts.version = load_at<uint32_t>(block, offsetof(L32, _version));
-    facts.max_vm_nr = load_at<int32_t>(block, offsetof(L32, _max_vm_nr));
     facts.arch_type = VersionWord_CL::arch_type(facts.version);
+    if (available < COMMON_HEADER_BYTES) return facts;
+    facts.max_vm_nr = load_at<int32_t>(block, offsetof(L32, _max_vm_nr));
     if (available < header_size(facts.version)) return facts;
     if (facts.arch_type == Bit64) {
         facts.instance_control_area_size =

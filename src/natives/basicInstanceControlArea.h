@@ -65,8 +65,10 @@ public:
     // success `facts` holds the header as it was read; nothing beyond `available` is touched.
     static bool accept_header(const void* block, size_t available, ClusterType_CL type, BasicHeaderFacts_CL* facts);
 
-    // Reads the header facts of a block that holds at least the three common fields (12 bytes),
-    // and the sizes when it holds the whole header of its width (else the sizes are 0).
+    // Reads the header facts of a block of `available` bytes: each of the three common fields
+    // (eyecatcher, version word, slot count) that the bytes hold, and the sizes when they hold
+    // the whole header of its width. What the bytes do not hold reads as 0 (width UNKNOWN
+    // without a version word).
     static BasicHeaderFacts_CL read_facts(const void* block, size_t available);
 
 private:

@@ -291,7 +291,9 @@ void add_process_cluster(int pid, J2SE::cvector<ClusterInfo_CL>& out) {
     BasicInstanceControlAreaLayout_CL<Bit64> header;
     size_t available = 0;
     if (!J2SE::ControlAreaFile::read_control_area_header(pid, &header, sizeof header, &available)) return;
-    // A file too short to hold the header's first fields reads as a wrong eyecatcher.
+    // Listed as its eyecatcher and version word say, also when the file holds nothing more; a file
+    // too short for those two reads as a wrong eyecatcher. Every other use of the block needs the
+    // whole header (accept_header).
     BasicHeaderFacts_CL facts = BasicInstanceControlArea_CL::read_facts(&header, available);
     bool eyecatcher_ok = facts.eyecatcher == INSTANCE_CONTROL_AREA_EYECATCHER;
     bool attachable = eyecatcher_ok && VersionWord_CL::major(facts.version) == CONTROL_AREA_MAJOR_VERSION;

@@ -20,6 +20,13 @@ JNIEXPORT void JNICALL Java_com_nox_jvm_inspector_natives_InspectorNatives_initL
         throw_illegal_state(env, "no monitoring-board class given");
         return;
     }
+    // The objects of boards made for another class cannot be handed out as this one's: those
+    // boards are told that they are gone and given up, and come back with objects of the new class.
+    MonitoringBoardCollector* collector = MonitoringBoardCollector::the_impl();
+    if (collector != nullptr && MonitoringBoardProxy::is_initialised() &&
+        !env->IsSameObject(MonitoringBoardProxy::board_class(), board_class)) {
+        collector->release(env);
+    }
     MonitoringBoardProxy::init(env, board_class);  // a missing method leaves its error pending
 }
 

@@ -12,16 +12,20 @@ import java.net.StandardProtocolFamily;
 import java.net.UnixDomainSocketAddress;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
+import java.nio.channels.FileChannel;
 import java.nio.channels.SocketChannel;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.LinkOption;
 import java.nio.file.Path;
+import java.nio.file.StandardOpenOption;
 import java.nio.file.attribute.PosixFilePermissions;
 import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Arrays;
+import java.util.LinkedHashMap;
 import java.util.List;
+import java.util.Map;
 
 import org.junit.jupiter.api.Test;
 
@@ -121,32 +125,151 @@ class AgentPartsTest {
         assertThrows(IllegalArgumentException.class, () -> new ControlAreaWriter(ByteBuffer.allocate(100)));
     }
 
+    private static final int VM = ControlAreaLayout.LEAD_IN + ControlAreaLayout.INSTANCE_AREA_SIZE;
+
+    private static ControlAreaWriter.Identity identity() {
+        return new ControlAreaWriter.Identity((int) PID, 1, "Test VM", "-Xmx1m", "", "demo.Main", "/", "t", "demo.Main");
+    }
+
+    /** Stores an int32 into the file at {@code offset} as a requester (or someone else) would. */
+    private static void store(Path path, long offset, int value) throws IOException {
+        try (FileChannel channel = FileChannel.open(path, StandardOpenOption.WRITE)) {
+            channel.write(ByteBuffer.allocate(4).order(ByteOrder.nativeOrder()).putInt(0, value), offset);
+        }
+    }
+
+    private static ByteBuffer contents(Path path) throws IOException {
+        return ByteBuffer.wrap(Files.readAllBytes(path)).order(ByteOrder.nativeOrder());
+    }
+
     @Test
-    void requestsAreClearedAndActedOn() {
+    void requestsAreClearedInTheFileAndActedOn() throws IOException {
+        Path path = Path.of("/tmp/nox_agent_test_requests_" + PID);
+        Files.deleteIfExists(path);
+        try (PublishedArea area = PublishedArea.create(path, EUID)) {
+            area.publish(identity(), new MxReadings.Figures());
+            List<Integer> exits = new ArrayList<>();
+            int[] gcs = {0};
+            RequestWatcher watcher = new RequestWatcher(area, exits::add, () -> gcs[0]++);
+            assertEquals(0, watcher.check());
+            store(path, VM + ControlAreaLayout.V_REQUESTED_EXIT_CODE, 42);
+            store(path, VM + ControlAreaLayout.F_EXIT, 1);
+            store(path, VM + ControlAreaLayout.F_GC, 1);
+            store(path, VM + ControlAreaLayout.F_MAXIMUM_COMPACTION_GC, 1);
+            store(path, VM + ControlAreaLayout.F_START_DEBUGGING, 1);
+            store(path, VM + 35368, 1);  // enqueue operation: unknown to a stock VM
+            store(path, VM + 25092, 7);  // dump code blobs, any nonzero value
+            assertEquals(6, watcher.check());
+            assertEquals(List.of(42), exits);
+            assertEquals(2, gcs[0]);
+            ByteBuffer file = contents(path);
+            for (int flag : ControlAreaLayout.FLAGS) {
+                assertEquals(0, file.getInt(VM + flag), "flag at " + flag);
+            }
+            assertEquals(ControlAreaLayout.DEBUGGING_NOT_ACTIVE, file.getInt(VM + ControlAreaLayout.V_DEBUGGING_STATE));
+            assertEquals(-1, file.getInt(VM + ControlAreaLayout.V_CURRENT_DEBUG_PORT));
+            assertEquals(0, watcher.check());
+            assertEquals(6, watcher.handled());
+        } finally {
+            Files.deleteIfExists(path);
+        }
+    }
+
+    /** One way of damaging a published file; each must be seen, never taken for a request, and repaired. */
+    private interface Damage {
+        void apply(Path path) throws IOException;
+    }
+
+    @Test
+    void aDamagedFileIsNeverReadForRequestsAndIsPublishedAgainWhole() throws IOException {
+        Path path = Path.of("/tmp/nox_agent_test_damage_" + PID);
+        Files.deleteIfExists(path);
+        Map<String, Damage> damages = new LinkedHashMap<>();
+        damages.put("cut to 0", p -> Files.write(p, new byte[0]));
+        damages.put("cut to 8", p -> truncate(p, 8));
+        damages.put("cut before the far flags", p -> truncate(p, 30000));
+        damages.put("cut by one byte", p -> truncate(p, ControlAreaLayout.FILE_SIZE - 1));
+        damages.put("grown by one byte", p -> Files.write(p, new byte[1], StandardOpenOption.APPEND));
+        damages.put("header version", p -> store(p, ControlAreaLayout.LEAD_IN + ControlAreaLayout.H_VERSION, 7));
+        damages.put("lead-in", p -> store(p, 0, -1));
+        damages.put("slot pid", p -> store(p, VM + ControlAreaLayout.V_PID, 1));
+        damages.put("slot eyecatcher and every flag", p -> {
+            for (int offset = VM; offset < VM + 100; offset += 4) {
+                store(p, offset, -1);
+            }
+        });
+        try (PublishedArea area = PublishedArea.create(path, EUID)) {
+            area.publish(identity(), new MxReadings.Figures());
+            byte[] published = Files.readAllBytes(path);
+            int[] exits = {0};
+            RequestWatcher watcher = new RequestWatcher(area, code -> exits[0]++, () -> { });
+            for (Map.Entry<String, Damage> damage : damages.entrySet()) {
+                store(path, VM + ControlAreaLayout.F_EXIT, 1);
+                damage.getValue().apply(path);
+                assertEquals(-1, watcher.check(), damage.getKey());
+                area.republish();
+                assertArrayEquals(published, Files.readAllBytes(path), damage.getKey());
+                assertEquals(0, watcher.check(), damage.getKey());
+            }
+            assertEquals(0, exits[0], "a request in a damaged file is not acted on");
+
+            assertFalse(area.recreateIfGone(), "the file is still at its name");
+            Files.delete(path);
+            assertTrue(area.recreateIfGone());
+            assertArrayEquals(published, Files.readAllBytes(path));
+            assertEquals("rw-------", PosixFilePermissions.toString(Files.getPosixFilePermissions(path)));
+            store(path, VM + ControlAreaLayout.F_EXIT, 1);
+            assertEquals(1, watcher.check(), "requests arrive through the new file");
+        } finally {
+            Files.deleteIfExists(path);
+        }
+        assertFalse(Files.exists(path), "closing removes the file made anew");
+    }
+
+    private static void truncate(Path path, long size) throws IOException {
+        try (FileChannel channel = FileChannel.open(path, StandardOpenOption.WRITE)) {
+            channel.truncate(size);
+        }
+    }
+
+    @Test
+    void refreshesWriteTheFiguresAndNoFieldThatRequestersWrite() {
+        int[] requesterFields = {ControlAreaLayout.V_REQUESTED_EXIT_CODE, ControlAreaLayout.V_SUSPEND_POLICY,
+            ControlAreaLayout.V_CAN_DEBUG_ON_DEMAND, ControlAreaLayout.V_CURRENT_DEBUG_PORT};
+        int[] ranges = ControlAreaWriter.REFRESHED;
+        for (int i = 0; i < ranges.length; i += 2) {
+            int from = ranges[i] - ControlAreaLayout.INSTANCE_AREA_SIZE;
+            int to = from + ranges[i + 1];
+            for (int field : requesterFields) {
+                assertFalse(field + 4 > from && field < to, "field " + field + " in range " + ranges[i]);
+            }
+            for (int flag : ControlAreaLayout.FLAGS) {
+                assertFalse(flag + 4 > from && flag < to, "flag " + flag + " in range " + ranges[i]);
+            }
+        }
+        // Every byte that a refresh changes lies in a range (the file gets only those).
         ByteBuffer block = block();
         ControlAreaWriter writer = new ControlAreaWriter(block);
-        List<Integer> exits = new ArrayList<>();
-        int[] gcs = {0};
-        RequestWatcher watcher = new RequestWatcher(writer, exits::add, () -> gcs[0]++);
-        int vm = ControlAreaLayout.INSTANCE_AREA_SIZE;
-        assertEquals(0, watcher.check());
-        block.putInt(vm + ControlAreaLayout.V_REQUESTED_EXIT_CODE, 42);
-        block.putInt(vm + ControlAreaLayout.F_EXIT, 1);
-        block.putInt(vm + ControlAreaLayout.F_GC, 1);
-        block.putInt(vm + ControlAreaLayout.F_MAXIMUM_COMPACTION_GC, 1);
-        block.putInt(vm + ControlAreaLayout.F_START_DEBUGGING, 1);
-        block.putInt(vm + 35368, 1);  // enqueue operation: unknown to a stock VM
-        block.putInt(vm + 25092, 7);  // dump code blobs, any nonzero value
-        assertEquals(6, watcher.check());
-        assertEquals(List.of(42), exits);
-        assertEquals(2, gcs[0]);
-        for (int flag : ControlAreaLayout.FLAGS) {
-            assertEquals(0, block.getInt(vm + flag), "flag at " + flag);
+        writer.publish(identity(), new MxReadings.Figures());
+        byte[] before = block.array().clone();
+        long v = 0x0101010101010101L;  // every byte of every figure changes
+        MxReadings.Figures all = new MxReadings.Figures();
+        all.heapCommitted = all.heapUsed = all.heapMax = all.metaspaceCommitted = all.metaspaceMax = v;
+        all.codeCacheCommitted = all.oldGenUsedAfterGc = all.gcCount = all.fullGcCount = all.gcMillis = v;
+        all.fullGcMillis = all.concurrentGcMillis = all.processCpuMillis = all.userMillis = all.systemMillis = v;
+        writer.refresh(all);
+        int changed = 0;
+        for (int at = 0; at < before.length; at++) {
+            if (before[at] != block.get(at)) {
+                changed++;
+                boolean inside = false;
+                for (int i = 0; i < ranges.length; i += 2) {
+                    inside |= at >= ranges[i] && at < ranges[i] + ranges[i + 1];
+                }
+                assertTrue(inside, "byte " + at + " changed outside the refreshed ranges");
+            }
         }
-        assertEquals(ControlAreaLayout.DEBUGGING_NOT_ACTIVE, block.getInt(vm + ControlAreaLayout.V_DEBUGGING_STATE));
-        assertEquals(-1, block.getInt(vm + ControlAreaLayout.V_CURRENT_DEBUG_PORT));
-        assertEquals(0, watcher.check());
-        assertEquals(6, watcher.handled());
+        assertEquals(18 * 8, changed, "the 18 figures of a refresh");
     }
 
     @Test
@@ -161,16 +284,21 @@ class AgentPartsTest {
                 assertEquals(ControlAreaLayout.FILE_SIZE, Files.size(path));
                 assertEquals("rw-------", PosixFilePermissions.toString(Files.getPosixFilePermissions(path)));
                 assertEquals("keep", Files.readString(target));
-                assertEquals(ByteOrder.nativeOrder(), file.map().order());
-                file.map().putInt(8, 0x01020304);
-                ByteBuffer read = ByteBuffer.wrap(Files.readAllBytes(path)).order(ByteOrder.nativeOrder());
-                assertEquals(0x01020304, read.getInt(8));
+                file.write(8, ByteBuffer.allocate(4).order(ByteOrder.nativeOrder()).putInt(0, 0x01020304));
+                assertEquals(0x01020304, contents(path).getInt(8));
+                // A cut file is written and read without a fault: it grows back, and a read past its end says so.
+                truncate(path, 0);
+                assertFalse(file.read(8, ByteBuffer.allocate(4)));
+                file.write(8, ByteBuffer.allocate(4).order(ByteOrder.nativeOrder()).putInt(0, 5));
+                assertEquals(12, Files.size(path));
+                assertTrue(file.isAtItsPath());
             }
             assertFalse(Files.exists(path, LinkOption.NOFOLLOW_LINKS), "closing removes the file");
             // A file that replaced ours meanwhile is not ours to remove.
             PublishedFile file = PublishedFile.create(path, 64, EUID);
             Files.delete(path);
             Files.writeString(path, "someone else's");
+            assertFalse(file.isAtItsPath());
             file.close();
             assertEquals("someone else's", Files.readString(path));
         } finally {

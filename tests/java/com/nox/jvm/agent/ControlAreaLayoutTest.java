@@ -13,9 +13,9 @@ import com.nox.jvm.inspector.cluster.VmState;
 import com.nox.jvm.inspector.cluster.VmTimeInfo;
 import com.nox.jvm.inspector.cluster.natives.ProfilingClusterNatives;
 
-import java.nio.ByteBuffer;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.List;
 
 import org.junit.jupiter.api.Test;
 
@@ -52,12 +52,9 @@ class ControlAreaLayoutTest {
     @Test
     void everyPublishedFieldReadsBackThroughTheNatives() throws Exception {
         Path path = TmpFiles.controlArea(EUID, PID);
-        try (PublishedFile file = PublishedFile.create(path, ControlAreaLayout.FILE_SIZE, EUID)) {
-            ByteBuffer block = file.map().slice(ControlAreaLayout.LEAD_IN, ControlAreaLayout.BLOCK_SIZE)
-                    .order(file.map().order());
-            ControlAreaWriter writer = new ControlAreaWriter(block);
+        try (PublishedArea area = PublishedArea.create(path, EUID)) {
             String longArgs = "-D" + "a".repeat(5000);
-            writer.publish(new ControlAreaWriter.Identity(PID, 1, "Test VM 17.0.99", longArgs, "-XX:+UseSerialGC -XX:MaxHeapSize=1",
+            area.publish(new ControlAreaWriter.Identity(PID, 1, "Test VM 17.0.99", longArgs, "-XX:+UseSerialGC -XX:MaxHeapSize=1",
                     "demo.Main x y", "/work/dir", "tag-7", "demo.Main"), figures());
 
             assertTrue(ProfilingClusterNatives.isValidVm0(PROCESS, PID, 0));
@@ -112,19 +109,42 @@ class ControlAreaLayoutTest {
             assertEquals("", debug.debuggingClient());
             assertFalse(debug.debuggingLocally());
 
-            // A refresh with a smaller heap keeps the peaks.
-            MxReadings.Figures smaller = figures();
-            smaller.heapCommitted = 500L << 20;
-            smaller.heapUsed = 100L << 20;
-            writer.refresh(smaller);
+            // A refresh reaches the file with every figure; a smaller heap keeps the peaks.
+            MxReadings.Figures next = figures();
+            next.heapCommitted = 500L << 20;
+            next.heapUsed = 100L << 20;
+            next.metaspaceCommitted = 45L << 20;
+            next.codeCacheCommitted = 67L << 20;
+            next.oldGenUsedAfterGc = 78L << 20;
+            next.heapMax = 2003L << 20;
+            next.metaspaceMax = 556L << 20;
+            next.gcCount = 13;
+            next.fullGcCount = 4;
+            next.gcMillis = 457;
+            next.fullGcMillis = 124;
+            next.concurrentGcMillis = 79;
+            next.processCpuMillis = 9877;
+            next.userMillis = 8001;
+            next.systemMillis = 1871;
+            area.refresh(next);
             m = VmMemoryInfo.decode(ProfilingClusterNatives.getVmMemoryInfo0(PROCESS, PID, 0));
+            assertEquals(500L << 20, m.committedJavaHeap());
+            assertEquals(45L << 20, m.committedClassPool());
+            assertEquals(67L << 20, m.committedCodeCache());
             assertEquals(500L << 20, m.globalMemory());
+            assertEquals(100L << 20, m.globalAllocatedMemory());
             assertEquals(1001L << 20, m.globalMemoryPeak());
+            assertEquals(List.of(13L, 4L, 457L, 124L, 79L), List.of(m.numberOfGcs(), m.numberOfFullGcs(),
+                    m.durationOfGcs(), m.durationOfFullGcs(), m.durationOfConcurrentGcs()));
+            assertEquals(List.of(78L << 20, 2003L << 20, 556L << 20),
+                    List.of(m.oldGenUsageAfterGc(), m.maxOldGenSize(), m.maxPermGenSize()));
+            assertEquals(new VmTimeInfo(9872, 1871, 8001, 9877),
+                    VmTimeInfo.decode(ProfilingClusterNatives.getVmTimeInfo0(PROCESS, PID, 0)));
 
             // A request raised through the natives lands on the flag the watcher looks at.
             assertTrue(ProfilingClusterNatives.exit0(PROCESS, PID, 0, 9));
             int[] code = {-1};
-            RequestWatcher watcher = new RequestWatcher(writer, c -> code[0] = c, () -> { });
+            RequestWatcher watcher = new RequestWatcher(area, c -> code[0] = c, () -> { });
             assertEquals(1, watcher.check());
             assertEquals(9, code[0]);
         }

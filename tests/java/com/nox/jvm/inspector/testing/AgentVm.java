@@ -31,9 +31,9 @@ public final class AgentVm implements AutoCloseable {
     private final BlockingQueue<String> lines = new ArrayBlockingQueue<>(1000);
     private final List<String> command;
 
-    private AgentVm(List<String> command) throws IOException {
+    private AgentVm(List<String> command, ProcessBuilder.Redirect errors) throws IOException {
         this.command = command;
-        process = new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.INHERIT).start();
+        process = new ProcessBuilder(command).redirectError(errors).start();
         in = new OutputStreamWriter(process.getOutputStream(), StandardCharsets.UTF_8);
         BufferedReader out = new BufferedReader(new InputStreamReader(process.getInputStream(), StandardCharsets.UTF_8));
         Thread reader = new Thread(() -> {
@@ -57,20 +57,27 @@ public final class AgentVm implements AutoCloseable {
     /** A VM with the agent loaded at start; {@code agentOptions} may be empty. */
     public static AgentVm withAgent(String agentOptions, String... programArgs) throws IOException {
         String agent = "-javaagent:" + agentJar() + (agentOptions.isEmpty() ? "" : "=" + agentOptions);
-        return start(List.of(agent), programArgs);
+        return start(List.of(agent), ProcessBuilder.Redirect.INHERIT, programArgs);
+    }
+
+    /** A VM with the agent loaded at start whose standard error goes to the file {@code errors}. */
+    public static AgentVm withAgentErrorsTo(Path errors, String agentOptions, String... programArgs) throws IOException {
+        String agent = "-javaagent:" + agentJar() + (agentOptions.isEmpty() ? "" : "=" + agentOptions);
+        return start(List.of(agent), ProcessBuilder.Redirect.to(errors.toFile()), programArgs);
     }
 
     /** A VM without the agent. */
     public static AgentVm plain(String... programArgs) throws IOException {
-        return start(List.of(), programArgs);
+        return start(List.of(), ProcessBuilder.Redirect.INHERIT, programArgs);
     }
 
     /** A VM without the agent, started with these VM options as well. */
     public static AgentVm plainWith(List<String> vmOptions, String... programArgs) throws IOException {
-        return start(vmOptions, programArgs);
+        return start(vmOptions, ProcessBuilder.Redirect.INHERIT, programArgs);
     }
 
-    private static AgentVm start(List<String> vmOptions, String... programArgs) throws IOException {
+    private static AgentVm start(List<String> vmOptions, ProcessBuilder.Redirect errors, String... programArgs)
+            throws IOException {
         List<String> command = new ArrayList<>();
         command.add(Path.of(System.getProperty("java.home"), "bin", "java").toString());
         command.add("-Xms" + HEAP);
@@ -82,7 +89,7 @@ public final class AgentVm implements AutoCloseable {
         command.add(System.getProperty("nox.test.classes", System.getProperty("java.class.path")));
         command.add(AgentTarget.class.getName());
         command.addAll(List.of(programArgs));
-        return new AgentVm(command);
+        return new AgentVm(command, errors);
     }
 
     public static Path agentJar() {
@@ -141,6 +148,12 @@ public final class AgentVm implements AutoCloseable {
             values.put(pair.substring(0, eq), Long.parseLong(pair.substring(eq + 1)));
         }
         return values;
+    }
+
+    /** Runs a garbage collection in the VM and waits for its end. */
+    public void gc() throws IOException {
+        send("gc");
+        nextLine("GC", 10);
     }
 
     private String nextLine(String prefix, int seconds) throws IOException {

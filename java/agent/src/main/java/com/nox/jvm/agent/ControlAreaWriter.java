@@ -7,14 +7,28 @@ import java.nio.charset.StandardCharsets;
 
 /**
  * Writes this VM's facts into a control-area block (64-bit layout, one slot) held in a byte
- * buffer whose order is the processor's. The header and the slot's eyecatcher are written last,
- * so a reader that looks early finds no block or no live slot rather than half a VM.
+ * buffer whose order is the processor's: the image that {@link PublishedArea} copies into the
+ * file. The header and the slot's eyecatcher are written last.
  */
 final class ControlAreaWriter {
     /** The facts that do not change while the VM runs. */
     record Identity(int pid, int vmId, String vmVersion, String vmArgs, String vmFlags, String javaArgs,
                     String workDir, String tag, String mainClass) {
     }
+
+    /**
+     * The ranges that {@link #refresh} writes, as pairs of offset and length from the start of
+     * the block: the cluster's heap entries and the slot's figures. None holds a request flag or
+     * a field that requesters write.
+     */
+    static final int[] REFRESHED = {
+        I_HEAP_SIZE, I_HEAP_SIZE_ALLOCATED_PEAK + 8 - I_HEAP_SIZE,
+        INSTANCE_AREA_SIZE + V_COMMITTED_JAVA_HEAP, V_PROCESSING_TIME + 8 - V_COMMITTED_JAVA_HEAP,
+        INSTANCE_AREA_SIZE + V_NUMBER_OF_GCS, V_NUMBER_OF_FULL_GCS + 8 - V_NUMBER_OF_GCS,
+        INSTANCE_AREA_SIZE + V_DURATION_OF_GCS, 8,
+        INSTANCE_AREA_SIZE + V_DURATION_OF_FULL_GCS, V_DURATION_OF_CONCURRENT_GCS + 8 - V_DURATION_OF_FULL_GCS,
+        INSTANCE_AREA_SIZE + V_OLD_GEN_USAGE_AFTER_GC, V_MAX_PERM_GEN_SIZE + 8 - V_OLD_GEN_USAGE_AFTER_GC,
+    };
 
     private final ByteBuffer block;
     private long heapCommittedPeak;
@@ -102,11 +116,4 @@ final class ControlAreaWriter {
         }
     }
 
-    int getInt(int offset) {
-        return block.getInt(offset);
-    }
-
-    void putInt(int offset, int value) {
-        block.putInt(offset, value);
-    }
 }

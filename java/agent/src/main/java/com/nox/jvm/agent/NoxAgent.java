@@ -4,8 +4,6 @@ import java.io.IOException;
 import java.lang.instrument.Instrumentation;
 import java.lang.management.ManagementFactory;
 import java.lang.management.RuntimeMXBean;
-import java.nio.ByteBuffer;
-import java.nio.MappedByteBuffer;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.concurrent.locks.LockSupport;
@@ -23,7 +21,7 @@ public final class NoxAgent {
     private final AgentOptions options;
     private final Object lock = new Object();
     private boolean shuttingDown;
-    private PublishedFile file;
+    private PublishedArea area;
     private ProfilingServer server;
 
     private NoxAgent(AgentOptions options) {
@@ -94,7 +92,7 @@ public final class NoxAgent {
     }
 
     private void run() {
-        ControlAreaWriter writer;
+        PublishedArea area;
         MxReadings readings;
         MxReadings.Figures figures = new MxReadings.Figures();
         try (ProcSelf proc = new ProcSelf()) {
@@ -106,10 +104,8 @@ public final class NoxAgent {
                 if (shuttingDown) {
                     return;
                 }
-                file = PublishedFile.create(TmpFiles.controlArea(euid, pid), ControlAreaLayout.FILE_SIZE, euid);
-                MappedByteBuffer map = file.map();
-                ByteBuffer block = map.slice(ControlAreaLayout.LEAD_IN, ControlAreaLayout.BLOCK_SIZE).order(map.order());
-                writer = new ControlAreaWriter(block);
+                area = PublishedArea.create(TmpFiles.controlArea(euid, pid), euid);
+                this.area = area;
                 // The server first: a VM that is listed already answers on its socket.
                 if (options.server()) {
                     try {
@@ -118,39 +114,62 @@ public final class NoxAgent {
                         System.err.println("nox-agent: no profiling server: " + e.getMessage());
                     }
                 }
-                writer.publish(identity((int) pid, options.tag()), figures);
+                area.publish(identity((int) pid, options.tag()), figures);
             }
-            loop(writer, readings, figures);
+            loop(area, readings, figures);
         } catch (IOException | RuntimeException e) {
             System.err.println("nox-agent: cannot publish the control area: " + e);
             stop();
         }
     }
 
-    /** Looks at the requests every poll interval and refreshes the figures every refresh interval. */
-    private void loop(ControlAreaWriter writer, MxReadings readings, MxReadings.Figures figures) {
-        RequestWatcher watcher = new RequestWatcher(writer, new Exit(), new Gc());
+    /**
+     * Looks at the requests every poll interval and refreshes the figures every refresh interval.
+     * Nothing that happens to the file ends it: a damaged file is published again at the next
+     * look, a file gone from its name is made anew at the next refresh, and a failure is told on
+     * standard error (see {@link Notice}) and tried again later.
+     */
+    private void loop(PublishedArea area, MxReadings readings, MxReadings.Figures figures) {
+        RequestWatcher watcher = new RequestWatcher(area, new Exit(), new Gc());
+        Notice notice = new Notice(System.err);
         long refresh = TimeUnit.MILLISECONDS.toNanos(options.refreshMillis());
         long poll = TimeUnit.MILLISECONDS.toNanos(options.pollMillis());
         long next = System.nanoTime() + refresh;
         while (!isStopping()) {
-            watcher.check();
-            long now = System.nanoTime();
-            if (now - next >= 0) {
-                try {
-                    readings.read(figures);
-                    writer.refresh(figures);
-                } catch (RuntimeException e) {
-                    // An MXBean that fails once (a pool gone, a collector renamed) leaves the last
-                    // figures in place; the VM stays visible and answers requests.
+            try {
+                if (watcher.check() < 0) {
+                    area.republish();
+                    notice.say(area.path() + " was cut or overwritten; it is published again", System.nanoTime());
                 }
-                next += refresh;
+                long now = System.nanoTime();
                 if (now - next >= 0) {
-                    next = now + refresh;  // a VM that was stopped does not catch up
+                    refresh(area, readings, figures);
+                    if (area.recreateIfGone()) {
+                        notice.say(area.path() + " was removed or replaced; it is published anew", now);
+                    }
+                    next += refresh;
+                    if (now - next >= 0) {
+                        next = now + refresh;  // a VM that was stopped does not catch up
+                    }
+                }
+            } catch (IOException | RuntimeException e) {
+                if (!isStopping()) {
+                    notice.say("cannot publish " + area.path() + " now (" + e + "); trying again", System.nanoTime());
                 }
             }
             LockSupport.parkNanos(Math.min(poll, Math.max(0, next - System.nanoTime())));
         }
+    }
+
+    private static void refresh(PublishedArea area, MxReadings readings, MxReadings.Figures figures)
+            throws IOException {
+        try {
+            readings.read(figures);
+        } catch (RuntimeException e) {
+            // An MXBean that fails once (a pool gone, a collector renamed) leaves the last
+            // figures in place; the VM stays visible and answers requests.
+        }
+        area.refresh(figures);
     }
 
     private boolean isStopping() {
@@ -167,9 +186,9 @@ public final class NoxAgent {
                 server.close();
                 server = null;
             }
-            if (file != null) {
-                file.close();
-                file = null;
+            if (area != null) {
+                area.close();
+                area = null;
             }
         }
     }
