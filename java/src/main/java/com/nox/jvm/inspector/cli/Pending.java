@@ -53,6 +53,11 @@ final class Pending {
      * are dropped on the way), each then put at the end of the turn.
      */
     List<Entry> next(int count, long nowNanos) {
+        // The turn as it stands before this call: pids taken now go to its end, after these.
+        List<Integer> turns = new ArrayList<>(count);
+        for (Iterator<Integer> it = turn.iterator(); it.hasNext() && turns.size() < count; ) {
+            turns.add(it.next());
+        }
         List<Entry> taken = new ArrayList<>();
         while (taken.size() < count && !fresh.isEmpty()) {
             int pid = fresh.poll();
@@ -60,13 +65,12 @@ final class Pending {
                 take(pid, nowNanos, taken);
             }
         }
-        Iterator<Integer> it = turn.iterator();
-        List<Integer> again = new ArrayList<>();
-        while (taken.size() + again.size() < count && it.hasNext()) {
-            again.add(it.next());
-            it.remove();
+        for (int i = 0; i < turns.size() && taken.size() < count; i++) {
+            int pid = turns.get(i);
+            if (turn.remove(pid)) {
+                take(pid, nowNanos, taken);
+            }
         }
-        again.forEach(pid -> take(pid, nowNanos, taken));
         return taken;
     }
 
