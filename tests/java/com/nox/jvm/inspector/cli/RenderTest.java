@@ -38,8 +38,7 @@ class RenderTest {
                 area(ClusterType.PROCESS, PID, 0, PID, 1000, VERSION, mainClass, 1024));
         return HostSnapshot.of(areas, Map.of(PID, 1000, 77, 1000),
                 List.of(hotspot(PID, 1000, "perf.Main", 512, 2048, 4096, 300),
-                        hotspot(ALONE, 1000, "alone.Main", 5, 6, 7, 300)),
-                Map.of(ALONE, ModelFixtures.BEGIN_MILLIS / 1000));
+                        hotspot(ALONE, 1000, "alone.Main", 5, 6, 7, 300)));
     }
 
     /** A VM with both sources has one version, main class and heap in list, info, watch (JSON) and the metrics. */

@@ -29,7 +29,7 @@ import org.junit.jupiter.api.Test;
  */
 class WatchedFilesTest {
     private static final Path FOLDER = Path.of("/tmp/hsperfdata_daemon");
-    private static final HostSnapshot EMPTY = HostSnapshot.of(List.of(), Map.of(), List.of(), Map.of());
+    private static final HostSnapshot EMPTY = HostSnapshot.of(List.of(), Map.of(), List.of());
 
     /** A key that gives one overflow event, as the JDK does when the kernel's event queue overflowed. */
     private static final class Overflowed implements WatchKey {

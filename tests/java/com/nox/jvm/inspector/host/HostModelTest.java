@@ -9,7 +9,6 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import com.nox.jvm.inspector.cluster.ClusterType;
 import com.nox.jvm.inspector.cluster.VmRef;
 import com.nox.jvm.inspector.hotspot.HotSpotFigures;
-import com.nox.jvm.inspector.testing.ModelFixtures;
 
 import java.util.List;
 import java.util.Map;
@@ -24,7 +23,7 @@ class HostModelTest {
 
     private static HostSnapshot snapshot(ControlAreaView area, int processUid, HotSpotFigures perf) {
         return HostSnapshot.of(area == null ? List.of() : List.of(area), Map.of(PID, processUid),
-                perf == null ? List.of() : List.of(perf), Map.of(PID, ModelFixtures.BEGIN_MILLIS / 1000));
+                perf == null ? List.of() : List.of(perf));
     }
 
     /**
@@ -87,7 +86,7 @@ class HostModelTest {
             assertEquals(c.heap, vm.heap(), c.what);
         }
         HotSpotFigures nameless = new HotSpotFigures(PID, 0, "u", "", "", "17.0.9", "", "", "", "", 1, 0, 1, 1, -1, -1,
-                -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, List.of());
+                -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, List.of(), PID, 0);
         assertEquals("17.0.9", MergeRule.hotSpotVersion(nameless));
     }
 
@@ -97,9 +96,8 @@ class HostModelTest {
         HotSpotFigures perf = hotspot(PID, 1000, "perf.Main", 1, 2, 3, 300);
         ControlAreaView agent = area(ClusterType.PROCESS, PID, 0, PID, 1000, AREA_VERSION, "app.Main", 1024);
         ControlAreaView other = area(ClusterType.INSTANCE, 9, 0, 77, 1000, "v", "x.Main", 1);
-        HostSnapshot perfOnly = HostSnapshot.of(List.of(other), Map.of(77, 1000), List.of(perf), Map.of(PID,
-                agent.figures().processStart()));
-        HostSnapshot both = HostSnapshot.of(List.of(agent), Map.of(PID, 1000), List.of(perf), Map.of());
+        HostSnapshot perfOnly = HostSnapshot.of(List.of(other), Map.of(77, 1000), List.of(perf));
+        HostSnapshot both = HostSnapshot.of(List.of(agent), Map.of(PID, 1000), List.of(perf));
         List<HostChange> changes = both.changesSince(perfOnly);
         assertEquals(List.of(HostChange.Kind.ENDED, HostChange.Kind.CHANGED), changes.stream().map(HostChange::kind)
                 .toList(), changes.toString());

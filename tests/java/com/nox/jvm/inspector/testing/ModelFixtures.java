@@ -38,13 +38,14 @@ public final class ModelFixtures {
         return new ControlAreaView(new ClusterEntry(true, type, type.code(), clusterId), figures, ownerUid);
     }
 
-    /** Performance data of a VM that began at BEGIN (plus {@code laterMillis}), with two collectors. */
+    /** Performance data of a VM whose process started at BEGIN and which began {@code laterMillis} later, with two collectors. */
     public static HotSpotFigures hotspot(int pid, int uid, String command, long used, long committed, long max,
                                          long laterMillis) {
         return new HotSpotFigures(pid, uid, "user" + uid, command, "OpenJDK 64-Bit Server VM", "17.0.9+9", "vendor",
                 "-Xmx1g", "", "G1", BEGIN_MILLIS + laterMillis, 0, 1_000_000_000L, 5_000_000_000L, used, committed,
                 max, 1, 2, 3, 500, 2, 7, 9, 5, 11,
                 List.of(new GcCollector("G1 young collection pauses", 4, 250_000_000L, 0.25, 0, 0),
-                        new GcCollector("G1 full collection pauses", 1, 1_000_000_000L, 1.0, 0, 0)));
+                        new GcCollector("G1 full collection pauses", 1, 1_000_000_000L, 1.0, 0, 0)), pid,
+                BEGIN_MILLIS / 1000);
     }
 }

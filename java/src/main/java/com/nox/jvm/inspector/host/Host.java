@@ -7,7 +7,6 @@ import com.nox.jvm.inspector.cluster.VmNotFoundException;
 import com.nox.jvm.inspector.cluster.VmRef;
 import com.nox.jvm.inspector.hotspot.HotSpotFigures;
 import com.nox.jvm.inspector.hotspot.HotSpotInspector;
-import com.nox.jvm.inspector.hotspot.HotSpotVm;
 import com.nox.jvm.inspector.hotspot.PerfCounter;
 import com.nox.jvm.inspector.natives.InspectorNatives;
 import com.nox.jvm.inspector.natives.MonitoringBoard;
@@ -15,7 +14,6 @@ import com.nox.jvm.inspector.natives.MonitoringBoard;
 import java.util.ArrayList;
 import java.util.Collection;
 import java.util.Comparator;
-import java.util.HashMap;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
@@ -51,22 +49,17 @@ public final class Host {
 
     /** The snapshot with the performance data of these pids read again: a pid no longer live leaves it. */
     public HostSnapshot withHotSpot(HostSnapshot snapshot, Collection<Integer> pids) {
-        HostSnapshot.HotSpotVms old = snapshot.hotspotVms();
-        Map<Integer, HotSpotFigures> vms = new TreeMap<>(old.vms());
-        Map<Integer, Long> starts = new HashMap<>(old.starts());
+        Map<Integer, HotSpotFigures> vms = new TreeMap<>(snapshot.hotspotVms().vms());
         long began = System.nanoTime();
         for (int pid : pids) {
             Optional<HotSpotFigures> figures = hotspot.figures(pid);
             if (figures.isPresent()) {
                 vms.put(pid, figures.get());
-                starts.put(pid, Processes.start(pid));
             } else {
                 vms.remove(pid);
-                starts.remove(pid);
             }
         }
-        return HostSnapshot.of(snapshot.controlAreas(),
-                new HostSnapshot.HotSpotVms(vms, starts, System.nanoTime() - began));
+        return HostSnapshot.of(snapshot.controlAreas(), new HostSnapshot.HotSpotVms(vms, System.nanoTime() - began));
     }
 
     /**
@@ -79,12 +72,12 @@ public final class Host {
         views.removeIf(view -> Processes.start(view.pid()) != view.figures().processStart());
         HostSnapshot.HotSpotVms perf = snapshot.hotspotVms();
         Map<Integer, HotSpotFigures> vms = new TreeMap<>(perf.vms());
-        vms.keySet().removeIf(pid -> Processes.start(pid) != perf.starts().getOrDefault(pid, 0L));
+        vms.values().removeIf(f -> Processes.start(f.pid()) != f.processStartSeconds());
         if (views.size() == areas.views().size() && vms.size() == perf.vms().size()) {
             return snapshot;
         }
         return HostSnapshot.of(new HostSnapshot.ControlAreas(areas.pass(), views, areas.owners()),
-                new HostSnapshot.HotSpotVms(vms, perf.starts(), perf.nanos()));
+                new HostSnapshot.HotSpotVms(vms, perf.nanos()));
     }
 
     /** The host's instance-cluster segments by cluster id (one read of the kernel's list). */
@@ -116,21 +109,14 @@ public final class Host {
         return new HostSnapshot.ControlAreas(pass, List.copyOf(views), owners);
     }
 
-    /**
-     * The live HotSpot VMs whose performance data this user may read. A VM that ends between the
-     * listing and the read of its figures is left out, as it would be a moment later.
-     */
+    /** The live HotSpot VMs whose performance data this user may read, from one pass (each file copied once). */
     private HostSnapshot.HotSpotVms readHotSpot() {
         long began = System.nanoTime();
         Map<Integer, HotSpotFigures> vms = new TreeMap<>();
-        Map<Integer, Long> starts = new HashMap<>();
-        for (HotSpotVm vm : hotspot.vms()) {
-            hotspot.figures(vm.pid()).ifPresent(figures -> {
-                vms.put(vm.pid(), figures);
-                starts.put(vm.pid(), Processes.start(vm.pid()));
-            });
+        for (HotSpotFigures figures : hotspot.snapshot().vms()) {
+            vms.put(figures.pid(), figures);
         }
-        return new HostSnapshot.HotSpotVms(vms, starts, System.nanoTime() - began);
+        return new HostSnapshot.HotSpotVms(vms, System.nanoTime() - began);
     }
 
     // ---------------------------------------------------------------- requests

@@ -27,8 +27,8 @@ public final class HostSnapshot {
     record ControlAreas(HostPass pass, List<ControlAreaView> views, Map<Integer, Processes.Owner> owners) {
     }
 
-    /** What one read of the performance data gave: the live VMs by pid, their process starts, the time it took. */
-    record HotSpotVms(Map<Integer, HotSpotFigures> vms, Map<Integer, Long> starts, long nanos) {
+    /** What one read of the performance data gave: the live VMs by pid, and the time it took. */
+    record HotSpotVms(Map<Integer, HotSpotFigures> vms, long nanos) {
     }
 
     private final ControlAreas areas;
@@ -49,11 +49,11 @@ public final class HostSnapshot {
 
     /**
      * A snapshot of views read elsewhere (tests, tools): the control-area VMs (their clusters in the
-     * order given) with the uid of each pid's process, and the performance data with each pid's
-     * process start. Users are named by their uid.
+     * order given) with the uid of each pid's process, and the performance data. Users are named
+     * by their uid.
      */
     public static HostSnapshot of(List<ControlAreaView> views, Map<Integer, Integer> processUids,
-                                  List<HotSpotFigures> hotspot, Map<Integer, Long> hotspotStarts) {
+                                  List<HotSpotFigures> hotspot) {
         Map<ClusterEntry, List<HostPass.VmFigures>> byCluster = new LinkedHashMap<>();
         views.forEach(v -> byCluster.computeIfAbsent(v.cluster(), c -> new ArrayList<>()).add(v.figures()));
         List<HostPass.Cluster> clusters = new ArrayList<>();
@@ -63,7 +63,7 @@ public final class HostSnapshot {
         Map<Integer, HotSpotFigures> byPid = new TreeMap<>();
         hotspot.forEach(f -> byPid.put(f.pid(), f));
         return of(new ControlAreas(new HostPass(List.copyOf(clusters), 0), List.copyOf(views), owners),
-                new HotSpotVms(byPid, Map.copyOf(hotspotStarts), 0));
+                new HotSpotVms(byPid, 0));
     }
 
     private static List<HostVm> merge(ControlAreas areas, HotSpotVms hotspot) {
@@ -82,8 +82,7 @@ public final class HostSnapshot {
             vms.add(HostVm.of(pid, start, owner.uid(), owner.user(), view, perf));
         }
         for (HotSpotFigures perf : unjoined.values()) {
-            long start = hotspot.starts().getOrDefault(perf.pid(), 0L);
-            vms.add(HostVm.of(perf.pid(), start, perf.uid(), perf.user(), null, perf));
+            vms.add(HostVm.of(perf.pid(), perf.processStartSeconds(), perf.uid(), perf.user(), null, perf));
         }
         return vms;
     }
