@@ -3,6 +3,7 @@ package com.nox.jvm.inspector.cli;
 import com.nox.jvm.inspector.attach.AttachClient;
 import com.nox.jvm.inspector.attach.AttachException;
 import com.nox.jvm.inspector.attach.CommandReply;
+import com.nox.jvm.inspector.host.Host;
 
 import java.io.IOException;
 import java.io.InputStream;
@@ -73,7 +74,7 @@ final class Jcmd implements Runnable {
             throw CliError.usage("--json runs one command line, not several");
         }
         if (words.contains("PerfCounter.print")) {
-            return () -> new Commands(out, json).counters(pid, List.of());
+            return () -> CountersCommand.run(new Host(), pid, List.of(), new Output(out, json));
         }
         return new Jcmd(out, json, pid, line, timeout);
     }
