@@ -24,8 +24,8 @@ int pid_of_name(const char* name);
 // The owner of process `pid` (the owner of /proc/<pid>); false when there is no such process.
 bool process_owner(int pid, unsigned* uid);
 
-// Identity of the mount namespace of `pid` (the inode of /proc/<pid>/ns/mnt), or of the caller
-// when `pid` is 0; false when the caller may not see it.
+// Identity of the mount namespace of `pid` (the number in the link /proc/<pid>/ns/mnt), or of
+// the caller when `pid` is 0; false when the caller may not see it.
 bool process_mount_namespace(int pid, uint64_t* id);
 
 // The pid that `pid` knows itself by: the last field of NSpid in /proc/<pid>/status (the pid of
