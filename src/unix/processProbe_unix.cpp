@@ -8,6 +8,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,6 +23,31 @@ const size_t STATUS_ROOM = 4096;
 const size_t MAPS_CHUNK = 16384;
 const char* const LIBJVM_NEEDLES[] = {"/libjvm.so\n", "/libjvm.so (deleted)\n"};
 const size_t LONGEST_NEEDLE = 21;
+
+// The processes found to map libjvm.so, by pid and start; the oldest entry makes room.
+struct KnownJvm {
+    int pid;
+    uint64_t start;
+};
+const int KNOWN_JVMS = 256;
+KnownJvm known_jvms[KNOWN_JVMS];
+int next_known_jvm = 0;
+pthread_mutex_t known_jvms_lock = PTHREAD_MUTEX_INITIALIZER;
+
+bool is_known_jvm(int pid, uint64_t start) {
+    bool known = false;
+    pthread_mutex_lock(&known_jvms_lock);
+    for (int i = 0; i < KNOWN_JVMS && !known; i++) known = known_jvms[i].pid == pid && known_jvms[i].start == start;
+    pthread_mutex_unlock(&known_jvms_lock);
+    return known;
+}
+
+void remember_jvm(int pid, uint64_t start) {
+    pthread_mutex_lock(&known_jvms_lock);
+    known_jvms[next_known_jvm] = KnownJvm{pid, start};
+    next_known_jvm = (next_known_jvm + 1) % KNOWN_JVMS;
+    pthread_mutex_unlock(&known_jvms_lock);
+}
 
 // Reads up to `room` - 1 bytes of a small /proc file and terminates them; the length, or -1.
 ssize_t read_small(const char* path, char* into, size_t room) {
@@ -191,6 +217,15 @@ bool process_maps_libjvm(int pid) {
     bool found = maps_name_libjvm(fd);
     close(fd);
     return found;
+}
+
+bool process_maps_libjvm_remembered(int pid, uint64_t start) {
+    if (pid <= 0) return false;
+    if (start == 0) return process_maps_libjvm(pid);
+    if (is_known_jvm(pid, start)) return true;
+    if (!process_maps_libjvm(pid)) return false;
+    remember_jvm(pid, start);
+    return true;
 }
 
 cstring process_command_line(int pid, size_t limit) {
