@@ -9,6 +9,7 @@
 #include <fstream>
 #include <signal.h>
 #include <stdexcept>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -155,6 +156,21 @@ int32_t file_int32(const std::string& path, off_t offset) {
     if (pread(fd, &value, sizeof value, offset) != static_cast<ssize_t>(sizeof value)) value = -1;
     close(fd);
     return value;
+}
+
+GuardedBytes::GuardedBytes(size_t size) : _size(size) {
+    size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    size_t pages = (size + page - 1) / page * page;
+    _mapping_size = pages + page;
+    _mapping = mmap(nullptr, _mapping_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (_mapping == MAP_FAILED || mprotect(static_cast<char*>(_mapping) + pages, page, PROT_NONE) != 0) {
+        throw std::runtime_error("no guarded memory");
+    }
+    _data = static_cast<unsigned char*>(_mapping) + pages - size;
+}
+
+GuardedBytes::~GuardedBytes() {
+    munmap(_mapping, _mapping_size);
 }
 
 }  // namespace noxtest

@@ -35,9 +35,15 @@ std::vector<int> int_list(const std::string& text) {
     return out;
 }
 
-Vmsim::Vmsim(const std::vector<std::string>& args) : _pid(-1), _out(-1), _reaped(false), _status(0) {
+Vmsim::Vmsim(const std::vector<std::string>& args) : _pid(-1), _in(-1), _out(-1), _reaped(false), _status(0) {
+    int in[2];
     int out[2];
-    if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    if (pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    if (pipe2(out, O_CLOEXEC) != 0) {
+        close(in[0]);
+        close(in[1]);
+        throw std::runtime_error("pipe failed");
+    }
     std::vector<char*> argv;
     std::string path = vmsim_path();
     argv.push_back(const_cast<char*>(path.c_str()));
@@ -49,15 +55,19 @@ Vmsim::Vmsim(const std::vector<std::string>& args) : _pid(-1), _out(-1), _reaped
         // vmsim ends (and cleans up) when the test process dies, whatever way it dies.
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         if (getppid() != parent) _exit(127);
+        dup2(in[0], STDIN_FILENO);
         dup2(out[1], STDOUT_FILENO);
         execv(argv[0], argv.data());
         _exit(127);
     }
+    close(in[0]);
     close(out[1]);
     if (_pid < 0) {
+        close(in[1]);
         close(out[0]);
         throw std::runtime_error("fork failed");
     }
+    _in = in[1];
     _out = out[0];
     _ready = wait_for("READY ");
     if (_ready.compare(0, 6, "READY ") != 0) {
@@ -78,7 +88,12 @@ Vmsim::Vmsim(const std::vector<std::string>& args) : _pid(-1), _out(-1), _reaped
 
 Vmsim::~Vmsim() {
     terminate();
+    if (_in >= 0) close(_in);
     if (_out >= 0) close(_out);
+}
+
+bool Vmsim::send_input(const std::string& text) {
+    return write(_in, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 std::string Vmsim::field(const std::string& key) const {
