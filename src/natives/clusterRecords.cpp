@@ -1,7 +1,5 @@
 #include "clusterRecords.h"
 
-#include "allocations.h"
-
 #include <cstring>
 
 // Sums in two's complement: the figures come from another process and may be anything, so
@@ -11,17 +9,15 @@ static long wrapping_sum(long a, long b) {
 }
 
 // Writes the text of a fixed string field: the bytes before the first NUL, at most N and no
-// further than the block goes; the empty string when the area has no such field (or the copy
-// cannot be made).
+// further than the block goes; the empty string when the area has no such field. The length is
+// taken once and exactly that many bytes follow it, even if the VM changes the text meanwhile.
 template <int N>
 static void write_text(DataOutputStream_CL& out, const ControlAreaText_CL<N>& text) {
-    char* copy = text.get();
-    if (copy == nullptr) {
+    if (!text.is_present()) {
         out.writeString(String_CL{"", 0});
         return;
     }
-    out.writeString(String_CL{copy, strlen(copy)});
-    wrap_free(alloc_site("(libnoxjvm_inspector.so) src/natives/clusterRecords.cpp:write_text"), copy);
+    out.writeString(String_CL{text.chars(), static_cast<size_t>(text.length())});
 }
 
 void write_cluster_list(DataOutputStream_CL& out, const J2SE::cvector<ClusterInfo_CL>& clusters) {

@@ -2,10 +2,9 @@
 
 #include "basicInstanceControlArea.h"
 #include "clusterRecords.h"
-#include "controlAreaFile.h"
 #include "controlAreaManager.h"
+#include "controlAreaScan.h"
 #include "cvector.h"
-#include "sharedFile.h"
 #include "sharedUtils.h"
 
 #include <utility>
@@ -40,13 +39,20 @@ void write_framed(ByteArrayOutputStream_CL& buffer, DataOutputStream_CL& out, Re
     buffer.overwrite(at, big_endian, sizeof big_endian);
 }
 
+// A process whose start is already known: the one whose file or slot was just probed.
+struct KnownProcess {
+    int pid;
+    uint64_t start;
+};
+
 void write_vm(ByteArrayOutputStream_CL& buffer, DataOutputStream_CL& out, int slot, const ControlArea_CL& area,
-              const InstanceControlArea_CL* cluster) {
+              const InstanceControlArea_CL* cluster, const KnownProcess& known) {
     int pid = area.get_pid();
     out.writeInt(slot);
     out.writeInt(pid);
     out.writeInt(area.get_vm_id());
-    out.writeLong(static_cast<long>(J2SE::SharedUtils::creationtime_of_process(pid)));
+    uint64_t start = pid == known.pid ? known.start : J2SE::SharedUtils::creationtime_of_process(pid);
+    out.writeLong(static_cast<long>(start));
     write_framed(buffer, out, START_RECORD, area, cluster);
     write_framed(buffer, out, TIME_RECORD, area, cluster);
     write_framed(buffer, out, MEMORY_RECORD, area, cluster);
@@ -62,21 +68,29 @@ void write_cluster_head(DataOutputStream_CL& out, ClusterType_CL type, int id, b
     out.writeInt(slots);
 }
 
+// A slot in use whose process exists, with the process's start.
+struct LiveSlot {
+    int slot;
+    KnownProcess process;
+};
+
 // An instance cluster is listed when its attach count, less the slots in use whose process has
 // gone, is not 0; its live VMs are the slots in use whose process exists. Each slot's process
-// is probed once for both answers.
+// is probed once for both answers and its start.
 void pass_instance_cluster(ByteArrayOutputStream_CL& buffer, DataOutputStream_CL& out, int id) {
     ControlAreaManager_CL manager(ClusterInfo_CL(false, -1, CLUSTER_TYPE_INSTANCE, id));
     if (!manager.is_valid()) return;
     InstanceControlArea_CL* instance = manager.get_instance_control_area();
     int slots = manager.get_max_vm_number();
-    J2SE::cvector<int> alive(8);
+    J2SE::cvector<LiveSlot> alive(8);
     int live = instance->get_attach_count();
     for (int slot = 0; slot < slots; slot++) {
         ControlArea_CL* view = manager.get_control_area_raw(slot);
         if (view == nullptr || !view->is_valid()) continue;
-        if (J2SE::SharedUtils::process_exists(view->get_pid())) {
-            alive.push_back(slot);
+        int pid = view->get_pid();
+        J2SE::ProcessFacts facts = J2SE::SharedUtils::process_facts(pid, false);
+        if (facts.exists != 0) {
+            alive.push_back(LiveSlot{slot, KnownProcess{pid, facts.start}});
         } else {
             live--;
         }
@@ -88,17 +102,16 @@ void pass_instance_cluster(ByteArrayOutputStream_CL& buffer, DataOutputStream_CL
     write_cluster_head(out, CLUSTER_TYPE_INSTANCE, id, instance->is_compatible(), version, slots);
     for (int i = 0; i < alive.size(); i++) {
         // The slot may have been given up since it was probed: it is written only while still in use.
-        ControlArea_CL* view = manager.get_control_area_raw(alive[i]);
-        if (view != nullptr && view->is_valid()) write_vm(buffer, out, alive[i], *view, instance);
+        ControlArea_CL* view = manager.get_control_area_raw(alive[i].slot);
+        if (view != nullptr && view->is_valid()) write_vm(buffer, out, alive[i].slot, *view, instance, alive[i].process);
     }
     out.writeInt(END_OF_VMS);
 }
 
 // A process cluster is listed whenever its file can be read, as the cluster list does; its VM
 // when the block is accepted and the slot's process exists.
-void pass_process_cluster(ByteArrayOutputStream_CL& buffer, DataOutputStream_CL& out, const J2SE::SharedFile& file) {
-    J2SE::ControlAreaCopy copy;
-    if (!copy.open_and_copy(file.get_file_name(), ControlAreaManager_CL::FIRST_COPY_BYTES)) return;
+void pass_process_cluster(ByteArrayOutputStream_CL& buffer, DataOutputStream_CL& out, const KnownProcess& owner,
+                          J2SE::ControlAreaCopy& copy) {
     BasicHeaderFacts_CL facts = BasicInstanceControlArea_CL::read_facts(copy.block(), copy.size());
     bool eyecatcher_ok = facts.eyecatcher == INSTANCE_CONTROL_AREA_EYECATCHER;
     bool attachable = eyecatcher_ok && VersionWord_CL::major(facts.version) == CONTROL_AREA_MAJOR_VERSION;
@@ -106,30 +119,17 @@ void pass_process_cluster(ByteArrayOutputStream_CL& buffer, DataOutputStream_CL&
 
     ControlAreaManager_CL manager(std::move(copy));
     int slots = manager.is_valid() ? manager.get_max_vm_number() : 0;
-    write_cluster_head(out, CLUSTER_TYPE_PROCESS, file.get_pid(), attachable, version, slots);
+    write_cluster_head(out, CLUSTER_TYPE_PROCESS, owner.pid, attachable, version, slots);
     for (int slot = 0; slot < slots; slot++) {
         // The scan has just found the file's process alive; a slot that names another process
         // is probed here.
         const ControlArea_CL* area = manager.get_control_area(slot, false);
         if (area == nullptr) continue;
         int pid = area->get_pid();
-        if (pid != file.get_pid() && !J2SE::SharedUtils::process_exists(pid)) continue;
-        write_vm(buffer, out, slot, *area, manager.get_instance_control_area());
+        if (pid != owner.pid && !J2SE::SharedUtils::process_exists(pid)) continue;
+        write_vm(buffer, out, slot, *area, manager.get_instance_control_area(), owner);
     }
     out.writeInt(END_OF_VMS);
-}
-
-// The positions of `files` in ascending pid order: the scan returns directory order, which
-// changes from pass to pass. Positions are sorted rather than the files, which are larger.
-void order_by_pid(const J2SE::cvector<J2SE::SharedFile>& files, J2SE::cvector<int>& order) {
-    for (int i = 0; i < files.size(); i++) {
-        order.push_back(i);
-        for (int j = order.size() - 1; j > 0 && files[order[j - 1]].get_pid() > files[order[j]].get_pid(); j--) {
-            int moved = order[j];
-            order[j] = order[j - 1];
-            order[j - 1] = moved;
-        }
-    }
 }
 
 }  // namespace
@@ -145,15 +145,14 @@ void query_host_pass(ByteArrayOutputStream_CL& buffer) {
     }
 
     // The scan removes the files of ended processes, as every scan of the control-area files
-    // does. It does not open each file to test for write access: the copy below opens it for
-    // reading and writing, and a file that refuses that is skipped there, as the cluster list
+    // does, and hands out the files of live processes in ascending pid order, each copied once.
+    // A file that cannot be opened for reading and writing is skipped there, as the cluster list
     // skips it in its scan.
-    J2SE::cvector<J2SE::SharedFile> files(8);
-    J2SE::StdStaleSharedFileHandler handler;
-    J2SE::SharedFile::get_shared_files(files, J2SE::get_controlarea_format_string(), false, false, nullptr, true,
-                                       handler);
-    J2SE::cvector<int> order(files.size() > 8 ? files.size() : 8);
-    order_by_pid(files, order);
-    for (int i = 0; i < order.size(); i++) pass_process_cluster(buffer, out, files[order[i]]);
+    J2SE::ControlAreaScan scan(J2SE::get_controlarea_format_string());
+    J2SE::ControlAreaCopy copy;
+    KnownProcess owner{0, 0};
+    while (scan.next(ControlAreaManager_CL::FIRST_COPY_BYTES, &owner.pid, &owner.start, &copy)) {
+        pass_process_cluster(buffer, out, owner, copy);
+    }
     out.writeInt(END_OF_STREAM);
 }

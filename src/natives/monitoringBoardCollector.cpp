@@ -1,6 +1,7 @@
 #include "monitoringBoardCollector.h"
 
 #include "allocations.h"
+#include "retiredRange.h"
 #include "sharedUtils.h"
 #include "traceOutput.h"
 
@@ -16,16 +17,24 @@ jmethodID MonitoringBoardProxy::_is_alive = nullptr;
 // The opaque cache value of the board-file listing; replaced by each listing.
 static void* monitoring_board_file_cache = J2SE::SharedFile::create_shared_files_cache();
 
-MonitoringBoardProxy::MonitoringBoardProxy(J2SE::SharedFile&& file)
-    : _shared_file(std::move(file)), _mark(false), _jboard_obj(nullptr), _exposed(false) {}
+MonitoringBoardProxy::MonitoringBoardProxy(J2SE::SharedFile&& file, J2SE::cvector<RetiredBoardRange>* retired)
+    : _shared_file(std::move(file)),
+      _mark(false),
+      _jboard_obj(nullptr),
+      _exposed(false),
+      _buffer_ref(nullptr),
+      _retired(retired) {}
 
 MonitoringBoardProxy::MonitoringBoardProxy(MonitoringBoardProxy&& other)
     : _shared_file(std::move(other._shared_file)),
       _mark(other._mark),
       _jboard_obj(other._jboard_obj),
-      _exposed(other._exposed) {
+      _exposed(other._exposed),
+      _buffer_ref(other._buffer_ref),
+      _retired(other._retired) {
     other._jboard_obj = nullptr;
     other._exposed = false;
+    other._buffer_ref = nullptr;
 }
 
 MonitoringBoardProxy& MonitoringBoardProxy::operator=(MonitoringBoardProxy&& other) {
@@ -34,8 +43,11 @@ MonitoringBoardProxy& MonitoringBoardProxy::operator=(MonitoringBoardProxy&& oth
     _shared_file = std::move(other._shared_file);
     _jboard_obj = other._jboard_obj;
     _exposed = other._exposed;
+    _buffer_ref = other._buffer_ref;
+    _retired = other._retired;
     other._jboard_obj = nullptr;
     other._exposed = false;
+    other._buffer_ref = nullptr;
     return *this;
 }
 
@@ -91,6 +103,11 @@ void MonitoringBoardProxy::map(JNIEnv* env) {
         jobject buffer = env->NewDirectByteBuffer(start, static_cast<jlong>(_shared_file.get_map_size()));
         if (buffer == nullptr) return;
         _exposed = true;
+        _buffer_ref = env->NewWeakGlobalRef(buffer);
+        if (_buffer_ref == nullptr && env->ExceptionCheck()) {
+            env->DeleteLocalRef(buffer);
+            return;  // OutOfMemoryError pending; the range will stay retired
+        }
         object = env->NewObject(_monitor_board_class, _board_constructor, buffer, pid());
         env->DeleteLocalRef(buffer);
     }
@@ -100,12 +117,18 @@ void MonitoringBoardProxy::map(JNIEnv* env) {
 }
 
 void MonitoringBoardProxy::unmap() {
-    if (_exposed) {
-        _shared_file.retire();
-        _exposed = false;
-    } else {
+    if (!_exposed) {
         _shared_file.detach();
+        return;
     }
+    // Zero pages take the file's place at once. The range itself is left to the collector, which
+    // gives it back once the buffer is collected; without a weak reference, or without room in
+    // the list, it stays for the life of the process.
+    RetiredBoardRange range = {_shared_file.get_map_address(), _shared_file.get_map_size(), _buffer_ref};
+    _shared_file.retire();
+    if (range.address != nullptr && range.buffer != nullptr && _retired != nullptr) _retired->push_back(range);
+    _exposed = false;
+    _buffer_ref = nullptr;
 }
 
 MonitoringBoardProxy* MonitoringBoardCollector::find_proxy(J2SE::cvector<MonitoringBoardProxy>& boards, int pid) {
@@ -143,8 +166,25 @@ private:
     jthrowable _first;
 };
 
+void MonitoringBoardCollector::release_unreachable_ranges(JNIEnv* env) {
+    int i = 0;
+    while (i < _retired.size()) {
+        RetiredBoardRange range = _retired[i];
+        // A cleared weak reference: the buffer, and every buffer derived from it (each keeps the
+        // one it was made from reachable), has been collected, so no Java code can read the range.
+        if (!env->IsSameObject(range.buffer, nullptr) || !J2SE::release_retired_range(range.address, range.size)) {
+            i++;
+            continue;
+        }
+        env->DeleteWeakGlobalRef(range.buffer);
+        _retired[i] = _retired.back();
+        _retired.pop_back();
+    }
+}
+
 void MonitoringBoardCollector::refresh(JNIEnv* env) {
     PendingException pending(env);
+    release_unreachable_ranges(env);
     J2SE::cvector<J2SE::SharedFile> files(8);
     J2SE::StdStaleSharedFileHandler handler;
     monitoring_board_file_cache = J2SE::SharedFile::get_shared_files(
@@ -154,7 +194,7 @@ void MonitoringBoardCollector::refresh(JNIEnv* env) {
 
     J2SE::cvector<MonitoringBoardProxy> fresh(files.size() > 0 ? files.size() : 1);
     for (int i = 0; i < files.size(); i++) {
-        MonitoringBoardProxy candidate(std::move(files[i]));
+        MonitoringBoardProxy candidate(std::move(files[i]), &_retired);
         MonitoringBoardProxy* known = find_proxy(_the_boards, candidate.pid());
         if (known != nullptr) {
             // A board is asked once per refresh whether it still wants its mapping; one that
@@ -225,6 +265,10 @@ MonitoringBoardCollector* MonitoringBoardCollector::the_impl() {
 void MonitoringBoardCollector::destroy_the_impl(JNIEnv* env) {
     if (the_collector == nullptr) return;
     if (MonitoringBoardProxy::is_initialised()) the_collector->release(env);
+    // The retired ranges stay as they are (a JVM thread may still read one); only their weak
+    // references go.
+    J2SE::cvector<RetiredBoardRange>& retired = the_collector->_retired;
+    for (int i = 0; i < retired.size() && env != nullptr; i++) env->DeleteWeakGlobalRef(retired[i].buffer);
     the_collector->~MonitoringBoardCollector();
     wrap_free(alloc_site("(libnoxjvm_inspector.so) src/natives/monitoringBoardCollector.cpp:destroy_the_impl"),
               the_collector);

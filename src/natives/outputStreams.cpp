@@ -18,14 +18,9 @@ void* ByteArrayOutputStream_CL::grow_block(void* block, size_t capacity) {
     return realloc(block, capacity);
 }
 
-void* ByteArrayOutputStream_CL::acquire(size_t n) {
+void* ByteArrayOutputStream_CL::acquire_growing(size_t n) {
     size_t used = size();
     size_t current = capacity();
-    if (n <= current - used) {
-        unsigned char* reserved = _pos;
-        _pos += n;
-        return reserved;
-    }
     size_t wanted = current == 0 ? 512 : current * 2;
     while (used + n > wanted) {
         if (wanted > (static_cast<size_t>(-1) >> 1)) return nullptr;  // doubling would overflow
@@ -92,28 +87,19 @@ void DataOutputStream_CL::writeString(const String_CL& s) {
         _ok = false;
         return;
     }
-    int length = static_cast<int>(s._len);
-    unsigned char prefix[2] = {static_cast<unsigned char>((length >> 8) & 0xff),
-                               static_cast<unsigned char>(length & 0xff)};
-    write_all(prefix, 2);
-    writeFully(s._data, s._len);
-}
-
-void DataOutputStream_CL::writeBoolean(bool value) {
-    unsigned char byte = value ? 1 : 0;
-    write_all(&byte, 1);
-}
-
-void DataOutputStream_CL::writeInt(int value) {
-    unsigned int bits = static_cast<unsigned int>(value);
-    unsigned char bytes[4];
-    for (int i = 0; i < 4; i++) bytes[i] = static_cast<unsigned char>(bits >> (24 - 8 * i));
-    write_all(bytes, 4);
-}
-
-void DataOutputStream_CL::writeLong(long value) {
-    unsigned long bits = static_cast<unsigned long>(value);
-    unsigned char bytes[8];
-    for (int i = 0; i < 8; i++) bytes[i] = static_cast<unsigned char>(bits >> (56 - 8 * i));
-    write_all(bytes, 8);
+    unsigned char prefix[2] = {static_cast<unsigned char>(s._len >> 8), static_cast<unsigned char>(s._len)};
+    if (_buffer == nullptr) {
+        write_all(prefix, 2);
+        writeFully(s._data, s._len);
+        return;
+    }
+    if (!_ok) return;
+    // Prefix and bytes in one reservation: both are there, or neither.
+    unsigned char* target = static_cast<unsigned char*>(_buffer->acquire(2 + s._len));
+    if (target == nullptr) {
+        _ok = false;
+        return;
+    }
+    memcpy(target, prefix, 2);
+    if (s._len > 0) memcpy(target + 2, s._data, s._len);
 }

@@ -5,6 +5,7 @@
 #define NOX_NATIVES_OUTPUT_STREAMS_H
 
 #include <cstddef>
+#include <cstring>
 
 class OutputStream_CL {
 public:
@@ -36,7 +37,12 @@ public:
 
     // Reserves the next `n` bytes and returns them, or null when the buffer cannot grow (the
     // bytes written so far stay valid).
-    void* acquire(size_t n);
+    void* acquire(size_t n) {
+        if (n > static_cast<size_t>(_end - _pos)) return acquire_growing(n);
+        unsigned char* reserved = _pos;
+        _pos += n;
+        return reserved;
+    }
     // All or nothing: `len`, or -1 when the buffer cannot grow.
     int write(const void* buf, int len) override;
     bool flush() override { return true; }
@@ -54,6 +60,8 @@ protected:
     virtual void* grow_block(void* block, size_t capacity);
 
 private:
+    void* acquire_growing(size_t n);
+
     bool _onCHeap;
     unsigned char* _data;
     unsigned char* _end;
@@ -67,10 +75,14 @@ struct String_CL {
 };
 
 // Typed big-endian writer. Once a write has failed (or a string was too long) every later
-// write is dropped: `_ok` never becomes true again.
+// write is dropped: `_ok` never becomes true again. Over a ByteArrayOutputStream_CL each typed
+// value reserves its bytes in the buffer with one acquire(); over any other stream it goes
+// through the stream's write().
 class DataOutputStream_CL : public FilterOutputStream_CL {
 public:
-    explicit DataOutputStream_CL(OutputStream_CL& stream) : FilterOutputStream_CL(stream), _ok(true) {}
+    explicit DataOutputStream_CL(OutputStream_CL& stream) : FilterOutputStream_CL(stream), _buffer(nullptr), _ok(true) {}
+    explicit DataOutputStream_CL(ByteArrayOutputStream_CL& buffer)
+        : FilterOutputStream_CL(buffer), _buffer(&buffer), _ok(true) {}
 
     int write(const void* buf, int len) override;
     bool flush() override { return _stream.flush(); }
@@ -78,15 +90,46 @@ public:
     bool writeFully(const void* buf, size_t len);
     // A length above 65535 disables the stream and writes nothing.
     void writeString(const String_CL& s);
-    void writeBoolean(bool value);
-    void writeInt(int value);
-    void writeLong(long value);
+    // Defined here: the records write hundreds of these per VM.
+    void writeBoolean(bool value) {
+        unsigned char byte = value ? 1 : 0;
+        put(&byte, 1);
+    }
+    void writeInt(int value) {
+        unsigned int bits = static_cast<unsigned int>(value);
+        unsigned char bytes[4] = {static_cast<unsigned char>(bits >> 24), static_cast<unsigned char>(bits >> 16),
+                                  static_cast<unsigned char>(bits >> 8), static_cast<unsigned char>(bits)};
+        put(bytes, 4);
+    }
+    void writeLong(long value) {
+        unsigned long bits = static_cast<unsigned long>(value);
+        unsigned char bytes[8] = {static_cast<unsigned char>(bits >> 56), static_cast<unsigned char>(bits >> 48),
+                                  static_cast<unsigned char>(bits >> 40), static_cast<unsigned char>(bits >> 32),
+                                  static_cast<unsigned char>(bits >> 24), static_cast<unsigned char>(bits >> 16),
+                                  static_cast<unsigned char>(bits >> 8), static_cast<unsigned char>(bits)};
+        put(bytes, 8);
+    }
 
     bool is_ok() const { return _ok; }
 
 private:
     void write_all(const unsigned char* bytes, int len);
+    // Writes `len` bytes as one value: all of them, or none and the stream disabled.
+    void put(const unsigned char* bytes, size_t len) {
+        if (!_ok) return;
+        if (_buffer == nullptr) {
+            write_all(bytes, static_cast<int>(len));
+            return;
+        }
+        void* target = _buffer->acquire(len);
+        if (target == nullptr) {
+            _ok = false;
+            return;
+        }
+        memcpy(target, bytes, len);
+    }
 
+    ByteArrayOutputStream_CL* const _buffer;
     bool _ok;
 };
 

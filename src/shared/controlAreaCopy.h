@@ -12,6 +12,7 @@
 #include "cstring.h"
 
 #include <cstddef>
+#include <sys/types.h>
 
 namespace J2SE {
 
@@ -33,6 +34,9 @@ public:
     // False when the file cannot be opened as such, or when it was cut while being read (a
     // short read): a block read in part is never taken for the whole.
     bool open_and_copy(const cstring& file_name, size_t first_bytes);
+    // The same for the file `name` in the folder open as `directory` (a descriptor, or AT_FDCWD
+    // for a name relative to the working folder or absolute).
+    bool open_and_copy_at(int directory, const char* name, size_t first_bytes);
 
     bool is_open() const { return _fd >= 0; }
     // The copy: size() bytes of the block from its start. Bytes that no copy_range() asked for
@@ -41,6 +45,8 @@ public:
     size_t size() const { return _size; }
     // Bytes of the block in the file when it was opened (the file's size less the lead-in).
     size_t extent() const { return _extent; }
+    // The owner of the file that was opened.
+    uid_t owner() const { return _owner; }
 
     // Copies bytes [begin, end) of the block, growing the copy to `end` bytes. False when `end`
     // lies beyond the extent, memory is short, or the file was cut; the copy keeps its size
@@ -63,6 +69,7 @@ private:
     unsigned char* _buffer;
     size_t _size;
     size_t _extent;
+    uid_t _owner;
     bool _buffer_mapped;  // anonymous memory (large copies) rather than the heap
 };
 

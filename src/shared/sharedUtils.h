@@ -5,8 +5,17 @@
 #include "cstring.h"
 
 #include <cstdint>
+#include <sys/types.h>
 
 namespace J2SE {
+
+// What one reading of /proc/<pid>/stat tells about a process.
+struct ProcessFacts {
+    int exists;        // as process_exists answers: 1 exists (or may), 0 certainly not
+    bool owner_known;  // `owner` holds the owner of /proc/<pid>
+    uid_t owner;
+    uint64_t start;    // as creationtime_of_process answers: 0 when unknown
+};
 
 class SharedUtils {
 public:
@@ -22,6 +31,13 @@ public:
 
     // Start time of a process in whole seconds since the epoch, 0 on any failure.
     static uint64_t creationtime_of_process(int pid);
+
+    // Existence, owner (only when `with_owner`) and start of a process from one open of
+    // /proc/<pid>/stat: the open answers "exists", an fstat of it "owned by whom" (the files of
+    // /proc/<pid> carry the owner of /proc/<pid>), its text the start. When the file cannot be
+    // opened (the process has ended, or /proc hides or lacks it) process_exists, a stat of
+    // /proc/<pid> and creationtime_of_process answer, as they do alone.
+    static ProcessFacts process_facts(int pid, bool with_owner);
 
     // Configured (not online) processors.
     static int get_num_cpu();

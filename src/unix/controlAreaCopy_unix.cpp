@@ -60,13 +60,15 @@ bool read_exactly(int fd, void* into, size_t length, off_t offset) {
 
 }  // namespace
 
-ControlAreaCopy::ControlAreaCopy() : _fd(-1), _buffer(nullptr), _size(0), _extent(0), _buffer_mapped(false) {}
+ControlAreaCopy::ControlAreaCopy()
+    : _fd(-1), _buffer(nullptr), _size(0), _extent(0), _owner(static_cast<uid_t>(-1)), _buffer_mapped(false) {}
 
 ControlAreaCopy::ControlAreaCopy(ControlAreaCopy&& other)
     : _fd(other._fd),
       _buffer(other._buffer),
       _size(other._size),
       _extent(other._extent),
+      _owner(other._owner),
       _buffer_mapped(other._buffer_mapped) {
     other._fd = -1;
     other._buffer = nullptr;
@@ -81,6 +83,7 @@ ControlAreaCopy& ControlAreaCopy::operator=(ControlAreaCopy&& other) {
     _buffer = other._buffer;
     _size = other._size;
     _extent = other._extent;
+    _owner = other._owner;
     _buffer_mapped = other._buffer_mapped;
     other._fd = -1;
     other._buffer = nullptr;
@@ -99,6 +102,7 @@ void ControlAreaCopy::release() {
     _buffer = nullptr;
     _size = 0;
     _extent = 0;
+    _owner = static_cast<uid_t>(-1);
 }
 
 void ControlAreaCopy::close_file() {
@@ -108,11 +112,15 @@ void ControlAreaCopy::close_file() {
 }
 
 bool ControlAreaCopy::open_and_copy(const cstring& file_name, size_t first_bytes) {
+    return open_and_copy_at(AT_FDCWD, file_name.c_str(), first_bytes);
+}
+
+bool ControlAreaCopy::open_and_copy_at(int directory, const char* name, size_t first_bytes) {
     release();
-    if (file_name.is_empty()) return false;
+    if (name == nullptr || *name == '\0') return false;
     // /tmp is writable by anyone: follow no link, never block on a FIFO, accept a regular file.
     // Read and write, as a request needs; the scan that found the file asked for the same.
-    int fd = open(file_name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    int fd = openat(directory, name, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return false;
     struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0) {
@@ -133,6 +141,7 @@ bool ControlAreaCopy::open_and_copy(const cstring& file_name, size_t first_bytes
     _buffer = buffer;
     _size = size;
     _extent = extent;
+    _owner = st.st_uid;
     _buffer_mapped = mapped;
     return true;
 }

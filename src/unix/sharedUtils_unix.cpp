@@ -111,21 +111,33 @@ int SharedUtils::process_exists(int pid) {
     return test_process_by_ps(pid);
 }
 
+// Writes "/proc/<pid><suffix>" into `path` without printf: the pass builds one per VM.
+static void proc_path(char (&path)[40], int pid, const char* suffix) {
+    char digits[12];
+    int count = 0;
+    unsigned value = static_cast<unsigned>(pid);
+    do {
+        digits[count++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    memcpy(path, "/proc/", 6);
+    char* at = path + 6;
+    while (count > 0) *at++ = digits[--count];
+    size_t room = sizeof path - static_cast<size_t>(at - path) - 1;
+    strncpy(at, suffix, room);
+    at[room] = '\0';
+}
+
 // Linux keeps the start time in /proc/<pid>/stat, field 22, in clock ticks after boot. The
 // command name (field 2) may hold blanks and parentheses, so the fields are counted from the
-// last ')'. The result is the boot time plus the whole seconds, as ps reports it.
-uint64_t SharedUtils::creationtime_of_process(int pid) {
-    if (pid <= 0) return 0;
-    char path[32];
-    snprintf(path, sizeof path, "/proc/%d/stat", pid);
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return 0;
+// last ')'. The result is the boot time plus the whole seconds, as ps reports it; 0 when the
+// text cannot be read or has no such field.
+static uint64_t start_from_stat_file(int fd) {
     char buffer[1024];
     ssize_t n;
     do {
         n = read(fd, buffer, sizeof buffer - 1);
     } while (n < 0 && errno == EINTR);
-    close(fd);
     if (n <= 0) return 0;
     buffer[n] = '\0';
 
@@ -145,9 +157,56 @@ uint64_t SharedUtils::creationtime_of_process(int pid) {
     unsigned long long ticks = strtoull(p, &end, 10);
     if (errno != 0 || end == p) return 0;
 
-    if (_reboot_since_epoch_ == 0) _reboot_since_epoch_ = read_boot_time();
-    if (_reboot_since_epoch_ == 0 || _clock_tics_per_sec_ <= 0) return 0;
-    return static_cast<uint64_t>(_reboot_since_epoch_) + ticks / static_cast<unsigned>(_clock_tics_per_sec_);
+    if (SharedUtils::_reboot_since_epoch_ == 0) SharedUtils::_reboot_since_epoch_ = read_boot_time();
+    if (SharedUtils::_reboot_since_epoch_ == 0 || SharedUtils::_clock_tics_per_sec_ <= 0) return 0;
+    return static_cast<uint64_t>(SharedUtils::_reboot_since_epoch_) +
+           ticks / static_cast<unsigned>(SharedUtils::_clock_tics_per_sec_);
+}
+
+static int open_stat_file(int pid) {
+    char path[40];
+    proc_path(path, pid, "/stat");
+    return open(path, O_RDONLY | O_CLOEXEC);
+}
+
+uint64_t SharedUtils::creationtime_of_process(int pid) {
+    if (pid <= 0) return 0;
+    int fd = open_stat_file(pid);
+    if (fd < 0) return 0;
+    uint64_t start = start_from_stat_file(fd);
+    close(fd);
+    return start;
+}
+
+static void read_owner(int pid, ProcessFacts* facts) {
+    char path[40];
+    proc_path(path, pid, "");
+    struct stat st;
+    if (stat(path, &st) != 0) return;
+    facts->owner_known = true;
+    facts->owner = st.st_uid;
+}
+
+ProcessFacts SharedUtils::process_facts(int pid, bool with_owner) {
+    ProcessFacts facts = {0, false, 0, 0};
+    if (pid <= 0) return facts;
+    int fd = open_stat_file(pid);
+    if (fd < 0) {
+        facts.exists = process_exists(pid);
+        if (with_owner) read_owner(pid, &facts);
+        if (facts.exists != 0) facts.start = creationtime_of_process(pid);
+        return facts;
+    }
+    struct stat st;
+    if (with_owner && fstat(fd, &st) == 0) {
+        facts.owner_known = true;
+        facts.owner = st.st_uid;
+    }
+    facts.start = start_from_stat_file(fd);
+    close(fd);
+    facts.exists = 1;
+    if (with_owner && !facts.owner_known) read_owner(pid, &facts);
+    return facts;
 }
 
 int SharedUtils::get_num_cpu() {

@@ -5,8 +5,6 @@ import com.nox.jvm.inspector.cluster.VmInspector;
 import com.nox.jvm.inspector.hotspot.HotSpotFigures;
 import com.nox.jvm.inspector.hotspot.HotSpotInspector;
 import com.nox.jvm.inspector.hotspot.HotSpotVm;
-import com.sun.net.httpserver.HttpExchange;
-import com.sun.net.httpserver.HttpServer;
 
 import java.io.IOException;
 import java.io.OutputStream;
@@ -20,9 +18,6 @@ import java.util.ArrayList;
 import java.util.List;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.CountDownLatch;
-import java.util.concurrent.ExecutorService;
-import java.util.concurrent.Executors;
-import java.util.concurrent.atomic.AtomicInteger;
 
 /**
  * {@code noxinspect serve}: an HTTP endpoint whose {@code /metrics} holds every VM of this host,
@@ -34,7 +29,10 @@ import java.util.concurrent.atomic.AtomicInteger;
 final class Serve {
     static final int DEFAULT_PORT = 9471;
     static final String DEFAULT_BIND = "127.0.0.1";
-    /** Threads that answer requests; a scrape spends its time in the pass, which they share. */
+    /**
+     * Threads that build answers to complete requests; a scrape spends its time in the pass,
+     * which they share. Connections themselves are served by one thread (see HttpFrontEnd).
+     */
     private static final int THREADS = 4;
 
     private final VmInspector inspector = new VmInspector();
@@ -58,10 +56,10 @@ final class Serve {
 
     /** Serves until the process is interrupted (SIGINT, SIGTERM). */
     void run() {
-        HttpServer server = start();
+        HttpFrontEnd server = start();
         CountDownLatch stopped = new CountDownLatch(1);
         Runtime.getRuntime().addShutdownHook(new Thread(() -> {
-            server.stop(0);
+            server.close();
             stopped.countDown();
         }, "noxinspect-serve-stop"));
         try {
@@ -72,32 +70,24 @@ final class Serve {
     }
 
     /** Binds and starts the server; prints where it listens. */
-    HttpServer start() {
+    HttpFrontEnd start() {
         InetAddress address;
         try {
             address = InetAddress.getByName(bind);
         } catch (UnknownHostException e) {
             throw CliError.usage("--bind: unknown address " + bind);
         }
-        HttpServer server;
+        HttpFrontEnd server;
+        InetSocketAddress bound;
         try {
-            server = HttpServer.create(new InetSocketAddress(address, port), 64);
+            server = HttpFrontEnd.start(new InetSocketAddress(address, port), 64, THREADS, this::handle);
+            bound = server.address();
         } catch (BindException e) {
             throw CliError.refused("cannot listen on " + bind + " port " + port + ": " + e.getMessage()
                     + " (another program may hold the port; choose another with --port)");
         } catch (IOException e) {
             throw CliError.refused("cannot listen on " + bind + " port " + port + ": " + e.getMessage());
         }
-        AtomicInteger count = new AtomicInteger();
-        ExecutorService threads = Executors.newFixedThreadPool(THREADS, task -> {
-            Thread t = new Thread(task, "noxinspect-serve-" + count.incrementAndGet());
-            t.setDaemon(true);
-            return t;
-        });
-        server.setExecutor(threads);
-        server.createContext("/", this::handle);
-        server.start();
-        InetSocketAddress bound = server.getAddress();
         String host = bound.getAddress().getHostAddress();
         if (host.contains(":")) {
             host = "[" + host + "]";
@@ -107,7 +97,7 @@ final class Serve {
         return server;
     }
 
-    private void handle(HttpExchange exchange) throws IOException {
+    private void handle(ServeExchange exchange) throws IOException {
         try (exchange) {
             String method = exchange.getRequestMethod();
             String path = exchange.getRequestURI().getPath();
@@ -179,7 +169,7 @@ final class Serve {
         return figures;
     }
 
-    private static void reply(HttpExchange exchange, int status, String contentType, String body) throws IOException {
+    private static void reply(ServeExchange exchange, int status, String contentType, String body) throws IOException {
         byte[] bytes = body.getBytes(StandardCharsets.UTF_8);
         exchange.getResponseHeaders().set("Content-Type", contentType);
         boolean head = exchange.getRequestMethod().equals("HEAD");

@@ -1,0 +1,199 @@
+// The host pass's reading of the control-area files (ControlAreaScan) against the rules of every
+// scan of them: each case of the table is laid out twice, once for the scan and once for the full
+// scan followed by a copy of each listed file (what the pass did before), and both must copy
+// exactly the files the table expects and leave exactly the files it expects. Folders are private
+// to the test. And the process facts that the scan reads in one open of /proc/<pid>/stat equal
+// what the separate probes answer.
+#include "controlAreaCopy.h"
+#include "controlAreaScan.h"
+#include "sharedFile.h"
+#include "sharedUtils.h"
+#include "testSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <set>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+using J2SE::ControlAreaCopy;
+using J2SE::cstring;
+
+namespace {
+
+const size_t FIRST_BYTES = 64 * 1024;
+
+enum Kind { TAGGED, EMPTY, FOLDER, FIFO, LINK, SOCKET };
+enum Listed { NEVER, ALWAYS, AS_ROOT };  // AS_ROOT: root may open it, or owns the process
+
+struct Spec {
+    std::string name;
+    Kind kind;
+    bool foreign;  // given to user 65534: root only, the case is left out otherwise
+    mode_t mode;
+    Listed listed;
+    bool kept;
+};
+
+// A tagged file holds its own name behind the 8-byte lead-in, so a copy tells where it came from.
+bool make(const noxtest::ScopedDir& dir, const Spec& spec) {
+    std::string path = dir.file(spec.name);
+    bool made = false;
+    switch (spec.kind) {
+        case TAGGED: {
+            std::string bytes = std::string(8, '\0') + spec.name + std::string(64, '\0');
+            int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+            made = fd >= 0 && write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+            if (fd >= 0) close(fd);
+            break;
+        }
+        case EMPTY: made = noxtest::write_file(path, 0); break;
+        case FOLDER: made = mkdir(path.c_str(), 0700) == 0; break;
+        case FIFO: made = mkfifo(path.c_str(), 0600) == 0; break;
+        case LINK: made = symlink(dir.file("target").c_str(), path.c_str()) == 0; break;
+        case SOCKET: made = noxtest::make_socket_file(path); break;
+    }
+    if (made && spec.mode != 0) made = chmod(path.c_str(), spec.mode) == 0;
+    if (made && spec.foreign) made = chown(path.c_str(), 65534, 65534) == 0;
+    return made;
+}
+
+std::string pattern(const noxtest::ScopedDir& dir) {
+    return dir.path() + "/nox_jvm_%d_%d";
+}
+
+std::string tag_of(const ControlAreaCopy& copy) {
+    const char* bytes = static_cast<const char*>(copy.block());
+    return std::string(bytes, strnlen(bytes, copy.size()));
+}
+
+// What the pass copies through the scan; each copy's start is checked on the way.
+std::set<std::string> copied_by_scan(const noxtest::ScopedDir& dir) {
+    J2SE::ControlAreaScan scan(cstring(pattern(dir).c_str()));
+    ControlAreaCopy copy;
+    int pid = 0;
+    uint64_t start = 0;
+    std::set<std::string> tags;
+    while (scan.next(FIRST_BYTES, &pid, &start, &copy)) {
+        EXPECT_EQ(start, J2SE::SharedUtils::creationtime_of_process(pid)) << tag_of(copy);
+        tags.insert(tag_of(copy));
+    }
+    return tags;
+}
+
+// What the pass copied before: the full scan (no write access asked), then a copy of each file.
+std::set<std::string> copied_after_full_scan(const noxtest::ScopedDir& dir) {
+    J2SE::cvector<J2SE::SharedFile> files(8);
+    J2SE::StdStaleSharedFileHandler handler;
+    J2SE::SharedFile::get_shared_files(files, cstring(pattern(dir).c_str()), false, false, nullptr, true, handler);
+    std::set<std::string> tags;
+    for (int i = 0; i < files.size(); i++) {
+        ControlAreaCopy copy;
+        if (copy.open_and_copy(files[i].get_file_name(), FIRST_BYTES)) tags.insert(tag_of(copy));
+    }
+    return tags;
+}
+
+std::set<std::string> names_in(const noxtest::ScopedDir& dir) {
+    std::set<std::string> names;
+    DIR* folder = opendir(dir.path().c_str());
+    while (struct dirent* entry = folder != nullptr ? readdir(folder) : nullptr) {
+        std::string name = entry->d_name;
+        if (name != "." && name != ".." && name != "target") names.insert(name);
+    }
+    if (folder != nullptr) closedir(folder);
+    return names;
+}
+
+std::string name(int uid, long pid, const std::string& suffix = "") {
+    return "nox_jvm_" + std::to_string(uid) + "_" + std::to_string(pid) + suffix;
+}
+
+// Lays `specs` out in two folders (the files of `later` a second after the others, since change
+// times count in whole seconds), runs both readings and checks both against the table.
+void check(const char* what, const std::vector<Spec>& specs, const std::vector<Spec>& later = {}) {
+    bool root = geteuid() == 0;
+    noxtest::ScopedDir scanned;
+    noxtest::ScopedDir full;
+    std::set<std::string> listed;
+    std::set<std::string> kept;
+    for (const std::vector<Spec>* group : {&specs, &later}) {
+        if (group == &later && !later.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+        for (const Spec& spec : *group) {
+            if (spec.foreign && !root) continue;
+            ASSERT_TRUE(make(scanned, spec) && make(full, spec)) << what << ": " << spec.name;
+            if (spec.listed == ALWAYS || (spec.listed == AS_ROOT && root)) listed.insert(spec.name);
+            if (spec.kept) kept.insert(spec.name);
+        }
+    }
+    ASSERT_TRUE(noxtest::write_file(scanned.file("target"), 10) && noxtest::write_file(full.file("target"), 10));
+    EXPECT_EQ(copied_by_scan(scanned), listed) << what << ": copied by the scan";
+    EXPECT_EQ(names_in(scanned), kept) << what << ": left by the scan";
+    EXPECT_EQ(copied_after_full_scan(full), listed) << what << ": copied after the full scan";
+    EXPECT_EQ(names_in(full), kept) << what << ": left by the full scan";
+}
+
+}  // namespace
+
+TEST(ControlAreaScan, CopiesAndRemovesWhatTheFullScanDoes) {
+    noxtest::LiveChild live;
+    noxtest::LiveChild socket_owner;
+    noxtest::LiveChild locked_owner;
+    noxtest::LiveChild foreign_owner;
+    pid_t dead = noxtest::reaped_child_pid();
+    pid_t dead_foreign = noxtest::reaped_child_pid();
+    check("one file per pid",
+          {{name(100, live.pid()), TAGGED, false, 0, ALWAYS, true},
+           {name(100, dead), TAGGED, false, 0, NEVER, false},
+           {name(65534, dead_foreign), TAGGED, true, 0, NEVER, true},
+           {name(5, getpid()), EMPTY, false, 0, NEVER, true},
+           // Not files: never listed, never deleted, and no second file of their pid.
+           {name(1, dead), FOLDER, false, 0, NEVER, true},
+           {name(2, dead), FIFO, false, 0, NEVER, true},
+           {name(3, dead), LINK, false, 0, NEVER, true},
+           {name(5, socket_owner.pid()), SOCKET, false, 0, NEVER, true},
+           // Not names of the family.
+           {name(4, dead, ".bak"), TAGGED, false, 0, NEVER, true},
+           {"nox_jvm_1_99999999999", TAGGED, false, 0, NEVER, true},
+           {"nox_jvm_1_-5", TAGGED, false, 0, NEVER, true},
+           {"nox_jvm_1_0", TAGGED, false, 0, NEVER, true},
+           // The owner rule: pid 1 is root's; a file of another user is not its process's.
+           {name(7, 1), TAGGED, false, 0, AS_ROOT, true},
+           {name(65534, foreign_owner.pid()), TAGGED, true, 0, NEVER, true},
+           // A file that cannot be opened for writing is skipped (only root may).
+           {name(100, locked_owner.pid()), TAGGED, false, 0400, AS_ROOT, true}});
+
+    // Several files of one pid: the newest of the process owner's counts, the older goes; a
+    // newer file planted by another user neither counts nor makes the own one go.
+    check("several files of one pid",
+          {{name(100, live.pid()), TAGGED, false, 0, NEVER, false},
+           {name(0, getpid()), TAGGED, false, 0, ALWAYS, true},
+           {name(100, dead), TAGGED, false, 0, NEVER, false}},
+          {{name(200, live.pid()), TAGGED, false, 0, ALWAYS, true},
+           {name(65534, getpid()), TAGGED, true, 0, NEVER, true}});
+}
+
+TEST(ControlAreaScan, ProcessFactsAgreeWithTheSeparateProbes) {
+    noxtest::LiveChild child;
+    pid_t dead = noxtest::reaped_child_pid();
+    for (int pid : {static_cast<int>(getpid()), static_cast<int>(child.pid()), 1, static_cast<int>(dead), 0, -1}) {
+        for (bool with_owner : {true, false}) {
+            J2SE::ProcessFacts facts = J2SE::SharedUtils::process_facts(pid, with_owner);
+            EXPECT_EQ(facts.exists, J2SE::SharedUtils::process_exists(pid)) << pid;
+            EXPECT_EQ(facts.start, J2SE::SharedUtils::creationtime_of_process(pid)) << pid;
+            struct stat folder;
+            bool visible = pid > 0 && stat(("/proc/" + std::to_string(pid)).c_str(), &folder) == 0;
+            EXPECT_EQ(facts.owner_known, with_owner && visible) << pid;
+            if (facts.owner_known) {
+                EXPECT_EQ(facts.owner, folder.st_uid) << pid;
+            }
+        }
+    }
+}
