@@ -24,7 +24,7 @@ import io
 import json
 import os
 import re
-import shutil
+import signal
 import subprocess
 import sys
 import tarfile
@@ -190,7 +190,9 @@ def prepare(args, mutants):
     if args.wide:
         selection = []
     else:
-        selection = ["-R", "|".join(f"(?:{m['kill']})" for m in mutants if m.get("status") != "pending")]
+        selection = ["-R", "|".join(f"({m['kill']})" for m in mutants if m.get("status") != "pending")]
+    if not tests_of(build, selection):
+        sys.exit("the selection names no test of this tree: " + " ".join(selection))
     failures = run_tests(build, selection, log, args.jobs)
     if failures:
         print("failing before any mutation (left out of the verdicts): " + ", ".join(failures), flush=True)
@@ -243,6 +245,8 @@ def main():
     parser.add_argument("--compare", nargs=2, metavar=("OLD", "NEW"), help="print the table of two results files")
     parser.add_argument("--check", action="store_true", help="only check that every mutant's text is in the tree once")
     args = parser.parse_args()
+    # A pass ended with SIGTERM still puts the mutated file back (the finally in try_mutant).
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
 
     mutants = load_mutants(args.mutants)
     if args.compare:
