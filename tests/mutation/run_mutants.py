@@ -187,12 +187,14 @@ def prepare(args, mutants):
     if run(["cmake", "--preset", "release"], log, cwd=scratch) != 0 or \
             run(["cmake", "--build", str(build), "-j", str(args.jobs)], log) != 0:
         sys.exit(f"the unmutated tree does not build: see {log}")
-    if args.wide:
-        selection = []
-    else:
-        selection = ["-R", "|".join(f"({m['kill']})" for m in mutants if m.get("status") != "pending")]
-    if not tests_of(build, selection):
-        sys.exit("the selection names no test of this tree: " + " ".join(selection))
+    selection = []
+    if not args.wide:
+        # The union of the mutants' selections, by name: CTest's regular expressions allow only a
+        # few groups, too few to join the selections themselves.
+        names = {t["name"] for m in mutants if m.get("status") != "pending" for t in tests_of(build, selection_of(m, False))}
+        if not names:
+            sys.exit("the mutants' selections name no test of this tree")
+        selection = ["-R", "^(" + "|".join(sorted(re.escape(n) for n in names)) + ")$"]
     failures = run_tests(build, selection, log, args.jobs)
     if failures:
         print("failing before any mutation (left out of the verdicts): " + ", ".join(failures), flush=True)
