@@ -130,7 +130,7 @@ def targets_of(build, tests):
 
 def run_tests(build, selection, log, jobs):
     """Runs the selection under the suite lock; returns the names of the tests that failed."""
-    command = ["flock", LOCK, "ctest", "--test-dir", str(build), "-j", str(jobs), *selection]
+    command = ["flock", LOCK, "ctest", "--test-dir", str(build), "--output-on-failure", "-j", str(jobs), *selection]
     with open(log, "a") as out:
         out.write("$ " + " ".join(command) + "\n")
         out.flush()
@@ -168,7 +168,13 @@ def try_mutant(mutant, scratch, build, args, baseline_failures, log):
         if run(["cmake", "--build", str(build), "-j", str(args.jobs), "--target", *targets], log) != 0:
             return {"status": "invalid", "killers": []}
         failed = [t for t in run_tests(build, selection, log, args.jobs) if t not in baseline_failures]
-        return {"status": "killed" if failed else "survived", "killers": failed}
+        if not failed:
+            return {"status": "survived", "killers": []}
+        # A test that fails once may be a flaky one: only a test that fails again counts.
+        again = run_tests(build, ["-R", "^(" + "|".join(re.escape(t) for t in failed) + ")$"], log, args.jobs)
+        killers = [t for t in failed if t in again]
+        flaky = [t for t in failed if t not in again]
+        return {"status": "killed" if killers else "survived", "killers": killers, "flaky": flaky}
     finally:
         path.write_bytes(original.encode())
 
@@ -274,7 +280,8 @@ def main():
         result = try_mutant(mutant, scratch, build, args, baseline_failures, log)
         result.update(id=mutant["id"], seconds=round(time.monotonic() - started))
         results.append(result)
-        print(f"{mutant['id']:44} {result['status']:9} {', '.join(result['killers'][:3])}", flush=True)
+        flaky = f" (failed once only: {', '.join(result['flaky'])})" if result.get("flaky") else ""
+        print(f"{mutant['id']:44} {result['status']:9} {', '.join(result['killers'][:3])}{flaky}", flush=True)
         if args.results:
             Path(args.results).write_text(json.dumps({"tree": name, "wide": args.wide, "results": results}, indent=1))
     survived = [r["id"] for r in results if r["status"] == "survived"]
