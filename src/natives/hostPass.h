@@ -1,7 +1,8 @@
 // One pass over the whole host: every running cluster and every live VM's start, time, memory
 // and debugging records, written as one record stream. Each process-cluster file is copied once
 // (one pread) and each instance-cluster segment attached once; the host's segment list is read
-// once to learn which instance clusters exist.
+// once to learn which instance clusters exist, and each VM's /proc/<pid>/stat once to learn
+// whether it is alive, who owns it and when it started (see ControlAreaScan).
 //
 // The stream, big-endian as every record (booleans 1 byte, ints 4, longs 8):
 //   int format version (HOST_PASS_FORMAT)

@@ -28,9 +28,14 @@ public final class Main {
               serve [--port N] [--bind ADDR] every VM of this host as Prometheus metrics at
                                             http://ADDR:N/metrics (default 127.0.0.1:9471)
               watch                         VMs appearing and vanishing, one line each, until interrupted
-              attach PID [OPTIONS]          load nox-agent.jar into a running VM of the same user, so it
+              attach PID [OPTIONS]          load nox-agent.jar into a running VM (own, or any as root), so it
                                             publishes a control area (OPTIONS e.g. refresh=500,tag=web)
               counters PID [NAME ...]       a HotSpot VM's performance counters (all, or those named)
+              jcmd [--timeout S] PID [COMMAND [ARGS]]  run a diagnostic command in a HotSpot VM, as jcmd does
+              threads PID [ARGS]            its thread dump (Thread.print)
+              histo PID [ARGS]              its class histogram (GC.class_histogram)
+              flags PID                     all its flags with their origins (VM.flags -all)
+              props PID                     its system properties (VM.system_properties)
               help                          this text
             VM is a pid, or type:id:slot with type process (1) or instance (2), e.g. instance:84:0.
             --json writes the result as JSON on stdout; messages always go to stderr.
@@ -127,6 +132,9 @@ public final class Main {
             }
             case "attach" -> {
                 return Attach.parse(rest, json, out);
+            }
+            case "jcmd", "threads", "histo", "flags", "props" -> {
+                return Jcmd.parse(name, rest, json, out);
             }
             case "counters" -> {
                 if (rest.isEmpty()) {

@@ -1,0 +1,143 @@
+package com.nox.jvm.inspector.cli;
+
+import com.nox.jvm.inspector.attach.AttachClient;
+import com.nox.jvm.inspector.attach.AttachException;
+import com.nox.jvm.inspector.attach.CommandReply;
+
+import java.io.IOException;
+import java.io.InputStream;
+import java.io.InputStreamReader;
+import java.io.OutputStream;
+import java.io.PrintStream;
+import java.io.Reader;
+import java.nio.charset.StandardCharsets;
+import java.time.Duration;
+import java.util.ArrayList;
+import java.util.List;
+
+/**
+ * {@code noxinspect jcmd PID COMMAND [ARGS]} and its shortcuts {@code threads}, {@code histo},
+ * {@code flags} and {@code props}: a diagnostic command run in a HotSpot VM through its attach
+ * listener, its output streamed as {@code jcmd} prints it after its {@code PID:} line. As with
+ * jcmd, the words form one command line, lines of it separated by a newline run one after the
+ * other (up to one that reads {@code stop}), no command at all is {@code help}, and
+ * {@code PerfCounter.print} is read from the VM's performance data, not asked of the VM. A command
+ * the VM rejects ends the run with its message and exit code 1.
+ */
+final class Jcmd {
+    /** A command such as a heap dump may run long before the VM answers. */
+    static final Duration DEFAULT_TIMEOUT = Duration.ofSeconds(120);
+
+    private final PrintStream out;
+    private final boolean json;
+    private final int pid;
+    private final String commandLine;
+    private final Duration timeout;
+
+    private Jcmd(PrintStream out, boolean json, int pid, String commandLine, Duration timeout) {
+        this.out = out;
+        this.json = json;
+        this.pid = pid;
+        this.commandLine = commandLine;
+        this.timeout = timeout;
+    }
+
+    /** {@code name} is jcmd or one of the shortcuts; {@code args} what follows it. */
+    static Runnable parse(String name, List<String> args, boolean json, PrintStream out) {
+        List<String> rest = new ArrayList<>(args);
+        Duration timeout = DEFAULT_TIMEOUT;
+        if (!rest.isEmpty() && rest.get(0).equals("--timeout")) {
+            if (rest.size() < 2) {
+                throw CliError.usage("--timeout takes a number of seconds");
+            }
+            int seconds = Target.number(rest.get(1), "time-out");
+            if (seconds < 1) {
+                throw CliError.usage("the time-out is at least 1 second, not " + seconds);
+            }
+            timeout = Duration.ofSeconds(seconds);
+            rest = rest.subList(2, rest.size());
+        }
+        if (rest.isEmpty()) {
+            throw CliError.usage(name + " takes a pid" + (name.equals("jcmd") ? ", then a diagnostic command" : ""));
+        }
+        int pid = Target.number(rest.get(0), "pid");
+        if (pid <= 0) {
+            throw CliError.usage("a pid is a positive number, not " + rest.get(0));
+        }
+        List<String> words = new ArrayList<>();
+        switch (name) {
+            case "threads" -> words.add("Thread.print");
+            case "histo" -> words.add("GC.class_histogram");
+            case "flags" -> words.addAll(List.of("VM.flags", "-all"));
+            case "props" -> words.add("VM.system_properties");
+            default -> {
+            }
+        }
+        words.addAll(rest.subList(1, rest.size()));
+        String line = words.isEmpty() ? "help" : String.join(" ", words);
+        if (json && line.indexOf('\n') >= 0) {
+            throw CliError.usage("--json runs one command line, not several");
+        }
+        if (words.contains("PerfCounter.print")) {
+            return () -> new Commands(out, json).counters(pid, List.of());
+        }
+        return new Jcmd(out, json, pid, line, timeout)::run;
+    }
+
+    private void run() {
+        for (String line : commandLine.split("\n")) {
+            if (line.trim().equals("stop")) {
+                break;
+            }
+            runLine(line);
+        }
+        out.flush();
+    }
+
+    private void runLine(String line) {
+        try (CommandReply reply = AttachClient.jcmd(pid, line, timeout)) {
+            if (!reply.succeeded()) {
+                out.flush();
+                throw CliError.refused(reply.text().strip());
+            }
+            if (json) {
+                writeJson(line, reply);
+            } else if (copy(reply.output(), System.console() != null ? new TerminalSafe(out) : out) == 0) {
+                out.println("Command executed successfully");
+            }
+        } catch (AttachException e) {
+            throw CliError.refused(e.getMessage());
+        } catch (IOException e) {
+            throw CliError.refused("VM pid " + pid + ": " + e.getMessage());
+        }
+    }
+
+    /** Copies the output as it arrives; the number of bytes. */
+    private static long copy(InputStream in, OutputStream to) throws IOException {
+        byte[] chunk = new byte[32 * 1024];
+        long total = 0;
+        for (int n = in.read(chunk); n >= 0; n = in.read(chunk)) {
+            to.write(chunk, 0, n);
+            total += n;
+        }
+        to.flush();
+        return total;
+    }
+
+    /** One object whose output string is written chunk by chunk as the VM sends it. */
+    private void writeJson(String line, CommandReply reply) throws IOException {
+        StringBuilder head = new StringBuilder("{\n  \"pid\": ").append(pid).append(",\n  \"command\": ");
+        Json.quote(head, line);
+        head.append(",\n  \"status\": ").append(reply.status()).append(",\n  \"output\": \"");
+        out.print(head);
+        Reader text = new InputStreamReader(reply.output(), StandardCharsets.UTF_8);
+        char[] chunk = new char[16 * 1024];
+        StringBuilder quoted = new StringBuilder();
+        for (int n = text.read(chunk); n >= 0; n = text.read(chunk)) {
+            quoted.setLength(0);
+            Json.quote(quoted, new String(chunk, 0, n));
+            out.append(quoted, 1, quoted.length() - 1);
+        }
+        out.print("\"\n}\n");
+    }
+}
