@@ -20,6 +20,7 @@ pending (marked so in the list: its code has not landed yet).
 """
 
 import argparse
+import fcntl
 import io
 import json
 import os
@@ -34,7 +35,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 REPO = HERE.parent.parent
-LOCK = "/tmp/nox-suite.lock"
+LOCK = "/tmp/nox-suite.lock"  # held while tests run, as every test run on this machine does
 # What a Java test class needs besides its own classes.
 JAVA_TARGETS = ["noxjvm_inspector", "noxjvm_inspector_jar", "nox_agent_jar", "noxjvm_inspector_java_tests", "vmsim"]
 FIELDS = {"id", "file", "find", "replace", "description", "kill", "status", "note"}
@@ -128,14 +129,46 @@ def targets_of(build, tests):
     return sorted(targets)
 
 
+def alive(pid):
+    return pid > 0 and os.path.exists(f"/proc/{pid}")
+
+
+def ipc_objects():
+    """This user's System V segments whose creator has ended, and semaphore sets under the key of
+    an ended VM (5000000 + pid * 100) or of a test (0x6e000000 and above): {("m" or "s", id)}."""
+    found = set()
+    with open("/proc/sysvipc/shm") as rows:
+        next(rows)
+        for f in map(str.split, rows):
+            if int(f[7]) == os.geteuid() and not alive(int(f[4])):
+                found.add(("m", int(f[1])))
+    with open("/proc/sysvipc/sem") as rows:
+        next(rows)
+        for f in map(str.split, rows):
+            key = int(f[0])
+            vm_gone = 5000000 < key < 0x6e000000 and key % 100 == 0 and not alive((key - 5000000) // 100)
+            if int(f[4]) == os.geteuid() and (vm_gone or key >= 0x6e000000):
+                found.add(("s", int(f[1])))
+    return found
+
+
 def run_tests(build, selection, log, jobs):
-    """Runs the selection under the suite lock; returns the names of the tests that failed."""
-    command = ["flock", LOCK, "ctest", "--test-dir", str(build), "--output-on-failure", "-j", str(jobs), *selection]
-    with open(log, "a") as out:
+    """Runs the selection under the suite lock; returns the names of the tests that failed.
+    A test that a mutant crashes or hangs leaves its segments and semaphore sets behind, and they
+    would fail the next runs: what this run's tests made and left is removed before the lock is
+    given back (no other test runs while it is held)."""
+    command = ["ctest", "--test-dir", str(build), "--output-on-failure", "-j", str(jobs), *selection]
+    with open(log, "a") as out, open(LOCK, "a") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        before = ipc_objects()
         out.write("$ " + " ".join(command) + "\n")
         out.flush()
         result = subprocess.run(command, capture_output=True, text=True)
         out.write(result.stdout + result.stderr)
+        for kind, ident in sorted(ipc_objects() - before):
+            out.write(f"removing System V object left behind: ipcrm -{kind} {ident}\n")
+            subprocess.run(["ipcrm", f"-{kind}", str(ident)], stdout=out, stderr=subprocess.STDOUT)
+        fcntl.flock(lock, fcntl.LOCK_UN)
     failed = []
     if "The following tests FAILED:" in result.stdout:
         listed = result.stdout.split("The following tests FAILED:")[-1]
