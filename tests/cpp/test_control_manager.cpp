@@ -148,29 +148,31 @@ TEST(ControlAreaManager, ExitRequestEndsOneVmOfAnInstanceCluster) {
 }
 
 TEST(ClusterDiscovery, ListsWhatIsPublishedInOrderUntilItEnds) {
-    int pids[4] = {0, 0, 0, 0};
+    std::vector<ClusterInfo_CL> expected;
     {
         Vmsim process({"--type", "process", "--width", "32"});
         Vmsim later({"--type", "instance", "--id", "33", "--slots", "2"});
         Vmsim earlier({"--type", "instance", "--id", "31", "--width", "32"});
-        Vmsim never({"--type", "instance", "--id", "99"});
+        Vmsim never({"--type", "instance", "--id", "99"});  // a good cluster, but id 99 is never listed
         Vmsim wrong_eye({"--type", "process", "--eyecatcher", "0x12345678"});
         Vmsim wrong_major({"--type", "process", "--version", version(4, 17, true)});
         Vmsim two_slots({"--type", "process", "--max-vm-nr", "2"});  // listed whatever its slot count
-        pids[0] = process.pid();
-        pids[1] = wrong_eye.pid();
-        pids[2] = wrong_major.pid();
-        pids[3] = two_slots.pid();
+        expected = {ClusterInfo_CL(true, 0x00060022, CLUSTER_TYPE_INSTANCE, 31),
+                    ClusterInfo_CL(true, 0x00060023, CLUSTER_TYPE_INSTANCE, 33),
+                    ClusterInfo_CL(true, 0x00060022, CLUSTER_TYPE_PROCESS, process.pid()),
+                    ClusterInfo_CL(false, -1, CLUSTER_TYPE_PROCESS, wrong_eye.pid()),
+                    ClusterInfo_CL(false, std::stoi(version(4, 17, true)), CLUSTER_TYPE_PROCESS, wrong_major.pid()),
+                    ClusterInfo_CL(true, 0x00060023, CLUSTER_TYPE_PROCESS, two_slots.pid())};
         J2SE::cvector<ClusterInfo_CL> found;
         found.push_back(ClusterInfo_CL(false, 12, CLUSTER_TYPE_UNKNOWN, 12345));  // kept: the list is appended to
         std::vector<ClusterInfo_CL> list = running_clusters(found);
         EXPECT_EQ(ClusterInfo_CL(false, 12, CLUSTER_TYPE_UNKNOWN, 12345), list[0]);
-        int i31 = index_of(list, CLUSTER_TYPE_INSTANCE, 31);
-        int i33 = index_of(list, CLUSTER_TYPE_INSTANCE, 33);
-        int ip = index_of(list, CLUSTER_TYPE_PROCESS, process.pid());
-        ASSERT_TRUE(i31 > 0 && i33 > 0 && ip > 0);
-        EXPECT_LT(i31, i33);
-        EXPECT_EQ(-1, index_of(list, CLUSTER_TYPE_INSTANCE, 99));  // the cluster is fine, the id is never listed
+        for (const ClusterInfo_CL& e : expected) {
+            int i = index_of(list, e._type, e._id);
+            ASSERT_GT(i, 0) << e._id;
+            EXPECT_EQ(e, list[i]);
+        }
+        EXPECT_EQ(-1, index_of(list, CLUSTER_TYPE_INSTANCE, 99));
         EXPECT_TRUE(ControlAreaManager_CL(cluster_of(never)).is_valid());
         // Every instance entry comes before every process entry, in ascending id.
         bool in_processes = false;
@@ -182,21 +184,10 @@ TEST(ClusterDiscovery, ListsWhatIsPublishedInOrderUntilItEnds) {
             EXPECT_GT(list[i]._id, last_id);
             last_id = list[i]._id;
         }
-        EXPECT_EQ(ClusterInfo_CL(true, 0x00060022, CLUSTER_TYPE_INSTANCE, 31), list[i31]);
-        EXPECT_EQ(ClusterInfo_CL(true, 0x00060023, CLUSTER_TYPE_INSTANCE, 33), list[i33]);
-        EXPECT_EQ(ClusterInfo_CL(true, 0x00060022, CLUSTER_TYPE_PROCESS, process.pid()), list[ip]);
-        int major4 = std::stoi(version(4, 17, true));
-        EXPECT_EQ(ClusterInfo_CL(false, -1, CLUSTER_TYPE_PROCESS, pids[1]), list[index_of(list, CLUSTER_TYPE_PROCESS, pids[1])]);
-        EXPECT_EQ(ClusterInfo_CL(false, major4, CLUSTER_TYPE_PROCESS, pids[2]),
-                  list[index_of(list, CLUSTER_TYPE_PROCESS, pids[2])]);
-        EXPECT_EQ(ClusterInfo_CL(true, 0x00060023, CLUSTER_TYPE_PROCESS, pids[3]),
-                  list[index_of(list, CLUSTER_TYPE_PROCESS, pids[3])]);
     }
     J2SE::cvector<ClusterInfo_CL> found;
     std::vector<ClusterInfo_CL> list = running_clusters(found);
-    EXPECT_EQ(-1, index_of(list, CLUSTER_TYPE_INSTANCE, 31));
-    EXPECT_EQ(-1, index_of(list, CLUSTER_TYPE_INSTANCE, 33));
-    for (int pid : pids) EXPECT_EQ(-1, index_of(list, CLUSTER_TYPE_PROCESS, pid));
+    for (const ClusterInfo_CL& e : expected) EXPECT_EQ(-1, index_of(list, e._type, e._id)) << e._id;
 }
 
 TEST(ClusterDiscovery, LiveCountDiscountsSlotsOfEndedVms) {

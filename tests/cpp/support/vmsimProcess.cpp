@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
+#include <sstream>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -24,14 +25,9 @@ const char* vmsim_path() {
 
 std::vector<int> int_list(const std::string& text) {
     std::vector<int> out;
-    if (text.empty() || text == "-") return out;
-    size_t start = 0;
-    for (;;) {
-        size_t comma = text.find(',', start);
-        out.push_back(std::atoi(text.substr(start, comma - start).c_str()));
-        if (comma == std::string::npos) break;
-        start = comma + 1;
-    }
+    std::istringstream items(text == "-" ? "" : text);
+    std::string item;
+    while (std::getline(items, item, ',')) out.push_back(std::atoi(item.c_str()));
     return out;
 }
 
@@ -75,14 +71,11 @@ Vmsim::Vmsim(const std::vector<std::string>& args) : _pid(-1), _in(-1), _out(-1)
         terminate();
         throw std::runtime_error(what);
     }
-    size_t pos = 0;
-    while (pos < _ready.size()) {
-        size_t space = _ready.find(' ', pos);
-        std::string item = _ready.substr(pos, space == std::string::npos ? std::string::npos : space - pos);
+    std::istringstream items(_ready);
+    std::string item;
+    while (items >> item) {
         size_t equals = item.find('=');
         if (equals != std::string::npos) _fields[item.substr(0, equals)] = item.substr(equals + 1);
-        if (space == std::string::npos) break;
-        pos = space + 1;
     }
 }
 
