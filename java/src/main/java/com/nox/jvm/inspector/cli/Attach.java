@@ -3,6 +3,7 @@ package com.nox.jvm.inspector.cli;
 import com.nox.jvm.inspector.attach.AttachClient;
 import com.nox.jvm.inspector.cluster.VmInspector;
 import com.nox.jvm.inspector.cluster.VmInspector.Vm;
+import com.nox.jvm.inspector.host.Names;
 
 import java.io.IOException;
 import java.io.PrintStream;
@@ -157,10 +158,10 @@ final class Attach {
     }
 
     private void report(Vm vm, boolean attached) {
-        String where = Commands.clusterName(vm.ref()) + ":" + vm.ref().slot();
+        String where = Names.cluster(vm.ref()) + ":" + vm.ref().slot();
         if (json) {
             out.print(new Json().beginObject().name("pid").value(vm.pid()).name("attached").value(attached)
-                    .name("publishing").value(true).name("cluster").value(Commands.clusterName(vm.ref()))
+                    .name("publishing").value(true).name("cluster").value(Names.cluster(vm.ref()))
                     .name("slot").value(vm.ref().slot()).endObject());
         } else if (attached) {
             out.println("VM pid " + vm.pid() + " now publishes its control area (" + where + ").");

@@ -3,6 +3,7 @@ package com.nox.jvm.inspector.cli;
 import com.nox.jvm.inspector.attach.AttachClient;
 import com.nox.jvm.inspector.attach.AttachException;
 import com.nox.jvm.inspector.attach.CommandReply;
+import com.nox.jvm.inspector.host.Host;
 
 import java.io.IOException;
 import java.io.InputStream;
@@ -24,7 +25,7 @@ import java.util.List;
  * {@code PerfCounter.print} is read from the VM's performance data, not asked of the VM. A command
  * the VM rejects ends the run with its message and exit code 1.
  */
-final class Jcmd {
+final class Jcmd implements Runnable {
     /** A command such as a heap dump may run long before the VM answers. */
     static final Duration DEFAULT_TIMEOUT = Duration.ofSeconds(120);
 
@@ -50,20 +51,14 @@ final class Jcmd {
             if (rest.size() < 2) {
                 throw CliError.usage("--timeout takes a number of seconds");
             }
-            int seconds = Target.number(rest.get(1), "time-out");
-            if (seconds < 1) {
-                throw CliError.usage("the time-out is at least 1 second, not " + seconds);
-            }
+            int seconds = positive(rest.get(1), "time-out");
             timeout = Duration.ofSeconds(seconds);
             rest = rest.subList(2, rest.size());
         }
         if (rest.isEmpty()) {
             throw CliError.usage(name + " takes a pid" + (name.equals("jcmd") ? ", then a diagnostic command" : ""));
         }
-        int pid = Target.number(rest.get(0), "pid");
-        if (pid <= 0) {
-            throw CliError.usage("a pid is a positive number, not " + rest.get(0));
-        }
+        int pid = positive(rest.get(0), "pid");
         List<String> words = new ArrayList<>();
         switch (name) {
             case "threads" -> words.add("Thread.print");
@@ -79,12 +74,32 @@ final class Jcmd {
             throw CliError.usage("--json runs one command line, not several");
         }
         if (words.contains("PerfCounter.print")) {
-            return () -> new Commands(out, json).counters(pid, List.of());
+            return () -> CountersCommand.run(new Host(), pid, List.of(), new Output(out, json));
         }
-        return new Jcmd(out, json, pid, line, timeout)::run;
+        return new Jcmd(out, json, pid, line, timeout);
     }
 
-    private void run() {
+    /**
+     * A number from 1 to Integer.MAX_VALUE in plain digits. Parsed by hand: this command is over in
+     * some 50 ms, a few of which the regular-expression and lambda machinery would add.
+     */
+    private static int positive(String text, String what) {
+        long value = 0;
+        for (int i = 0; i < text.length() && value <= Integer.MAX_VALUE; i++) {
+            char c = text.charAt(i);
+            if (c < '0' || c > '9') {
+                throw CliError.usage(what + " must be a positive number, not '" + text + "'");
+            }
+            value = value * 10 + (c - '0');
+        }
+        if (text.isEmpty() || value < 1 || value > Integer.MAX_VALUE) {
+            throw CliError.usage(what + " must be a positive number, not '" + text + "'");
+        }
+        return (int) value;
+    }
+
+    @Override
+    public void run() {
         for (String line : commandLine.split("\n")) {
             if (line.trim().equals("stop")) {
                 break;
