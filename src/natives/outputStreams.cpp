@@ -4,7 +4,7 @@
 #include <cstring>
 
 ByteArrayOutputStream_CL::ByteArrayOutputStream_CL(size_t initial_capacity)
-    : _onCHeap(true), _data(nullptr), _end(nullptr), _pos(nullptr) {
+    : _data(nullptr), _end(nullptr), _pos(nullptr) {
     _data = static_cast<unsigned char*>(malloc(initial_capacity));
     _end = _data != nullptr ? _data + initial_capacity : nullptr;
     _pos = _data;

@@ -58,7 +58,6 @@ public:
 private:
     void* acquire_growing(size_t n);
 
-    bool _onCHeap;
     unsigned char* _data;
     unsigned char* _end;
     unsigned char* _pos;
