@@ -14,10 +14,6 @@ ByteArrayOutputStream_CL::~ByteArrayOutputStream_CL() {
     if (_data != nullptr) free(_data);
 }
 
-void* ByteArrayOutputStream_CL::grow_block(void* block, size_t capacity) {
-    return realloc(block, capacity);
-}
-
 void* ByteArrayOutputStream_CL::acquire_growing(size_t n) {
     size_t used = size();
     size_t current = capacity();
@@ -26,7 +22,7 @@ void* ByteArrayOutputStream_CL::acquire_growing(size_t n) {
         if (wanted > (static_cast<size_t>(-1) >> 1)) return nullptr;  // doubling would overflow
         wanted *= 2;
     }
-    unsigned char* block = static_cast<unsigned char*>(grow_block(_data, wanted));
+    unsigned char* block = static_cast<unsigned char*>(realloc(_data, wanted));
     if (block == nullptr) return nullptr;
     _data = block;
     _end = block + wanted;
