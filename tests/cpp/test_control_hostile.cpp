@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
@@ -108,8 +109,17 @@ void read_everything(const ControlAreaManager_CL& manager) {
 // A segment this test creates and removes, under an instance-cluster key of its own.
 class TestSegment {
 public:
-    TestSegment(int id, const std::vector<unsigned char>& bytes) : _id(-1) {
-        _id = shmget(4500000 + id * 100, bytes.size(), IPC_CREAT | IPC_EXCL | 0600);
+    TestSegment(int id, const std::vector<unsigned char>& bytes) : _id(-1), _errno(0) {
+        key_t key = 4500000 + id * 100;
+        _id = shmget(key, bytes.size(), IPC_CREAT | IPC_EXCL | 0600);
+        if (_id == -1 && errno == EEXIST) {
+            // A segment left by an earlier run that was killed: removed if nobody is attached.
+            int stale = shmget(key, 0, 0);
+            struct shmid_ds ds;
+            if (stale != -1 && shmctl(stale, IPC_STAT, &ds) == 0 && ds.shm_nattch == 0) shmctl(stale, IPC_RMID, nullptr);
+            _id = shmget(key, bytes.size(), IPC_CREAT | IPC_EXCL | 0600);
+        }
+        _errno = _id == -1 ? errno : 0;
         void* address = _id == -1 ? nullptr : shmat(_id, nullptr, 0);
         if (address == nullptr || address == reinterpret_cast<void*>(-1)) return;
         memcpy(address, bytes.data(), bytes.size());
@@ -119,9 +129,11 @@ public:
         if (_id != -1) shmctl(_id, IPC_RMID, nullptr);
     }
     bool ok() const { return _id != -1; }
+    std::string error() const { return strerror(_errno); }
 
 private:
     int _id;
+    int _errno;
 };
 
 }  // namespace
@@ -197,7 +209,7 @@ TEST(HostileBlocks, MutatedHeadersThroughARealSegmentAndARealFile) {
         Header h;
         std::vector<unsigned char> block = random_block(r, &h);
         TestSegment segment(50, block);
-        ASSERT_TRUE(segment.ok()) << "instance-cluster id 50 is in use on this host";
+        ASSERT_TRUE(segment.ok()) << "segment of instance-cluster id 50, " << block.size() << " bytes: " << segment.error();
         ClusterInfo_CL instance(false, -1, CLUSTER_TYPE_INSTANCE, 50);
         BasicInstanceControlArea_CL basic(instance);
         if (basic.is_accepted()) basic.get_control_area_size();
