@@ -11,8 +11,9 @@ import java.util.List;
 
 /**
  * {@code noxinspect list}: every VM of the host once, from one snapshot. The table shows a VM with
- * both sources in its cluster's row, marked {@code +hotspot}; JSON has the running clusters and
- * every VM in the shape of {@link VmDocs#vm}, with its debugging state.
+ * both sources in its cluster's row, marked {@code +hotspot}, and a control area that another user
+ * owns than the process it names with that user's uid; JSON has the running clusters and every VM
+ * in the shape of {@link VmDocs#vm}, with its debugging state.
  */
 final class ListCommand {
     private ListCommand() {
@@ -42,6 +43,10 @@ final class ListCommand {
                 .map(d -> Names.debuggingState(d.state(), d.stateCode())).orElse(null);
         String cluster = vm.controlArea().isPresent() && vm.hotspot().isPresent()
                 ? vm.clusterName() + "+" + HostVm.HOTSPOT : vm.clusterName();
+        if (vm.controlArea().isPresent() && !vm.controlAreaIsOwn()) {
+            // Another user's control area that names this process: said, since its facts are that user's.
+            cluster += "(uid " + vm.controlArea().get().ownerUid() + ")";
+        }
         return new Doc().text("CLUSTER", cluster).text(">SLOT", vm.slot()).text(">PID", vm.pid())
                 .text(">VM-ID", vm.vmId()).text("VERSION", vm.version()).text("MAIN-CLASS", vm.mainClass())
                 .text("DEBUGGING", debugging).text(">UPTIME", vm.uptimeSeconds(now), Doc.Show.DURATION)
