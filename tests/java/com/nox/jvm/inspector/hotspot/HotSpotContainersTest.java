@@ -142,7 +142,7 @@ class HotSpotContainersTest {
             assertTrue(list.lines().anyMatch(l -> List.of(l.trim().split("\\s+")).contains(pid)
                     && l.contains(JdkVm.MAIN_CLASS)), list);
             String info = noxinspect("info", pid);
-            assertTrue(info.lines().anyMatch(l -> l.matches("\\s*pid in its namespace\\W+1")), info);
+            assertTrue(info.lines().anyMatch(l -> l.matches("\\s*pid in ns\\W+1")), info);
             assertTrue(noxinspect("counters", pid, "sun.rt.javaCommand").contains(JdkVm.MAIN_CLASS + " contained"));
         }
         // Ended with its namespace: no longer listed.
