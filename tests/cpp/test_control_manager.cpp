@@ -2,6 +2,7 @@
 // headers are accepted, blocks shorter than they promise, slots whose VM has ended, and the list
 // of running clusters. Instance-cluster ids: see vmsimProcess.h.
 #include "basicInstanceControlArea.h"
+#include "clusterQueries.h"
 #include "controlAreaManager.h"
 #include "testSupport.h"
 #include "vmsimProcess.h"
@@ -122,6 +123,22 @@ TEST(ControlAreaManager, OnlySlotsInUseAndOnlyLiveVmsAreHandedOut) {
         EXPECT_EQ(nullptr, manager.get_control_area_raw(outside));
         EXPECT_EQ(nullptr, manager.get_control_area(outside, false));
     }
+    // The cluster's details list the live VMs only: slot count, then slot, pid and VM id of each,
+    // then -1.
+    ByteArrayOutputStream_CL details(1024);
+    ASSERT_TRUE(query_cluster_details(16, details));
+    std::vector<int> ints;
+    for (size_t at = 0; at + 4 <= details.size(); at += 4) {
+        const unsigned char* b = details.data() + at;
+        ints.push_back(static_cast<int>((uint32_t(b[0]) << 24) | (uint32_t(b[1]) << 16) | (uint32_t(b[2]) << 8) | b[3]));
+    }
+    ASSERT_EQ(8u, ints.size());
+    EXPECT_EQ(4, ints[0]);
+    EXPECT_EQ(0, ints[1]);
+    EXPECT_EQ(vm.slot_pids()[0], ints[2]);
+    EXPECT_EQ(3, ints[4]);
+    EXPECT_EQ(vm.slot_pids()[3], ints[5]);
+    EXPECT_EQ(-1, ints[7]);
     // A VM that dies after the manager was made is no longer alive.
     int victim = vm.slot_pids()[3];
     ASSERT_NE(nullptr, manager.get_control_area(3, true));
