@@ -1,16 +1,19 @@
 // Fuzz target: a performance-data block as another process could leave it. The bytes are copied
 // into a buffer of exactly their size, so that AddressSanitizer sees any read past the end; the
 // block is walked, searched, turned into figures and written as the records the natives return.
+// Then as the reader copies a file: the used part its prologue names, in a buffer of that size.
 #include "hotspotFigures.h"
 #include "hotspotRecords.h"
 #include "perfDataBuffer.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <vector>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    std::vector<unsigned char> copy(data, data + size);
+namespace {
+
+void walk(const std::vector<unsigned char>& copy) {
     J2SE::PerfDataBuffer block(copy.data(), copy.size());
     (void)block.is_accessible();
 
@@ -29,8 +32,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     read_hotspot_figures(block, &figures);
     J2SE::PerfDataVmRef vm;
     vm.pid = 1;
-    vm.uid = 0;
+    vm.namespace_pid = 1;
     write_hotspot_figures(out, vm, figures);
     write_hotspot_vm_entry(out, vm, figures);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    std::vector<unsigned char> copy(data, data + size);
+    walk(copy);
+    size_t used = 0;
+    if (J2SE::PerfDataBuffer::used_of_prologue(copy.data(), copy.size(), &used) && used <= copy.size()) {
+        walk(std::vector<unsigned char>(copy.begin(), copy.begin() + static_cast<std::ptrdiff_t>(used)));
+    }
     return 0;
 }

@@ -1,7 +1,7 @@
 package com.nox.jvm.inspector.cli;
 
-import com.nox.jvm.inspector.cluster.HostPass;
-import com.nox.jvm.inspector.cluster.VmInspector;
+import com.nox.jvm.inspector.host.Host;
+import com.nox.jvm.inspector.host.HostSnapshot;
 
 import java.io.BufferedReader;
 import java.io.IOException;
@@ -138,7 +138,7 @@ public final class FleetBench {
                 vm.await("READY ");
                 vms.add(vm);
             }
-            VmInspector inspector = new VmInspector();
+            Host host = new Host();
             try (Started serve = noxinspect("serve", "--port", "0")) {
                 String line = serve.await("http://").text();
                 URI uri = URI.create(line.substring(line.indexOf("http://")).trim());
@@ -157,15 +157,15 @@ public final class FleetBench {
                         throw new IllegalStateException("scrape answered " + response.statusCode());
                     }
                     began = System.nanoTime();
-                    HostPass pass = inspector.host();
-                    String text = Metrics.render(pass, Metrics.Format.PROMETHEUS);
+                    HostSnapshot snapshot = host.snapshot();
+                    String text = Metrics.render(snapshot, Exposition.PROMETHEUS);
                     long local = System.nanoTime() - began;
                     if (i >= 50) {  // the first ones warm both JVMs up
                         overHttp.add((double) took);
                         inProcess.add((double) local);
-                        passOnly.add((double) pass.durationNanos());
+                        passOnly.add((double) snapshot.controlAreaNanos());
                         bytes = response.body().length();
-                        found = pass.vms().size();
+                        found = snapshot.vms().size();
                     }
                     if (text.isEmpty()) {
                         throw new IllegalStateException("empty exposition");
@@ -175,8 +175,8 @@ public final class FleetBench {
                         count, found, bytes, scrapes);
                 System.out.println("  over HTTP (noxinspect serve)     median " + ms(median(overHttp)) + ", p90 "
                         + ms(percentile(overHttp, 0.9)));
-                System.out.println("  same pass + rendering, no HTTP   median " + ms(median(inProcess)));
-                System.out.println("  native pass alone                median " + ms(median(passOnly)));
+                System.out.println("  same snapshot + rendering, no HTTP  median " + ms(median(inProcess)));
+                System.out.println("  native control-area pass alone   median " + ms(median(passOnly)));
                 System.out.printf(Locale.ROOT, "  HTTP scrape / in-process work   %.2fx%n",
                         median(overHttp) / median(inProcess));
             }

@@ -28,6 +28,12 @@ JNIEXPORT jbyteArray JNICALL Java_com_nox_jvm_inspector_hotspot_HotSpotNatives_l
     return to_java(env, buffer);
 }
 
+JNIEXPORT jbyteArray JNICALL Java_com_nox_jvm_inspector_hotspot_HotSpotNatives_getHostPass0(JNIEnv* env, jclass) {
+    ByteArrayOutputStream_CL buffer(RECORD_CAPACITY);
+    if (!query_hotspot_host_pass(J2SE::PerfDataHost(), buffer)) return nullptr;
+    return to_java(env, buffer);
+}
+
 JNIEXPORT jbyteArray JNICALL Java_com_nox_jvm_inspector_hotspot_HotSpotNatives_getVm0(JNIEnv* env, jclass, jint pid) {
     ByteArrayOutputStream_CL buffer(RECORD_CAPACITY);
     if (!query_hotspot_vm(J2SE::PerfDataHost(), pid, buffer)) return nullptr;

@@ -10,6 +10,7 @@ using J2SE::PerfCounter;
 using J2SE::PerfDataBuffer;
 using J2SE::PerfDataCursor;
 using J2SE::PerfDataFile;
+using J2SE::JvmProcessRef;
 using J2SE::PerfDataHost;
 using J2SE::PerfDataVmRef;
 
@@ -21,25 +22,25 @@ struct PrologueCounter {
     const char* name;
     int units;
     int variability;
-    int64_t (*value)(const PerfDataBuffer& block);
+    int64_t (*value)(const PerfDataFile& file);
 };
 
 const PrologueCounter PROLOGUE_COUNTERS[] = {
     {"sun.perfdata.majorVersion", J2SE::PERF_UNITS_NONE, J2SE::PERF_CONSTANT,
-     [](const PerfDataBuffer& b) -> int64_t { return b.major_version(); }},
+     [](const PerfDataFile& f) -> int64_t { return f.block().major_version(); }},
     {"sun.perfdata.minorVersion", J2SE::PERF_UNITS_NONE, J2SE::PERF_CONSTANT,
-     [](const PerfDataBuffer& b) -> int64_t { return b.minor_version(); }},
+     [](const PerfDataFile& f) -> int64_t { return f.block().minor_version(); }},
     {"sun.perfdata.overflow", J2SE::PERF_UNITS_BYTES, J2SE::PERF_VARIABLE,
-     [](const PerfDataBuffer& b) -> int64_t { return b.overflow(); }},
+     [](const PerfDataFile& f) -> int64_t { return f.block().overflow(); }},
     {"sun.perfdata.size", J2SE::PERF_UNITS_BYTES, J2SE::PERF_CONSTANT,
-     [](const PerfDataBuffer& b) -> int64_t { return static_cast<int64_t>(b.size()); }},
+     [](const PerfDataFile& f) -> int64_t { return static_cast<int64_t>(f.file_size()); }},
     {"sun.perfdata.timestamp", J2SE::PERF_UNITS_TICKS, J2SE::PERF_VARIABLE,
-     [](const PerfDataBuffer& b) -> int64_t { return b.mod_time_stamp(); }},
+     [](const PerfDataFile& f) -> int64_t { return f.block().mod_time_stamp(); }},
     {"sun.perfdata.used", J2SE::PERF_UNITS_BYTES, J2SE::PERF_VARIABLE,
-     [](const PerfDataBuffer& b) -> int64_t { return static_cast<int64_t>(b.used()); }},
+     [](const PerfDataFile& f) -> int64_t { return static_cast<int64_t>(f.block().used()); }},
 };
 
-PerfCounter prologue_counter(const PrologueCounter& p, const PerfDataBuffer& block) {
+PerfCounter prologue_counter(const PrologueCounter& p, const PerfDataFile& file) {
     PerfCounter c;
     c.name = p.name;
     c.name_length = strlen(p.name);
@@ -47,7 +48,7 @@ PerfCounter prologue_counter(const PrologueCounter& p, const PerfDataBuffer& blo
     c.units = p.units;
     c.variability = p.variability;
     c.flags = 0;
-    c.long_value = p.value(block);
+    c.long_value = p.value(file);
     c.bytes = nullptr;
     c.bytes_length = 0;
     return c;
@@ -60,7 +61,30 @@ bool write_entry(const PerfDataVmRef& vm, const PerfDataBuffer& block, void* con
     return true;
 }
 
+bool write_figures(const PerfDataVmRef& vm, const PerfDataBuffer& block, void* context) {
+    DataOutputStream_CL& data = *static_cast<DataOutputStream_CL*>(context);
+    HotSpotFigures_CL figures;
+    read_hotspot_figures(block, &figures);
+    data.writeInt(HOST_PASS_VM);
+    write_hotspot_figures(data, vm, figures);
+    return data.is_ok();
+}
+
+bool write_process(const JvmProcessRef& process, void* context) {
+    DataOutputStream_CL& data = *static_cast<DataOutputStream_CL*>(context);
+    data.writeInt(HOST_PASS_JVM_PROCESS);
+    write_jvm_process(data, process);
+    return data.is_ok();
+}
+
 }  // namespace
+
+bool query_hotspot_host_pass(const PerfDataHost& host, ByteArrayOutputStream_CL& out) {
+    DataOutputStream_CL data(out);
+    host.for_each_jvm(write_figures, write_process, &data);
+    data.writeInt(HOST_PASS_END);
+    return data.is_ok();
+}
 
 void query_hotspot_vms(const PerfDataHost& host, ByteArrayOutputStream_CL& out) {
     DataOutputStream_CL data(out);
@@ -84,7 +108,7 @@ bool query_hotspot_counters(const PerfDataHost& host, int pid, ByteArrayOutputSt
     if (!host.read_vm(pid, &file, &vm)) return false;
     PerfDataBuffer block = file.block();
     DataOutputStream_CL data(out);
-    for (const PrologueCounter& p : PROLOGUE_COUNTERS) write_hotspot_counter(data, prologue_counter(p, block));
+    for (const PrologueCounter& p : PROLOGUE_COUNTERS) write_hotspot_counter(data, prologue_counter(p, file));
     PerfDataCursor cursor;
     PerfCounter counter;
     while (block.next(&cursor, &counter)) write_hotspot_counter(data, counter);
@@ -100,7 +124,7 @@ bool query_hotspot_counter(const PerfDataHost& host, int pid, const char* name, 
     bool found = false;
     for (const PrologueCounter& p : PROLOGUE_COUNTERS) {
         if (strcmp(p.name, name) == 0) {
-            counter = prologue_counter(p, block);
+            counter = prologue_counter(p, file);
             found = true;
         }
     }

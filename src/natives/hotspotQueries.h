@@ -4,8 +4,12 @@
 #define NOX_NATIVES_HOTSPOT_QUERIES_H
 
 #include "outputStreams.h"
-#include "perfDataFile.h"
+#include "perfDataHost.h"
 
+// Writes the host pass: the figures of every live HotSpot VM whose file the caller may read (each
+// file copied once), then every process that maps libjvm.so without one; false when the record
+// could not be written whole.
+bool query_hotspot_host_pass(const J2SE::PerfDataHost& host, ByteArrayOutputStream_CL& out);
 // Writes one VM entry per live HotSpot VM whose file the caller may read.
 void query_hotspot_vms(const J2SE::PerfDataHost& host, ByteArrayOutputStream_CL& out);
 // Writes the figures of VM `pid`; false when it publishes no readable, live file.

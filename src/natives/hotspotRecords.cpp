@@ -16,10 +16,15 @@ void write_text(DataOutputStream_CL& out, const PerfText_CL& text) {
     write_text(out, text.bytes, text.length);
 }
 
+void write_text(DataOutputStream_CL& out, const J2SE::cstring& text) {
+    write_text(out, reinterpret_cast<const unsigned char*>(text.c_str()), text.length());
+}
+
 void write_user(DataOutputStream_CL& out, const J2SE::PerfDataVmRef& vm) {
     out.writeInt(vm.pid);
+    out.writeInt(vm.namespace_pid);
     out.writeInt(static_cast<int>(vm.uid));
-    write_text(out, reinterpret_cast<const unsigned char*>(vm.user.c_str()), vm.user.length());
+    write_text(out, vm.user);
 }
 
 }  // namespace
@@ -45,6 +50,7 @@ void write_hotspot_figures(DataOutputStream_CL& out, const J2SE::PerfDataVmRef& 
                                f.metaspace_committed, f.metaspace_max,    f.classes_loaded,  f.classes_unloaded,
                                f.threads_live,        f.threads_peak,     f.threads_daemon,  f.threads_started};
     for (int64_t n : numbers) out.writeLong(n);
+    out.writeLong(static_cast<int64_t>(vm.process_start));
     out.writeInt(f.collector_count);
     for (int i = 0; i < f.collector_count; i++) {
         const HotSpotCollector_CL& c = f.collectors[i];
@@ -67,4 +73,13 @@ void write_hotspot_counter(DataOutputStream_CL& out, const J2SE::PerfCounter& co
     } else {
         write_text(out, counter.bytes, counter.bytes_length);
     }
+}
+
+void write_jvm_process(DataOutputStream_CL& out, const J2SE::JvmProcessRef& process) {
+    out.writeInt(process.pid);
+    out.writeInt(process.namespace_pid);
+    out.writeInt(static_cast<int>(process.uid));
+    write_text(out, process.user);
+    out.writeLong(static_cast<int64_t>(process.process_start));
+    write_text(out, process.command_line);
 }

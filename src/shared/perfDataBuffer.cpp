@@ -53,13 +53,10 @@ PerfDataBuffer::PerfDataBuffer(const unsigned char* data, size_t size)
       _entry_count(0),
       _overflow(0),
       _mod_time_stamp(0) {
-    if (data == nullptr || size < PROLOGUE_SIZE || memcmp(data, MAGIC, sizeof MAGIC) != 0) return;
-    int order = data[BYTE_ORDER_AT];
-    if (order != 0 && order != 1) return;
-    _little_endian = order == 1;
+    if (!known_prologue(data, size)) return;
+    _little_endian = data[BYTE_ORDER_AT] == 1;
     _major = data[MAJOR_AT];
     _minor = data[MINOR_AT];
-    if (_major != SUPPORTED_MAJOR) return;
     _accessible = data[ACCESSIBLE_AT] != 0;
     // Each field is read once into a local: the writer may change the block between two reads
     // of the original, and the copy is what the checks and the walk both use.
@@ -77,9 +74,23 @@ PerfDataBuffer::PerfDataBuffer(const unsigned char* data, size_t size)
     _valid = true;
 }
 
-int32_t PerfDataBuffer::read_int(size_t offset) const {
-    const unsigned char* p = _data + offset;
-    uint32_t value = _little_endian
+bool PerfDataBuffer::known_prologue(const unsigned char* data, size_t size) {
+    if (data == nullptr || size < PROLOGUE_SIZE || memcmp(data, MAGIC, sizeof MAGIC) != 0) return false;
+    int order = data[BYTE_ORDER_AT];
+    return (order == 0 || order == 1) && data[MAJOR_AT] == SUPPORTED_MAJOR;
+}
+
+bool PerfDataBuffer::used_of_prologue(const unsigned char* prologue, size_t size, size_t* used) {
+    if (!known_prologue(prologue, size)) return false;
+    int32_t value = int_at(prologue, USED_AT, prologue[BYTE_ORDER_AT] == 1);
+    if (value < static_cast<int32_t>(PROLOGUE_SIZE)) return false;
+    *used = static_cast<size_t>(value);
+    return true;
+}
+
+int32_t PerfDataBuffer::int_at(const unsigned char* data, size_t offset, bool little_endian) {
+    const unsigned char* p = data + offset;
+    uint32_t value = little_endian
         ? static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
               static_cast<uint32_t>(p[3]) << 24
         : static_cast<uint32_t>(p[3]) | static_cast<uint32_t>(p[2]) << 8 | static_cast<uint32_t>(p[1]) << 16 |

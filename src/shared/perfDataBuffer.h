@@ -57,6 +57,12 @@ public:
     // A view of `size` bytes at `data`, which must stay valid while the view is used.
     PerfDataBuffer(const unsigned char* data, size_t size);
 
+    // The used size that a prologue announces, from the block's first PROLOGUE_SIZE bytes alone:
+    // false when they are not a prologue this reader knows (magic, byte order, version) or the
+    // used size is smaller than the prologue. A reader copies the prologue first and then only
+    // the bytes it names, so a planted file costs 32 bytes however large it is.
+    static bool used_of_prologue(const unsigned char* prologue, size_t size, size_t* used);
+
     // True when the prologue has the magic number, a known byte order and version 2, and its
     // used size and entry offset lie inside the block.
     bool is_valid() const { return _valid; }
@@ -85,7 +91,9 @@ public:
     bool find(const char* name, PerfCounter* counter) const;
 
 private:
-    int32_t read_int(size_t offset) const;
+    int32_t read_int(size_t offset) const { return int_at(_data, offset, _little_endian); }
+    static int32_t int_at(const unsigned char* data, size_t offset, bool little_endian);
+    static bool known_prologue(const unsigned char* data, size_t size);
     int64_t read_long(size_t offset) const;
     bool entry_at(size_t offset, PerfCounter* counter, size_t* length) const;
 

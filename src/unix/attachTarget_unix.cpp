@@ -4,7 +4,7 @@
 #include "attachClient.h"
 #include "cvector.h"
 #include "errorText.h"
-#include "perfDataFile.h"
+#include "perfDataHost.h"
 
 #include <cerrno>
 #include <climits>

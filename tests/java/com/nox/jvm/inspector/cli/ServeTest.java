@@ -110,7 +110,7 @@ class ServeTest {
     void everyVmWithItsFiguresInThePrometheusTextFormat() throws Exception {
         HttpResponse<String> response = get(url, null);
         assertEquals(200, response.statusCode());
-        assertEquals(Metrics.PROMETHEUS_CONTENT_TYPE, response.headers().firstValue("Content-Type").orElse(""));
+        assertEquals(Exposition.PROMETHEUS.contentType(), response.headers().firstValue("Content-Type").orElse(""));
         String body = response.body();
         String pid = "pid=\"" + process.pid() + "\"";
         String cluster = "cluster_id=\"" + process.pid() + "\"";
@@ -160,7 +160,7 @@ class ServeTest {
         assertEquals("1", value(body, "nox_vm_up", labels), "no series of the JDK VM within 5 s: " + body);
         long[] own = jdk.heap();
         assertEquals("1", value(body, "nox_vm_info", labels, "main_class=\"" + JdkVm.MAIN_CLASS + "\"",
-                "vm_version=\"" + System.getProperty("java.vm.version") + "\""), body);
+                "vm_version=\"OpenJDK 64-Bit Server VM " + System.getProperty("java.vm.version") + "\""), body);
         long used = Long.parseLong(value(body, "jvm_memory_used_bytes", labels, "area=\"heap\""));
         long committed = Long.parseLong(value(body, "jvm_memory_committed_bytes", labels, "area=\"heap\""));
         long max = Long.parseLong(value(body, "jvm_memory_max_bytes", labels, "area=\"heap\""));
@@ -185,7 +185,7 @@ class ServeTest {
     void openMetricsWhenTheScraperAsksForIt() throws Exception {
         HttpResponse<String> response = get(url, "application/openmetrics-text;version=1.0.0,text/plain;q=0.5");
         assertEquals(200, response.statusCode());
-        assertEquals(Metrics.OPENMETRICS_CONTENT_TYPE, response.headers().firstValue("Content-Type").orElse(""));
+        assertEquals(Exposition.OPENMETRICS.contentType(), response.headers().firstValue("Content-Type").orElse(""));
         String body = response.body();
         assertTrue(body.endsWith("# EOF\n"), "OpenMetrics ends with # EOF");
         assertTrue(body.contains("# TYPE nox_vm_gc_collections counter\n"));

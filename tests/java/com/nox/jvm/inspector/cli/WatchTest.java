@@ -136,37 +136,33 @@ class WatchTest {
     }
 
     /**
-     * A VM that publishes both a control area and performance data is told once, under its
-     * control area, whether it runs when watch starts or its performance data shows after its
-     * control area. As in HotSpotMergeTest, a simulated VM publishes the control area and a copy
-     * of a real JDK VM's file, planted under its pid, plays its performance data. The JDK VMs
-     * told as "hotspot" mark when watch has read the planted files (their grace has run out too).
+     * A VM that publishes both a control area and performance data is told once, under the
+     * model's merged identity (its control area, with both sources), whether it runs when watch
+     * starts or its performance data shows after its control area (then it is told as changed).
+     * As in OneVmEverywhereTest, a simulated VM publishes the control area and a copy of a real
+     * JDK VM's file, planted under its pid, plays its performance data.
      */
     @Test
-    void aVmWithBothSourcesIsToldOnceUnderItsControlArea() throws Exception {
+    void aVmWithBothSourcesIsToldOnceUnderItsMergedIdentity() throws Exception {
         String user = System.getProperty("user.name");
         try (Vmsim sim = new Vmsim("--type", "process");
              JdkVm jdk = new JdkVm();
              PlantedFiles planted = new PlantedFiles()) {
-            assertTrue(jdk.awaitPerfDataFile(user), "the JDK VM published no performance data");
-            // Its file is whole once the VM is live: list shows it.
             NoxinspectHotSpotTest.awaitListed(jdk);
             byte[] perfData = Files.readAllBytes(jdk.perfDataFile(user));
             planted.file(Path.of("/tmp", "hsperfdata_" + user, Long.toString(sim.pid())), perfData);
             try (LongRunning watch = new LongRunning("--json", "watch")) {
                 Map<String, String> present = Launcher.flatJson(await(watch, "present", sim.pid()).text());
                 assertEquals("\"process:" + sim.pid() + "\"", present.get("cluster"), present.toString());
-                await(watch, "present", jdk.pid());
-
+                assertEquals("\"hotspot\"", present.get("sources.1"), present.toString());
                 try (Vmsim later = new Vmsim("--type", "process")) {
                     await(watch, "appeared", later.pid());
                     planted.file(Path.of("/tmp", "hsperfdata_" + user, Long.toString(later.pid())), perfData);
-                    try (JdkVm marker = new JdkVm()) {
-                        await(watch, "appeared", marker.pid());
-                    }
+                    Map<String, String> changed = Launcher.flatJson(await(watch, "changed", later.pid()).text());
+                    assertEquals("\"process:" + later.pid() + "\"", changed.get("cluster"), changed.toString());
+                    assertEquals("\"hotspot\"", changed.get("sources.1"), changed.toString());
                     later.close();
-                    Map<String, String> vanished = Launcher.flatJson(await(watch, "vanished", later.pid()).text());
-                    assertEquals("\"process:" + later.pid() + "\"", vanished.get("cluster"), vanished.toString());
+                    await(watch, "vanished", later.pid());
                     for (long pid : new long[] {sim.pid(), later.pid()}) {
                         for (LongRunning.Line line : watch.seen()) {
                             assertFalse(line.text().contains("\"pid\":" + pid + ",")
@@ -174,9 +170,8 @@ class WatchTest {
                                     "a VM with a control area is told under it only: " + line.text());
                         }
                     }
-                    assertEquals(2, watch.seen().stream()
-                            .filter(l -> l.text().contains("\"pid\":" + later.pid() + ",")).count(),
-                            "appeared and vanished, once each: " + watch.seen());
+                    assertEquals(1, watch.seen().stream().filter(l -> l.text().contains("\"pid\":" + sim.pid() + ","))
+                            .count(), "told once: " + watch.seen());
                 }
             }
         }

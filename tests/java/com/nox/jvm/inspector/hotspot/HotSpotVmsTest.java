@@ -8,12 +8,10 @@ import static org.junit.jupiter.api.Assertions.fail;
 
 import com.nox.jvm.inspector.testing.JdkVm;
 
-import java.util.ArrayList;
 import java.util.List;
 import java.util.Map;
 import java.util.Optional;
 import java.util.function.Function;
-import java.util.stream.Collectors;
 
 import org.junit.jupiter.api.Test;
 
@@ -78,30 +76,10 @@ class HotSpotVmsTest {
         try (JdkVm vm = new JdkVm(List.of(), List.of("-XX:+UseSerialGC", "-Xmx128m"), "jcmd", "compare")) {
             listed(vm);
             // jcmd attaches, which starts threads in the VM: take its reading twice, ours between.
-            Map<String, String> before = vm.jcmdCounters();
+            Map<String, String> before = JcmdCounters.print(vm.pid());
             List<PerfCounter> ours = inspector.counters(vm.pid()).orElseThrow();
-            Map<String, String> after = vm.jcmdCounters();
-            Map<String, PerfCounter> byName = ours.stream()
-                    .collect(Collectors.toMap(PerfCounter::name, Function.identity()));
-            assertTrue(before.size() > 150, "jcmd printed " + before.size() + " counters");
-            assertEquals(before.keySet(), byName.keySet());
-            int compared = 0;
-            List<String> differing = new ArrayList<>();
-            for (Map.Entry<String, String> e : before.entrySet()) {
-                PerfCounter c = byName.get(e.getKey());
-                boolean unchanged = e.getValue().equals(after.get(e.getKey()));
-                boolean fixed = c.variability() == 1 || c.type() == 'B';
-                if (!unchanged || !(fixed || c.variability() == 2)) {
-                    continue;  // a variable counter may have moved away and back between the two readings
-                }
-                String value = c.isLong() ? Long.toString(c.longValue()) : c.stringValue();
-                if (!value.equals(e.getValue())) {
-                    differing.add(e.getKey() + ": jcmd " + e.getValue() + ", ours " + value);
-                }
-                compared++;
-            }
-            assertEquals(List.of(), differing);
-            assertTrue(compared > 100, "only " + compared + " counters compared");
+            Map<String, String> after = JcmdCounters.print(vm.pid());
+            JcmdCounters.assertSameAs(before, ours, after);
             // Names, strings, maximum sizes and frequencies, by name.
             for (String name : List.of("sun.rt.javaCommand", "java.property.java.vm.version", "java.rt.vmArgs",
                     "sun.os.hrt.frequency", "sun.gc.generation.1.maxCapacity", "sun.gc.collector.0.name",
@@ -137,13 +115,56 @@ class HotSpotVmsTest {
     }
 
     @Test
-    void aVmWithoutPerfDataIsAbsent() throws Exception {
+    void theHostPassGivesEachVmsFiguresAsTheirOwnReadsDo() throws Exception {
+        try (JdkVm a = new JdkVm(List.of(), List.of("-XX:+UseSerialGC"), "first");
+             JdkVm b = new JdkVm(List.of(), List.of("-Xmx96m"), "second")) {
+            listed(a);
+            listed(b);
+            HotSpotSnapshot pass = inspector.snapshot();
+            for (JdkVm vm : List.of(a, b)) {
+                HotSpotFigures inPass = pass.figures(vm.pid()).orElseThrow(() -> new AssertionError(pass.toString()));
+                HotSpotFigures alone = inspector.figures(vm.pid()).orElseThrow();
+                // What does not change while the VM sleeps is the same in both readings.
+                for (Function<HotSpotFigures, Object> figure : List.<Function<HotSpotFigures, Object>>of(
+                        HotSpotFigures::uid, HotSpotFigures::user, HotSpotFigures::javaCommand,
+                        HotSpotFigures::vmVersion, HotSpotFigures::vmArguments, HotSpotFigures::beginMillis,
+                        HotSpotFigures::tickFrequency, HotSpotFigures::heapMax, HotSpotFigures::namespacePid,
+                        HotSpotFigures::processStartSeconds, f -> f.collectors().stream().map(GcCollector::name)
+                                .toList())) {
+                    assertEquals(figure.apply(alone), figure.apply(inPass), inPass.toString());
+                }
+                assertEquals(vm.pid(), inPass.namespacePid());
+                long started = ProcessHandle.of(vm.pid()).orElseThrow().info().startInstant().orElseThrow()
+                        .getEpochSecond();
+                assertTrue(Math.abs(inPass.processStartSeconds() - started) <= 1, inPass.processStartSeconds()
+                        + " against " + started);
+                assertEquals(Optional.empty(), pass.withoutPerfData(vm.pid()));
+            }
+        }
+    }
+
+    @Test
+    void aVmWithoutPerfDataIsListedOnlyAsSuch() throws Exception {
         try (JdkVm without = new JdkVm(List.of(), List.of("-XX:-UsePerfData"), "without");
              JdkVm with = new JdkVm(List.of(), List.of(), "with")) {
             listed(with);
             assertFalse(inspector.vms().stream().anyMatch(v -> v.pid() == without.pid()), inspector.vms().toString());
             assertEquals(Optional.empty(), inspector.figures(without.pid()));
             assertEquals(Optional.empty(), inspector.counters(without.pid()));
+            HotSpotSnapshot pass = inspector.snapshot();
+            VmWithoutPerfData found = pass.withoutPerfData(without.pid())
+                    .orElseThrow(() -> new AssertionError("not in " + pass.withoutPerfData()));
+            assertEquals(without.pid(), found.namespacePid());
+            assertEquals(USER, found.user());
+            assertEquals(JdkVm.MAIN_CLASS, found.mainClass());
+            assertTrue(found.arguments().contains("-XX:-UsePerfData"), found.toString());
+            assertEquals("without", found.arguments().get(found.arguments().size() - 1));
+            long started = ProcessHandle.of(without.pid()).orElseThrow().info().startInstant().orElseThrow()
+                    .getEpochSecond();
+            assertTrue(Math.abs(found.processStartSeconds() - started) <= 1, found.toString());
+            assertEquals(Optional.empty(), pass.figures(without.pid()));
+            assertEquals(Optional.empty(), pass.withoutPerfData(with.pid()));
+            assertTrue(pass.figures(with.pid()).isPresent());
         }
     }
 

@@ -1,28 +1,32 @@
 package com.nox.jvm.inspector.cli;
 
-import com.nox.jvm.inspector.cluster.VmInspector;
-import com.nox.jvm.inspector.cluster.VmInspector.Vm;
-import com.sun.tools.attach.AgentInitializationException;
-import com.sun.tools.attach.AgentLoadException;
-import com.sun.tools.attach.AttachNotSupportedException;
-import com.sun.tools.attach.VirtualMachine;
+import com.nox.jvm.inspector.attach.AttachClient;
+import com.nox.jvm.inspector.host.Host;
+import com.nox.jvm.inspector.host.HostSnapshot;
+import com.nox.jvm.inspector.host.HostVm;
 
 import java.io.IOException;
 import java.io.PrintStream;
+import java.lang.reflect.InvocationTargetException;
+import java.lang.reflect.Method;
 import java.net.URISyntaxException;
-import java.nio.charset.StandardCharsets;
+import java.net.URL;
+import java.net.URLClassLoader;
 import java.nio.file.Files;
 import java.nio.file.LinkOption;
 import java.nio.file.Path;
+import java.nio.file.attribute.PosixFilePermission;
 import java.util.List;
 import java.util.Optional;
+import java.util.Set;
 
 /**
- * {@code noxinspect attach PID [OPTIONS]}: loads nox-agent.jar into a running VM of the same user
- * through the JDK's attach API, so that a stock VM publishes its control area, and waits until
- * it does. Before anything is sent the process is checked: it must exist, belong to the calling
- * user and have the VM's library mapped, since the attach handshake signals the process (SIGQUIT),
- * which would end a process that is not a Java VM.
+ * {@code noxinspect attach PID [OPTIONS]}: loads nox-agent.jar into a running VM through the
+ * library's own attach client (no jdk.attach module needed, so a JRE will do), so that a stock VM
+ * publishes its control area, and waits until it does. Everything that would make the load fail
+ * inside the VM, and print there, is checked first: the agent's options (by the agent's own
+ * parser, run here), and that the VM can see and read the jar. The attach client itself refuses a
+ * process that is not a VM of the caller (root may attach to any user's VM) without signalling it.
  */
 final class Attach {
     /** How long the VM may take after the load until it publishes its control area. */
@@ -50,22 +54,34 @@ final class Attach {
             throw CliError.usage("a pid is a positive number, not " + args.get(0));
         }
         String options = args.size() == 2 ? args.get(1) : "";
+        checkOptions(agentJar(), options);
         return new Attach(out, json, pid, options)::run;
     }
 
+    /** The VM of the process with a control area of its own: one that publishes already. */
+    private Optional<HostVm> publishing(HostSnapshot snapshot) {
+        return snapshot.byPid(pid).filter(HostVm::controlAreaIsOwn);
+    }
+
     private void run() {
-        VmInspector inspector = new VmInspector();
-        Optional<Vm> already = inspector.byPid(pid);
+        Host host = new Host();
+        HostSnapshot seen = host.snapshot();
+        Optional<HostVm> already = publishing(seen);
         if (already.isPresent()) {
             report(already.get(), false);
             return;
         }
-        checkProcess();
         Path jar = agentJar();
-        load(jar);
+        checkVisible(jar);
+        try {
+            AttachClient.loadAgent(pid, jar, options, AttachClient.DEFAULT_TIMEOUT);
+        } catch (IOException e) {
+            throw CliError.refused(e.getMessage());
+        }
         long deadline = System.nanoTime() + PUBLISH_WAIT_MILLIS * 1_000_000;
         while (System.nanoTime() - deadline < 0) {
-            Optional<Vm> vm = inspector.byPid(pid);
+            seen = host.withControlAreas(seen);
+            Optional<HostVm> vm = publishing(seen);
             if (vm.isPresent()) {
                 report(vm.get(), true);
                 return;
@@ -76,43 +92,55 @@ final class Attach {
                 + PUBLISH_WAIT_MILLIS / 1000 + " s (its standard error says why)");
     }
 
-    /** The process exists, is ours and runs a Java VM. */
-    private void checkProcess() {
+    /**
+     * Runs the agent's own option parser on {@code options}: a bad option is named here, before
+     * anything reaches the VM (a dynamic load that fails prints a stack trace into the VM's
+     * standard error).
+     */
+    static void checkOptions(Path jar, String options) {
+        try (URLClassLoader loader = new URLClassLoader(new URL[] {jar.toUri().toURL()}, null)) {
+            Method parse = Class.forName("com.nox.jvm.agent.AgentOptions", true, loader)
+                    .getDeclaredMethod("parse", String.class);
+            parse.setAccessible(true);
+            parse.invoke(null, options);
+        } catch (InvocationTargetException e) {
+            if (e.getCause() instanceof IllegalArgumentException bad) {
+                throw CliError.usage(bad.getMessage());
+            }
+            throw CliError.broken("the agent's option parser failed: " + e.getCause());
+        } catch (IOException | ReflectiveOperationException | RuntimeException e) {
+            throw CliError.broken("cannot check the agent's options with " + jar + ": " + e);
+        }
+    }
+
+    /**
+     * The VM can open the jar: it lives in our mount namespace (a VM in a container sees
+     * another file tree) and, for root loading into another user's VM, every folder on the way
+     * lets others through and the jar lets others read it.
+     */
+    private void checkVisible(Path jar) {
         Path proc = Path.of("/proc", Integer.toString(pid));
-        Object owner;
         try {
-            owner = Files.getAttribute(proc, "unix:uid", LinkOption.NOFOLLOW_LINKS);
-        } catch (IOException e) {
-            throw CliError.refused("no process with pid " + pid);
-        }
-        Object self;
-        try {
-            self = Files.getAttribute(Path.of("/proc/self/"), "unix:uid");
-        } catch (IOException e) {
-            throw CliError.broken("cannot read /proc/self: " + e.getMessage());
-        }
-        if (!owner.equals(self)) {
-            throw CliError.refused("process " + pid + " belongs to user id " + owner
-                    + "; the agent can only be attached to VMs of the same user (" + self + ")");
-        }
-        String maps;
-        try {
-            maps = Files.readString(proc.resolve("maps"), StandardCharsets.ISO_8859_1);
-        } catch (IOException e) {
-            throw CliError.refused("process " + pid + " has gone or cannot be inspected: " + e.getMessage());
-        }
-        if (!maps.contains("/libjvm.so")) {
-            throw CliError.refused("process " + pid + " is not a Java VM (no libjvm.so mapped)");
-        }
-        // Such a VM would let the attach run into its ten-second time-out; its command line says so at once.
-        try {
-            String[] words = Files.readString(proc.resolve("cmdline"), StandardCharsets.ISO_8859_1).split("\0");
-            if (List.of(words).contains("-XX:+DisableAttachMechanism")) {
-                throw CliError.refused("VM pid " + pid + " refused the attach: it was started with "
-                        + "-XX:+DisableAttachMechanism");
+            if (!Files.readSymbolicLink(proc.resolve("ns/mnt")).equals(Files.readSymbolicLink(Path.of("/proc/self/ns/mnt")))) {
+                throw CliError.refused("VM pid " + pid + " runs in another mount namespace (a container): it cannot see "
+                        + jar + ", and its control area would be in its own /tmp; not attached");
+            }
+            Object vmUser = Files.getAttribute(proc, "unix:uid", LinkOption.NOFOLLOW_LINKS);
+            Object self = Files.getAttribute(Path.of("/proc/self/"), "unix:uid");
+            if (vmUser.equals(self)) {
+                return;
+            }
+            for (Path p = jar; p != null; p = p.getParent()) {
+                Set<PosixFilePermission> mode = Files.getPosixFilePermissions(p);
+                boolean open = p.equals(jar) ? mode.contains(PosixFilePermission.OTHERS_READ)
+                        : mode.contains(PosixFilePermission.OTHERS_EXECUTE);
+                if (!open && !vmUser.equals(Files.getAttribute(p, "unix:uid"))) {
+                    throw CliError.refused("the VM's user (user id " + vmUser + ") cannot read " + jar + " (" + p
+                            + " is closed to it); set -Dnox.agent.jar to a copy it can read");
+                }
             }
         } catch (IOException e) {
-            throw CliError.refused("process " + pid + " has gone: " + e.getMessage());
+            throw CliError.refused("no process with pid " + pid + " (or it cannot be inspected: " + e.getMessage() + ")");
         }
     }
 
@@ -136,39 +164,13 @@ final class Attach {
         return jar.toAbsolutePath();
     }
 
-    private void load(Path jar) {
-        VirtualMachine vm;
-        try {
-            vm = VirtualMachine.attach(Integer.toString(pid));
-        } catch (AttachNotSupportedException | IOException e) {
-            throw CliError.refused("VM pid " + pid + " refused the attach or has gone: " + e.getMessage());
-        }
-        try {
-            vm.loadAgent(jar.toString(), options);
-        } catch (AgentInitializationException e) {
-            throw CliError.refused("the agent did not start in VM pid " + pid + ": " + e.getMessage());
-        } catch (AgentLoadException | IOException e) {
-            throw CliError.refused("VM pid " + pid + " could not load " + jar + ": " + e.getMessage());
-        } finally {
-            try {
-                vm.detach();
-            } catch (IOException e) {
-                // The connection is gone either way.
-            }
-        }
-    }
-
-    private void report(Vm vm, boolean attached) {
-        String where = Commands.clusterName(vm.ref()) + ":" + vm.ref().slot();
-        if (json) {
-            out.print(new Json().beginObject().name("pid").value(vm.pid()).name("attached").value(attached)
-                    .name("publishing").value(true).name("cluster").value(Commands.clusterName(vm.ref()))
-                    .name("slot").value(vm.ref().slot()).endObject());
-        } else if (attached) {
-            out.println("VM pid " + vm.pid() + " now publishes its control area (" + where + ").");
-        } else {
-            out.println("VM pid " + vm.pid() + " already publishes its control area (" + where + "); nothing loaded.");
-        }
+    private void report(HostVm vm, boolean attached) {
+        String where = vm.clusterName() + ":" + vm.slot();
+        Doc answer = new Doc().put("pid", vm.pid()).put("attached", attached).put("publishing", true)
+                .put("cluster", vm.clusterName()).put("slot", vm.slot());
+        new Output(out, json).textOr(answer, List.of(attached
+                ? "VM pid " + vm.pid() + " now publishes its control area (" + where + ")."
+                : "VM pid " + vm.pid() + " already publishes its control area (" + where + "); nothing loaded."));
     }
 
     private static void sleep() {

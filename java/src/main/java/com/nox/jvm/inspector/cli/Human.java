@@ -56,29 +56,6 @@ final class Human {
         return value < 10 ? "0" + value : Long.toString(value);
     }
 
-    /**
-     * A text from a VM, safe to print on one line: control characters become visible escapes
-     * ({@code \n}, {@code \t}, {@code \x01}), so a hostile or odd field cannot break the layout.
-     */
-    static String printable(String text) {
-        StringBuilder sb = new StringBuilder(text.length());
-        for (int i = 0; i < text.length(); i++) {
-            char c = text.charAt(i);
-            if (c == '\n') {
-                sb.append("\\n");
-            } else if (c == '\t') {
-                sb.append("\\t");
-            } else if (c == '\r') {
-                sb.append("\\r");
-            } else if (c < 0x20 || c == 0x7f) {
-                sb.append(String.format("\\x%02x", (int) c));
-            } else {
-                sb.append(c);
-            }
-        }
-        return sb.toString();
-    }
-
     /** The first {@code count} bytes (fewer if the array is shorter) as lower-case hex pairs. */
     static String hex(byte[] bytes, int count) {
         StringBuilder sb = new StringBuilder();

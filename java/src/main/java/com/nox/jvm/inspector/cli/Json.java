@@ -4,7 +4,7 @@ import java.util.ArrayDeque;
 import java.util.Deque;
 
 /**
- * Writes JSON text, indented by two spaces per level. Strings are escaped so that the output is
+ * Writes JSON text, indented by two spaces per level, or on one line. Strings are escaped so that the output is
  * plain ASCII: quotes, backslashes and control characters get their short escapes or a
  * backslash-u escape of four hex digits, and so does every character outside ASCII (UTF-16 code units, so
  * characters beyond the BMP become surrogate pairs, as JSON wants them). The output therefore
@@ -16,7 +16,18 @@ final class Json {
     private final Deque<Boolean> empty = new ArrayDeque<>();
     /** The closing bracket of each open container, innermost first. */
     private final Deque<Character> closers = new ArrayDeque<>();
+    private final boolean indent;
     private boolean afterName;
+
+    /** A writer that indents. */
+    Json() {
+        this(true);
+    }
+
+    /** {@code indent} false: the whole text on one line, no blanks. */
+    Json(boolean indent) {
+        this.indent = indent;
+    }
 
     Json beginObject() {
         beforeValue();
@@ -49,7 +60,7 @@ final class Json {
         }
         newElement();
         quote(out, name);
-        out.append(": ");
+        out.append(indent ? ": " : ":");
         afterName = true;
         return this;
     }
@@ -158,6 +169,9 @@ final class Json {
     }
 
     private void newLine() {
+        if (!indent) {
+            return;
+        }
         out.append('\n');
         out.append("  ".repeat(empty.size()));
     }

@@ -1,6 +1,7 @@
 package com.nox.jvm.inspector.cli;
 
 import com.nox.jvm.inspector.cluster.MalformedRecordException;
+import com.nox.jvm.inspector.host.Host;
 import com.nox.jvm.inspector.natives.NativeLibrary;
 
 import java.io.FileDescriptor;
@@ -28,9 +29,14 @@ public final class Main {
               serve [--port N] [--bind ADDR] every VM of this host as Prometheus metrics at
                                             http://ADDR:N/metrics (default 127.0.0.1:9471)
               watch                         VMs appearing and vanishing, one line each, until interrupted
-              attach PID [OPTIONS]          load nox-agent.jar into a running VM of the same user, so it
+              attach PID [OPTIONS]          load nox-agent.jar into a running VM (own, or any as root), so it
                                             publishes a control area (OPTIONS e.g. refresh=500,tag=web)
               counters PID [NAME ...]       a HotSpot VM's performance counters (all, or those named)
+              jcmd [--timeout S] PID [COMMAND [ARGS]]  run a diagnostic command in a HotSpot VM, as jcmd does
+              threads PID [ARGS]            its thread dump (Thread.print)
+              histo PID [ARGS]              its class histogram (GC.class_histogram)
+              flags PID                     all its flags with their origins (VM.flags -all)
+              props PID                     its system properties (VM.system_properties)
               help                          this text
             VM is a pid, or type:id:slot with type process (1) or instance (2), e.g. instance:84:0.
             --json writes the result as JSON on stdout; messages always go to stderr.
@@ -72,13 +78,14 @@ public final class Main {
             command.run();
             return 0;
         } catch (CliError e) {
-            err.println("noxinspect: " + e.getMessage());
+            err.println("noxinspect: " + Text.printable(e.getMessage()));
             if (e.exitCode() == CliError.USAGE) {
                 err.print(USAGE);
             }
             return e.exitCode();
         } catch (MalformedRecordException e) {
-            err.println("noxinspect: a VM published a record the inspector cannot read: " + e.getMessage());
+            err.println("noxinspect: a VM published a record the inspector cannot read: "
+                    + Text.printable(e.getMessage()));
             return CliError.BROKEN;
         }
     }
@@ -90,60 +97,57 @@ public final class Main {
         }
         String name = words.get(0);
         List<String> rest = words.subList(1, words.size());
-        Commands commands = new Commands(out, json);
-        switch (name) {
-            case "list" -> {
-                expectCount(name, rest, 0);
-                return commands::list;
-            }
-            case "boards" -> {
-                expectCount(name, rest, 0);
-                return commands::boards;
-            }
-            case "info" -> {
-                expectCount(name, rest, 1);
-                Target target = Target.parse(rest.get(0));
-                return () -> commands.info(target);
-            }
-            case "exit" -> {
-                expectCount(name, rest, 2);
-                Target target = Target.parse(rest.get(0));
-                int code = Target.number(rest.get(1), "exit code");
-                if (code < 0 || code > 255) {
-                    throw CliError.usage("exit code must be 0 to 255, not " + code);
-                }
-                return () -> commands.exit(target, code);
-            }
-            case "debug" -> {
-                return parseDebug(rest, commands);
-            }
-            case "serve" -> {
-                return parseServe(rest, out);
-            }
-            case "watch" -> {
-                expectCount(name, rest, 0);
-                Watch watch = new Watch(out, json);
-                return watch::run;
-            }
-            case "attach" -> {
-                return Attach.parse(rest, json, out);
-            }
-            case "counters" -> {
-                if (rest.isEmpty()) {
-                    throw CliError.usage("counters takes a pid and optional counter names");
-                }
-                int pid = Target.number(rest.get(0), "pid");
-                if (pid <= 0) {
-                    throw CliError.usage("a pid is a positive number, not " + rest.get(0));
-                }
-                List<String> names = List.copyOf(rest.subList(1, rest.size()));
-                return () -> commands.counters(pid, names);
-            }
+        Output output = new Output(out, json);
+        Host host = new Host();
+        return switch (name) {
+            case "list" -> noArguments(name, rest, () -> ListCommand.run(host.snapshot(), output));
+            case "boards" -> noArguments(name, rest, () -> BoardsCommand.run(host.boards(), output));
+            case "info" -> parseInfo(rest, host, output);
+            case "exit" -> parseExit(rest, host, output);
+            case "debug" -> parseDebug(rest, host, output);
+            case "serve" -> parseServe(rest, out);
+            case "watch" -> noArguments(name, rest, () -> new Watch(output).run());
+            case "attach" -> Attach.parse(rest, json, out);
+            case "jcmd", "threads", "histo", "flags", "props" -> Jcmd.parse(name, rest, json, out);
+            case "counters" -> parseCounters(rest, host, output);
             default -> throw CliError.usage("unknown command '" + name + "'");
-        }
+        };
     }
 
-    private static Runnable parseDebug(List<String> rest, Commands commands) {
+    private static Runnable noArguments(String command, List<String> rest, Runnable run) {
+        expectCount(command, rest, 0);
+        return run;
+    }
+
+    private static Runnable parseInfo(List<String> rest, Host host, Output output) {
+        expectCount("info", rest, 1);
+        Target target = Target.parse(rest.get(0));
+        return () -> InfoCommand.run(target.find(host.snapshot()).orElseThrow(target::notFound), output);
+    }
+
+    private static Runnable parseExit(List<String> rest, Host host, Output output) {
+        expectCount("exit", rest, 2);
+        Target target = Target.parse(rest.get(0));
+        int code = Target.number(rest.get(1), "exit code");
+        if (code < 0 || code > 255) {
+            throw CliError.usage("exit code must be 0 to 255, not " + code);
+        }
+        return () -> RequestCommand.exit(host, target, code, output);
+    }
+
+    private static Runnable parseCounters(List<String> rest, Host host, Output output) {
+        if (rest.isEmpty()) {
+            throw CliError.usage("counters takes a pid and optional counter names");
+        }
+        int pid = Target.number(rest.get(0), "pid");
+        if (pid <= 0) {
+            throw CliError.usage("a pid is a positive number, not " + rest.get(0));
+        }
+        List<String> names = List.copyOf(rest.subList(1, rest.size()));
+        return () -> CountersCommand.run(host, pid, names, output);
+    }
+
+    private static Runnable parseDebug(List<String> rest, Host host, Output output) {
         if (rest.isEmpty() || !(rest.get(0).equals("start") || rest.get(0).equals("stop"))) {
             throw CliError.usage("debug needs start or stop");
         }
@@ -169,7 +173,8 @@ public final class Main {
         expectCount("debug " + rest.get(0), positional, 1);
         Target target = Target.parse(positional.get(0));
         int policy = suspend == null ? 0 : suspend;
-        return start ? () -> commands.startDebugging(target, policy) : () -> commands.stopDebugging(target);
+        return start ? () -> RequestCommand.startDebugging(host, target, policy, output)
+                : () -> RequestCommand.stopDebugging(host, target, output);
     }
 
     private static Runnable parseServe(List<String> rest, PrintStream out) {

@@ -1,10 +1,7 @@
 package com.nox.jvm.inspector.cli;
 
-import com.nox.jvm.inspector.cluster.HostPass;
-import com.nox.jvm.inspector.cluster.VmInspector;
-import com.nox.jvm.inspector.hotspot.HotSpotFigures;
-import com.nox.jvm.inspector.hotspot.HotSpotInspector;
-import com.nox.jvm.inspector.hotspot.HotSpotVm;
+import com.nox.jvm.inspector.host.Host;
+import com.nox.jvm.inspector.host.HostSnapshot;
 
 import java.io.IOException;
 import java.io.OutputStream;
@@ -14,15 +11,13 @@ import java.net.InetAddress;
 import java.net.InetSocketAddress;
 import java.net.UnknownHostException;
 import java.nio.charset.StandardCharsets;
-import java.util.ArrayList;
-import java.util.List;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.CountDownLatch;
 
 /**
  * {@code noxinspect serve}: an HTTP endpoint whose {@code /metrics} holds every VM of this host,
- * read by one pass per scrape: one native pass over the control areas, then the performance data
- * of the HotSpot VMs this user may read. Scrapes that arrive while a pass runs wait for that pass and share
+ * read into one snapshot of the host model per scrape (one pass over the control areas and one read
+ * of the performance data this user may read). Scrapes that arrive while a pass runs wait for that pass and share
  * its result instead of starting their own, so no scrape waits longer than one pass and the host
  * is never read by two passes at once.
  */
@@ -35,14 +30,10 @@ final class Serve {
      */
     private static final int THREADS = 4;
 
-    private final VmInspector inspector = new VmInspector();
-    private final HotSpotInspector hotspot = new HotSpotInspector();
+    /** Used by one pass at a time (see {@link #pass}). */
+    private final Host host = new Host();
     private final Object passLock = new Object();
-    private CompletableFuture<Scrape> passInFlight;
-
-    /** What one scrape shows: the pass over the control areas and the HotSpot VMs' figures. */
-    record Scrape(HostPass pass, List<HotSpotFigures> hotspot) {
-    }
+    private CompletableFuture<HostSnapshot> passInFlight;
 
     private final String bind;
     private final int port;
@@ -115,11 +106,10 @@ final class Serve {
                 reply(exchange, 404, "text/plain; charset=utf-8", "not found; the metrics are at /metrics\n");
                 return;
             }
-            Metrics.Format format = Metrics.Format.forAccept(exchange.getRequestHeaders().getFirst("Accept"));
+            Exposition format = Exposition.forAccept(exchange.getRequestHeaders().getFirst("Accept"));
             String body;
             try {
-                Scrape scrape = pass();
-                body = Metrics.render(scrape.pass(), scrape.hotspot(), format);
+                body = Metrics.render(pass(), format);
             } catch (RuntimeException e) {
                 reply(exchange, 500, "text/plain; charset=utf-8", "the pass over the host failed: " + e + "\n");
                 return;
@@ -133,9 +123,9 @@ final class Serve {
      * meanwhile wait for its end and use its result. The lock is held only to look at and set
      * the pass in flight, never during the pass.
      */
-    Scrape pass() {
-        CompletableFuture<Scrape> mine = null;
-        CompletableFuture<Scrape> shared;
+    HostSnapshot pass() {
+        CompletableFuture<HostSnapshot> mine = null;
+        CompletableFuture<HostSnapshot> shared;
         synchronized (passLock) {
             if (passInFlight == null) {
                 passInFlight = new CompletableFuture<>();
@@ -145,7 +135,7 @@ final class Serve {
         }
         if (mine != null) {
             try {
-                mine.complete(new Scrape(inspector.host(), hotspotFigures()));
+                mine.complete(host.snapshot());
             } catch (Throwable t) {
                 mine.completeExceptionally(t);
             } finally {
@@ -155,18 +145,6 @@ final class Serve {
             }
         }
         return shared.join();
-    }
-
-    /**
-     * The figures of every HotSpot VM whose performance data this user may read. A VM that ends
-     * between the listing and the read of its figures is left out, as it would be a moment later.
-     */
-    private List<HotSpotFigures> hotspotFigures() {
-        List<HotSpotFigures> figures = new ArrayList<>();
-        for (HotSpotVm vm : hotspot.vms()) {
-            hotspot.figures(vm.pid()).ifPresent(figures::add);
-        }
-        return figures;
     }
 
     private static void reply(ServeExchange exchange, int status, String contentType, String body) throws IOException {

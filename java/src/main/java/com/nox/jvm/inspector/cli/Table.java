@@ -3,7 +3,10 @@ package com.nox.jvm.inspector.cli;
 import java.util.ArrayList;
 import java.util.List;
 
-/** A text table: columns as wide as their widest cell, two blanks apart, no trailing blanks. */
+/**
+ * A text table: columns as wide as their widest cell, two blanks apart, no trailing blanks. Cells
+ * are shown as given: {@link Output} makes them printable first.
+ */
 final class Table {
     private final String[] header;
     private final boolean[] rightAligned;
@@ -25,7 +28,7 @@ final class Table {
         }
         String[] row = new String[cells.length];
         for (int i = 0; i < cells.length; i++) {
-            row[i] = Human.printable(String.valueOf(cells[i]));
+            row[i] = String.valueOf(cells[i]);
         }
         rows.add(row);
     }

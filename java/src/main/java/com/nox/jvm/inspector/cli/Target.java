@@ -2,8 +2,12 @@ package com.nox.jvm.inspector.cli;
 
 import com.nox.jvm.inspector.cluster.ClusterType;
 import com.nox.jvm.inspector.cluster.VmRef;
+import com.nox.jvm.inspector.host.Host;
+import com.nox.jvm.inspector.host.HostSnapshot;
+import com.nox.jvm.inspector.host.HostVm;
 
 import java.util.Locale;
+import java.util.Optional;
 
 /**
  * How the user names a VM on the command line: by the pid of its process, or by its place as
@@ -47,6 +51,21 @@ record Target(Integer pid, VmRef ref) {
             throw CliError.usage(what + " out of range: " + text);
         }
         return (int) value;
+    }
+
+    /** The VM this names in the snapshot: by pid the process's own record, by place the slot's. */
+    Optional<HostVm> find(HostSnapshot snapshot) {
+        return pid != null ? snapshot.byPid(pid) : snapshot.bySlot(ref);
+    }
+
+    /** The refusal for a VM that {@link #find} did not find, saying what is there instead. */
+    CliError notFound() {
+        if (pid == null) {
+            return CliError.refused("no live VM in " + ref);
+        }
+        return CliError.refused("no live VM with pid " + pid + (Host.processExists(pid)
+                ? " (the process publishes no control area and no performance data that this user may read)"
+                : " (no such process)"));
     }
 
     @Override

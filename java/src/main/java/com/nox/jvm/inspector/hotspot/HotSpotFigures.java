@@ -7,7 +7,7 @@ import java.util.List;
  * What a HotSpot VM publishes about itself, from one copy of its performance counters. Numbers
  * the VM does not publish are -1; texts it does not publish are empty.
  *
- * @param pid                 the VM's process
+ * @param pid                 the VM's process, as this host numbers it
  * @param uid                 its owner
  * @param user                the owner's name
  * @param javaCommand         main class or jar, then the program's arguments (sun.rt.javaCommand)
@@ -34,6 +34,9 @@ import java.util.List;
  * @param threadsDaemon       live daemon threads
  * @param threadsStarted      threads started so far
  * @param collectors          the garbage collectors, in the VM's order
+ * @param namespacePid        the pid the VM knows itself by (in a container, the container's pid;
+ *                            {@code pid} elsewhere)
+ * @param processStartSeconds when the VM's process started, seconds since the epoch; 0 when unknown
  */
 public record HotSpotFigures(int pid, int uid, String user, String javaCommand, String vmName, String vmVersion,
                              String vmVendor, String vmArguments, String vmFlags, String gcPolicy, long beginMillis,
@@ -41,10 +44,23 @@ public record HotSpotFigures(int pid, int uid, String user, String javaCommand, 
                              long heapCommitted, long heapMax, long metaspaceUsed, long metaspaceCommitted,
                              long metaspaceMax, long classesLoaded, long classesUnloaded, long threadsLive,
                              long threadsPeak, long threadsDaemon, long threadsStarted,
-                             List<GcCollector> collectors) {
+                             List<GcCollector> collectors, int namespacePid, long processStartSeconds) {
 
     public HotSpotFigures {
         collectors = List.copyOf(collectors);
+    }
+
+    /** Figures made by hand (tests, tools) of a VM outside any container, its process start unknown. */
+    public HotSpotFigures(int pid, int uid, String user, String javaCommand, String vmName, String vmVersion,
+                          String vmVendor, String vmArguments, String vmFlags, String gcPolicy, long beginMillis,
+                          long initDoneMillis, long tickFrequency, long uptimeTicks, long heapUsed,
+                          long heapCommitted, long heapMax, long metaspaceUsed, long metaspaceCommitted,
+                          long metaspaceMax, long classesLoaded, long classesUnloaded, long threadsLive,
+                          long threadsPeak, long threadsDaemon, long threadsStarted, List<GcCollector> collectors) {
+        this(pid, uid, user, javaCommand, vmName, vmVersion, vmVendor, vmArguments, vmFlags, gcPolicy, beginMillis,
+                initDoneMillis, tickFrequency, uptimeTicks, heapUsed, heapCommitted, heapMax, metaspaceUsed,
+                metaspaceCommitted, metaspaceMax, classesLoaded, classesUnloaded, threadsLive, threadsPeak,
+                threadsDaemon, threadsStarted, collectors, pid, 0);
     }
 
     /** The main class or the jar: the first word of the command. */
@@ -73,10 +89,26 @@ public record HotSpotFigures(int pid, int uid, String user, String javaCommand, 
         return blank < 0 ? trimmed : trimmed.substring(0, blank);
     }
 
-    /** Decodes the figures record; the layout is the order of the components above. */
+    /** True when the VM runs in a pid namespace of its own (a container). */
+    public boolean inContainer() {
+        return namespacePid != pid;
+    }
+
+    /** Decodes the figures record of one VM. */
     static HotSpotFigures decode(byte[] record) {
         RecordReader in = new RecordReader(record);
+        HotSpotFigures figures = read(in);
+        in.expectEnd();
+        return figures;
+    }
+
+    /**
+     * Reads one figures record: pid, namespace pid, uid, then the texts and numbers in the order of
+     * the components above, the process start, and the collectors (count, then each).
+     */
+    static HotSpotFigures read(RecordReader in) {
         int pid = in.readInt();
+        int namespacePid = in.readInt();
         int uid = in.readInt();
         String user = in.readString();
         String javaCommand = in.readString();
@@ -90,6 +122,7 @@ public record HotSpotFigures(int pid, int uid, String user, String javaCommand, 
         for (int i = 0; i < n.length; i++) {
             n[i] = in.readLong();
         }
+        long processStart = in.readLong();
         long frequency = n[2];
         int count = in.readInt();
         if (count < 0 || count > 64) {
@@ -105,9 +138,8 @@ public record HotSpotFigures(int pid, int uid, String user, String javaCommand, 
             double seconds = frequency > 0 && time >= 0 ? (double) time / frequency : -1;
             collectors.add(new GcCollector(name, invocations, time, seconds, lastEntry, lastExit));
         }
-        in.expectEnd();
         return new HotSpotFigures(pid, uid, user, javaCommand, vmName, vmVersion, vmVendor, vmArguments, vmFlags,
                 gcPolicy, n[0], n[1], n[2], n[3], n[4], n[5], n[6], n[7], n[8], n[9], n[10], n[11], n[12], n[13],
-                n[14], n[15], collectors);
+                n[14], n[15], collectors, namespacePid, processStart);
     }
 }

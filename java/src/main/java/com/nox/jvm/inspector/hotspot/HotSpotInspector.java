@@ -6,11 +6,25 @@ import java.util.Optional;
 
 /**
  * The host's HotSpot VMs, read natively from their performance-data files: no agent, no attach,
- * nothing asked of the VM. Every call reads the files afresh. A VM that is not there (no such
+ * nothing asked of the VM. Every call reads the files afresh. VMs in containers (their own pid
+ * and mount namespaces) are included, under the host's pid. A VM that is not there (no such
  * process, a file the caller may not read, a VM started with -XX:-UsePerfData, a VM that has
- * ended) gives an empty result.
+ * ended) gives an empty result; {@link #snapshot()} also lists the VMs without performance data.
  */
 public final class HotSpotInspector {
+
+    /**
+     * Every VM of the host in one pass: the figures that {@link #vms()} and {@link #figures(int)}
+     * give, with each file read once, and the VMs that publish no performance data. What a
+     * scrape or a model of the host should call.
+     */
+    public HotSpotSnapshot snapshot() {
+        byte[] record = HotSpotNatives.getHostPass0();
+        if (record == null) {
+            throw new OutOfMemoryError("no room for the HotSpot host pass");
+        }
+        return HotSpotSnapshot.decode(record);
+    }
 
     /** The live VMs whose files the caller may read, by pid. */
     public List<HotSpotVm> vms() {

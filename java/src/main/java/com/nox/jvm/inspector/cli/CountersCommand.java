@@ -1,0 +1,48 @@
+package com.nox.jvm.inspector.cli;
+
+import com.nox.jvm.inspector.host.Host;
+import com.nox.jvm.inspector.hotspot.PerfCounter;
+
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Optional;
+
+/**
+ * {@code noxinspect counters PID [NAME ...]}: a HotSpot VM's performance counters, every one or
+ * those named, as the JDK's {@code jcmd PID PerfCounter.print} prints them (name=value, strings in
+ * quotes). Names and values come from the VM's file and are made printable like any other text.
+ */
+final class CountersCommand {
+    private CountersCommand() {
+    }
+
+    static void run(Host host, int pid, List<String> names, Output out) {
+        List<PerfCounter> shown = names.isEmpty() ? host.counters(pid).orElseThrow(() -> noVm(pid))
+                : named(host, pid, names);
+        List<Doc> docs = new ArrayList<>();
+        List<String> lines = new ArrayList<>();
+        for (PerfCounter c : shown) {
+            docs.add(new Doc().put("name", c.name()).put("units", c.unitsName()).put("variability", c.variabilityName())
+                    .put("value", c.isLong() ? (Object) c.longValue() : c.stringValue()));
+            lines.add(Text.printable(c.name()) + "=" + Text.printable(c.valueText()));
+        }
+        out.textOr(new Doc().put("pid", pid).put("counters", docs), lines);
+    }
+
+    private static List<PerfCounter> named(Host host, int pid, List<String> names) {
+        List<PerfCounter> shown = new ArrayList<>();
+        for (String name : names) {
+            Optional<PerfCounter> counter = host.counter(pid, name);
+            if (counter.isEmpty()) {
+                throw host.publishesPerfData(pid) ? CliError.refused("VM pid " + pid + " has no counter " + name)
+                        : noVm(pid);
+            }
+            shown.add(counter.get());
+        }
+        return shown;
+    }
+
+    private static CliError noVm(int pid) {
+        return CliError.refused("no HotSpot VM with pid " + pid + " publishes performance data that this user may read");
+    }
+}

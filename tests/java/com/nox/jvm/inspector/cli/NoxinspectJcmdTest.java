@@ -1,0 +1,235 @@
+package com.nox.jvm.inspector.cli;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+import static org.junit.jupiter.api.Assumptions.assumeTrue;
+
+import com.nox.jvm.inspector.testing.JdkVm;
+
+import java.io.BufferedReader;
+import java.io.IOException;
+import java.io.InputStreamReader;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Set;
+import java.util.TreeSet;
+import java.util.concurrent.TimeUnit;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
+
+import org.junit.jupiter.api.Test;
+
+/**
+ * {@code noxinspect jcmd} and its shortcuts against the JDK's own {@code jcmd}, on real JDK 17 VMs
+ * started by the test: the same output after jcmd's "PID:" line and the same exit status; the
+ * refusals of what must not be signalled or used; a VM in its own pid and mount namespaces; and
+ * {@code attach} refusing a mistyped agent option before anything reaches the VM.
+ */
+class NoxinspectJcmdTest {
+    private static final String JAVA = Path.of(System.getProperty("java.home"), "bin", "java").toString();
+    private static final boolean ROOT = "root".equals(System.getProperty("user.name"));
+
+    /** How two outputs must agree. */
+    enum Agreement {
+        SAME,
+        /**
+         * Equal once the comment lines are dropped (VM.system_properties starts with the time), and
+         * user.timezone, which the VM sets when it first formats that time.
+         */
+        SAME_WITHOUT_COMMENTS,
+        /** The same header, and java.lang.String counted in both. */
+        HISTOGRAM,
+        /** The same thread names (states and addresses change between two dumps). */
+        THREAD_NAMES
+    }
+
+    record Case(Agreement agreement, List<String> ours, List<String> jcmd) {
+    }
+
+    /** What jcmd printed after its "PID:" line, its exit status and its standard error. */
+    private static Launcher.Result jcmd(long pid, List<String> command) throws IOException, InterruptedException {
+        List<String> words = new ArrayList<>(List.of(Path.of(System.getProperty("java.home"), "bin", "jcmd").toString(),
+                Long.toString(pid)));
+        words.addAll(command);
+        Process process = new ProcessBuilder(words).redirectError(ProcessBuilder.Redirect.PIPE).start();
+        String out = new String(process.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+        String err = new String(process.getErrorStream().readAllBytes(), StandardCharsets.UTF_8);
+        assertTrue(process.waitFor(60, TimeUnit.SECONDS), "jcmd did not end");
+        assertTrue(out.startsWith(pid + ":\n"), out + err);
+        return new Launcher.Result(process.exitValue(), out.substring(out.indexOf('\n') + 1), err);
+    }
+
+    private static List<String> words(Object... words) {
+        List<String> list = new ArrayList<>();
+        for (Object w : words) {
+            list.add(w.toString());
+        }
+        return list;
+    }
+
+    private static void assertAgree(Case c, Launcher.Result ours, Launcher.Result theirs) {
+        String what = c.ours() + "\n" + ours + "\njcmd " + c.jcmd() + "\n" + theirs;
+        assertEquals(theirs.exitCode(), ours.exitCode(), what);
+        switch (c.agreement()) {
+            case SAME -> assertEquals(theirs.out(), ours.out(), what);
+            case SAME_WITHOUT_COMMENTS -> assertEquals(withoutComments(theirs.out()), withoutComments(ours.out()), what);
+            case HISTOGRAM -> {
+                assertEquals(theirs.out().lines().limit(2).toList(), ours.out().lines().limit(2).toList(), what);
+                assertTrue(ours.out().contains(" java.lang.String (java.base@"), what);
+                assertTrue(theirs.out().contains(" java.lang.String (java.base@"), what);
+            }
+            case THREAD_NAMES -> {
+                Set<String> names = threadNames(ours.out());
+                assertTrue(names.contains("main") && names.contains("Attach Listener"), what);
+                assertEquals(threadNames(theirs.out()), names, what);
+            }
+            default -> throw new AssertionError(c.agreement());
+        }
+    }
+
+    private static List<String> withoutComments(String text) {
+        return text.lines().filter(l -> !l.startsWith("#") && !l.startsWith("user.timezone=")).toList();
+    }
+
+    private static Set<String> threadNames(String dump) {
+        Set<String> names = new TreeSet<>();
+        Matcher m = Pattern.compile("^\"([^\"]*)\"", Pattern.MULTILINE).matcher(dump);
+        while (m.find()) {
+            names.add(m.group(1));
+        }
+        return names;
+    }
+
+    @Test
+    void printsWhatJcmdPrintsWithItsExitStatus() throws Exception {
+        // Fixed compiler threads: with dynamic ones a thread may come or go between two dumps.
+        try (JdkVm vm = new JdkVm("-XX:-UseDynamicNumberOfCompilerThreads", "-Xmx64m")) {
+            int pid = vm.pid();
+            List<Case> cases = List.of(
+                    new Case(Agreement.SAME, words("jcmd", pid, "VM.version"), words("VM.version")),  // the first attach
+                    new Case(Agreement.SAME, words("jcmd", pid, "VM.command_line"), words("VM.command_line")),
+                    new Case(Agreement.SAME, words("jcmd", pid, "VM.flags"), words("VM.flags")),
+                    new Case(Agreement.SAME, words("flags", pid), words("VM.flags", "-all")),
+                    new Case(Agreement.SAME_WITHOUT_COMMENTS, words("props", pid), words("VM.system_properties")),
+                    new Case(Agreement.HISTOGRAM, words("histo", pid), words("GC.class_histogram")),
+                    new Case(Agreement.THREAD_NAMES, words("threads", pid), words("Thread.print")),
+                    new Case(Agreement.SAME, words("jcmd", pid, "GC.run"), words("GC.run")),
+                    new Case(Agreement.SAME, words("jcmd", pid, "No.such_command"), words("No.such_command")));
+            for (Case c : cases) {
+                Launcher.Result ours = Launcher.run(c.ours().toArray(String[]::new));
+                assertAgree(c, ours, jcmd(pid, c.jcmd()));
+            }
+            Launcher.Result rejected = Launcher.run("jcmd", Integer.toString(pid), "No.such_command");
+            assertTrue(rejected.err().contains("Unknown diagnostic command"), rejected.toString());
+        }
+    }
+
+    @Test
+    void refusesWhatItMustNotSignalOrUse() throws Exception {
+        Process sleeper = new ProcessBuilder("sleep", "60").start();
+        try {
+            Launcher.Result r = Launcher.run("jcmd", Long.toString(sleeper.pid()), "VM.version");
+            assertEquals(1, r.exitCode(), r.toString());
+            assertTrue(r.err().contains("is not a Java VM (it maps no libjvm.so): not signalled"), r.toString());
+            assertTrue(sleeper.isAlive(), "a process that is not a VM must never get SIGQUIT");
+        } finally {
+            sleeper.destroyForcibly().waitFor(5, TimeUnit.SECONDS);
+        }
+        // Attach disabled, seen in the performance data and, without them, on the command line.
+        for (List<String> options : List.of(List.of("-XX:+DisableAttachMechanism"),
+                List.of("-XX:-UsePerfData", "-XX:+DisableAttachMechanism"))) {
+            try (JdkVm vm = new JdkVm(options.toArray(String[]::new))) {
+                Launcher.Result r = Launcher.run("threads", Integer.toString(vm.pid()));
+                assertEquals(1, r.exitCode(), options + "\n" + r);
+                assertTrue(r.err().contains("does not accept attach requests (it runs with "
+                        + "-XX:+DisableAttachMechanism): not signalled"), options + "\n" + r);
+                assertFalse(Files.exists(Path.of("/tmp/.java_pid" + vm.pid())), options.toString());
+            }
+        }
+    }
+
+    @Test
+    void usesNoSocketThatAnotherUserPlantedUnderTheVmsName() throws Exception {
+        assumeTrue(ROOT, "not root: the socket of another user is planted by the root run only");
+        try (JdkVm vm = new JdkVm()) {
+            Path socket = Path.of("/tmp/.java_pid" + vm.pid());
+            String server = "import socket, sys\n"
+                    + "s = socket.socket(socket.AF_UNIX); s.bind(sys.argv[1]); s.listen(5)\n"
+                    + "print('READY', flush=True)\n"
+                    + "s.settimeout(float(sys.argv[2]))\n"
+                    + "try:\n    s.accept(); print('CONNECTED', flush=True)\n"
+                    + "except socket.timeout:\n    print('NOBODY', flush=True)\n";
+            Process planted = new ProcessBuilder("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                    "/usr/bin/python3", "-c", server, socket.toString(), "3").redirectErrorStream(true).start();
+            BufferedReader said = new BufferedReader(new InputStreamReader(planted.getInputStream(), StandardCharsets.UTF_8));
+            try {
+                assertEquals("READY", said.readLine());
+                Launcher.Result r = Launcher.run("jcmd", Integer.toString(vm.pid()), "VM.version");
+                assertEquals(1, r.exitCode(), r.toString());
+                assertTrue(r.err().contains(socket + " belongs to user id 65534, not to the VM's user"), r.toString());
+                assertEquals("NOBODY", said.readLine(), "the planted socket was connected to");
+            } finally {
+                planted.destroyForcibly().waitFor(5, TimeUnit.SECONDS);
+                Files.deleteIfExists(socket);
+            }
+        }
+    }
+
+    @Test
+    void reachesAVmInItsOwnPidAndMountNamespaces() throws Exception {
+        assumeTrue(ROOT, "not root: no pid and mount namespaces can be made for the VM");
+        // The class folder lies outside /tmp, which the VM's own tmpfs hides.
+        Process unshare = new ProcessBuilder("unshare", "--pid", "--mount", "--fork", "--kill-child", "--mount-proc",
+                "bash", "-c", "mount -t tmpfs tmpfs /tmp && exec \"$0\" \"$@\"", JAVA, "-cp", JdkVm.testClasses(),
+                JdkVm.MAIN_CLASS).redirectError(ProcessBuilder.Redirect.INHERIT).start();
+        try {
+            String ready = new BufferedReader(new InputStreamReader(unshare.getInputStream(), StandardCharsets.UTF_8))
+                    .readLine();
+            assumeTrue(ready != null, "unshare could not start a VM in new namespaces here");
+            assertEquals("READY 1", ready, "the VM is pid 1 of its own namespace");
+            String children = Files.readString(Path.of("/proc", Long.toString(unshare.pid()), "task",
+                    Long.toString(unshare.pid()), "children")).trim();
+            int hostPid = Integer.parseInt(children);
+            Case c = new Case(Agreement.SAME, words("jcmd", hostPid, "VM.version"), words("VM.version"));
+            assertAgree(c, Launcher.run(c.ours().toArray(String[]::new)), jcmd(hostPid, c.jcmd()));
+            assertFalse(Files.exists(Path.of("/tmp/.java_pid1")), "the VM's socket is in its own /tmp");
+        } finally {
+            unshare.destroy();
+            if (!unshare.waitFor(5, TimeUnit.SECONDS)) {
+                unshare.destroyForcibly().waitFor(5, TimeUnit.SECONDS);
+            }
+        }
+    }
+
+    @Test
+    void attachRefusesAMistypedOptionBeforeAnythingReachesTheVm() throws Exception {
+        Path stderr = Files.createTempFile("attach-target", ".err");
+        Process vm = new ProcessBuilder(JAVA, "-cp", JdkVm.testClasses(), JdkVm.MAIN_CLASS)
+                .redirectError(stderr.toFile()).start();
+        try {
+            String ready = new BufferedReader(new InputStreamReader(vm.getInputStream(), StandardCharsets.UTF_8)).readLine();
+            assertEquals("READY " + vm.pid(), ready);
+            Launcher.Result r = Launcher.run("attach", Long.toString(vm.pid()), "refresh=500,pol=20");
+            assertEquals(2, r.exitCode(), r.toString());
+            assertTrue(r.err().contains("unknown agent option 'pol'"), r.toString());
+            assertFalse(Files.exists(Path.of("/tmp/.java_pid" + vm.pid())), "the VM was attached");
+
+            Launcher.Result good = Launcher.run("attach", Long.toString(vm.pid()), "refresh=500,poll=20");
+            assertEquals(0, good.exitCode(), good.toString());
+            assertEquals("", Files.readString(stderr), "the VM's own standard error");
+        } finally {
+            vm.destroyForcibly().waitFor(5, TimeUnit.SECONDS);
+            Files.deleteIfExists(stderr);
+            Files.deleteIfExists(Path.of("/tmp/nox_jvm_" + uid() + "_" + vm.pid()));
+            Files.deleteIfExists(Path.of("/tmp/nox_jvm_profiling_server_" + uid() + "_" + vm.pid()));
+        }
+    }
+
+    private static int uid() throws IOException {
+        return (Integer) Files.getAttribute(Path.of("/proc/self/"), "unix:uid");
+    }
+}

@@ -1,0 +1,183 @@
+package com.nox.jvm.inspector.cli;
+
+import static com.nox.jvm.inspector.testing.ModelFixtures.area;
+import static com.nox.jvm.inspector.testing.ModelFixtures.hotspot;
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.nox.jvm.inspector.cluster.ClusterType;
+import com.nox.jvm.inspector.host.ControlAreaView;
+import com.nox.jvm.inspector.host.HostSnapshot;
+import com.nox.jvm.inspector.host.HostVm;
+import com.nox.jvm.inspector.testing.ModelFixtures;
+
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.time.Instant;
+import java.util.ArrayList;
+import java.util.LinkedHashSet;
+import java.util.List;
+import java.util.Map;
+import java.util.Set;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
+
+import org.junit.jupiter.api.Test;
+
+/** The commands' renderers over a host model made by hand: what list, info, watch and the metrics show. */
+class RenderTest {
+    private static final int PID = 4242;
+    private static final int ALONE = 555;
+    private static final long NOW = ModelFixtures.BEGIN_MILLIS / 1000 + 60;
+    private static final String VERSION = "OpenJDK 64-Bit Server VM 17.0.9+9-area";
+
+    /** A VM with both sources in process cluster PID, one known only by its performance data, one of instance cluster 7. */
+    private static HostSnapshot snapshot(String mainClass) {
+        List<ControlAreaView> areas = List.of(area(ClusterType.INSTANCE, 7, 1, 77, 1000, "v7", "seven.Main", 1),
+                area(ClusterType.PROCESS, PID, 0, PID, 1000, VERSION, mainClass, 1024));
+        return HostSnapshot.of(areas, Map.of(PID, 1000, 77, 1000),
+                List.of(hotspot(PID, 1000, "perf.Main", 512, 2048, 4096, 300),
+                        hotspot(ALONE, 1000, "alone.Main", 5, 6, 7, 300)));
+    }
+
+    /** A VM with both sources has one version, main class and heap in list, info, watch (JSON) and the metrics. */
+    @Test
+    void aVmWithBothSourcesShowsTheSameFactsEverywhere() throws Exception {
+        HostSnapshot snapshot = snapshot("app.Main");
+        HostVm vm = snapshot.byPid(PID).orElseThrow();
+        Map<String, String> list = Launcher.flatJson(Output.json(ListCommand.render(snapshot, NOW), true));
+        Map<String, String> info = Launcher.flatJson(Output.json(InfoCommand.render(vm, NOW), true));
+        Map<String, String> watch = Launcher.flatJson(Output.json(Watch.line("appeared", vm, Instant.now()), false));
+        String metrics = Metrics.render(snapshot, Exposition.PROMETHEUS);
+        String listed = "vms." + index(list, PID) + ".";
+        for (Map<String, String> fields : List.of(rebase(list, listed), rebase(info, "vm."), watch)) {
+            assertEquals("\"" + VERSION + "\"", fields.get("version"), fields.toString());
+            assertEquals("\"app.Main\"", fields.get("mainClass"), fields.toString());
+            assertEquals(List.of("512", "1024", "4096"),
+                    List.of(fields.get("heap.used"), fields.get("heap.committed"), fields.get("heap.max")));
+            assertEquals(List.of("\"control-area\"", "\"hotspot\""), List.of(fields.get("sources.0"),
+                    fields.get("sources.1")));
+        }
+        String labels = "{cluster_type=\"process\",cluster_id=\"" + PID + "\",slot=\"0\",pid=\"" + PID + "\"";
+        assertTrue(metrics.contains("nox_vm_info" + labels + ",vm_id=\"100\",vm_version=\"" + VERSION
+                + "\",main_class=\"app.Main\"} 1\n"), metrics);
+        assertTrue(metrics.contains("jvm_memory_used_bytes" + labels + ",area=\"heap\"} 512\n"), metrics);
+        assertTrue(metrics.contains("jvm_memory_committed_bytes" + labels + ",area=\"heap\"} 1024\n"), metrics);
+        assertTrue(metrics.contains("jvm_memory_max_bytes" + labels + ",area=\"heap\"} 4096\n"), metrics);
+        assertEquals(1, metrics.split("nox_vm_up\\{[^}]*pid=\"" + PID + "\"", -1).length - 1, "one VM, one series");
+        assertTrue(metrics.contains("nox_host_vms 3\n") && metrics.contains("nox_host_hotspot_only_vms 1\n"), metrics);
+    }
+
+    private static int index(Map<String, String> flat, int pid) {
+        for (int i = 0; flat.containsKey("vms." + i + ".pid"); i++) {
+            if (flat.get("vms." + i + ".pid").equals(Integer.toString(pid))) {
+                return i;
+            }
+        }
+        throw new AssertionError("no VM " + pid + " in " + flat);
+    }
+
+    private static Map<String, String> rebase(Map<String, String> flat, String prefix) {
+        Map<String, String> inner = new java.util.HashMap<>();
+        flat.forEach((k, v) -> {
+            if (k.startsWith(prefix)) {
+                inner.put(k.substring(prefix.length()), v);
+            }
+        });
+        return inner;
+    }
+
+    /** Every family the README documents, named here so that renaming one fails, with samples in both formats. */
+    @Test
+    void everyDocumentedFamilyIsExposed() throws Exception {
+        List<String> documented = List.of("nox_vm_up", "nox_vm_info", "process_start_time_seconds",
+                "jvm_memory_committed_bytes", "jvm_memory_used_bytes", "jvm_memory_max_bytes",
+                "nox_vm_gc_collector_collections_total", "nox_vm_gc_collector_seconds_total", "jvm_classes_loaded_total",
+                "jvm_classes_unloaded_total", "jvm_threads_current", "jvm_threads_daemon", "jvm_threads_peak",
+                "jvm_threads_started_total", "nox_vm_class_pool_committed_bytes", "nox_vm_code_cache_committed_bytes",
+                "nox_vm_old_gen_used_after_gc_bytes", "nox_vm_old_gen_max_bytes", "nox_vm_gc_collections_total",
+                "nox_vm_gc_full_collections_total", "nox_vm_gc_duration_vm_units_total",
+                "nox_vm_gc_full_duration_vm_units_total", "nox_vm_gc_concurrent_duration_vm_units_total",
+                "nox_vm_process_cpu_time_vm_units_total", "nox_vm_out_of_memory_errors_total", "nox_vm_debugging_state",
+                "nox_vm_debug_port", "nox_host_vms", "nox_host_clusters", "nox_host_hotspot_only_vms",
+                "nox_host_pass_duration_seconds");
+        assertEquals(documented.size(), Metrics.FAMILIES.size());
+        assertEquals(new LinkedHashSet<>(documented), readmeFamilies());
+        String prometheus = Metrics.render(snapshot("app.Main"), Exposition.PROMETHEUS);
+        String open = Metrics.render(snapshot("app.Main"), Exposition.OPENMETRICS);
+        for (String name : documented) {
+            String base = name.replaceAll("_(total|info)$", "");
+            assertTrue(Pattern.compile("(?m)^" + name + "[{ ]").matcher(prometheus).find(), "a sample of " + name);
+            assertTrue(Pattern.compile("(?m)^" + name + "[{ ]").matcher(open).find(), "a sample of " + name);
+            assertTrue(prometheus.contains("# TYPE " + name + " " + (name.endsWith("_total") ? "counter" : "gauge")),
+                    name);
+            String type = name.endsWith("_total") ? "counter" : name.endsWith("_info") ? "info" : "gauge";
+            assertTrue(open.contains("# TYPE " + base + " " + type + "\n"), base + " " + type);
+            boolean unit = base.endsWith("_bytes") || base.endsWith("_seconds");
+            assertEquals(unit, open.contains("# UNIT " + base + " "), base);
+        }
+        assertFalse(prometheus.contains("# UNIT") || prometheus.contains("# EOF"));
+        assertTrue(open.endsWith("\n# EOF\n") && open.indexOf("# EOF") == open.length() - 6);
+    }
+
+    /** The series names in the README's metrics table ("... (and _full_, _concurrent_)" counts as three). */
+    private static Set<String> readmeFamilies() throws Exception {
+        Path readme = Path.of(System.getProperty("nox.launcher", "tools/noxinspect")).toAbsolutePath().getParent()
+                .getParent().resolve("README.md");
+        Set<String> names = new LinkedHashSet<>();
+        for (String line : Files.readAllLines(readme)) {
+            if (!line.startsWith("| `")) {
+                continue;
+            }
+            Matcher m = Pattern.compile("`([a-z_]+)(\\{[^`]*)?`").matcher(line.substring(0, line.indexOf('|', 2)));
+            while (m.find()) {
+                names.add(m.group(1));
+            }
+            if (line.contains("(and `_full_`, `_concurrent_`)")) {
+                names.add("nox_vm_gc_full_duration_vm_units_total");
+                names.add("nox_vm_gc_concurrent_duration_vm_units_total");
+            }
+        }
+        names.removeIf(n -> !n.matches("(nox|jvm|process)_.*"));
+        return names;
+    }
+
+    @Test
+    void theScraperChoosesTheFormat() {
+        String[][] cases = {
+            {null, "PROMETHEUS"}, {"text/plain;version=0.0.4", "PROMETHEUS"}, {"*/*", "PROMETHEUS"},
+            {"application/openmetrics-text;version=1.0.0;q=0.5,text/plain;version=0.0.4;q=0.3", "OPENMETRICS"},
+            {"Application/OpenMetrics-Text", "OPENMETRICS"},
+        };
+        for (String[] c : cases) {
+            assertEquals(c[1], Exposition.forAccept(c[0]).name(), String.valueOf(c[0]));
+        }
+    }
+
+    /** Text from a VM reaches a terminal, a JSON string and a label only made printable, and stays on its line. */
+    @Test
+    void textFromAVmIsPrintableInEveryOutput() throws Exception {
+        String hostile = "a\"b\\c\nline\u001b]0;title\u0007\u009b31m\u202eevil";
+        String printable = "a\"b\\c\\nline\\x1b]0;title\\x07\\u009b31m\\u202eevil";
+        HostSnapshot snapshot = snapshot(hostile);
+        HostVm vm = snapshot.byPid(PID).orElseThrow();
+        List<String> outputs = new ArrayList<>();
+        for (boolean json : new boolean[] {false, true}) {
+            java.io.ByteArrayOutputStream bytes = new java.io.ByteArrayOutputStream();
+            Output out = new Output(new java.io.PrintStream(bytes, true, "UTF-8"), json);
+            out.table(ListCommand.render(snapshot, NOW), "vms", "none");
+            out.sections(InfoCommand.title(vm), InfoCommand.render(vm, NOW));
+            out.line(Watch.line("appeared", vm, Instant.now()));
+            outputs.add(bytes.toString("UTF-8"));
+        }
+        outputs.add(Metrics.render(snapshot, Exposition.OPENMETRICS));
+        for (String text : outputs) {
+            assertTrue(text.chars().allMatch(c -> c == '\n' || (c >= 0x20 && c < 0x7f)), text);
+        }
+        assertTrue(outputs.get(0).contains(printable), outputs.get(0));
+        assertTrue(Launcher.jsonStringAt(Output.json(InfoCommand.render(vm, NOW), true), printable, "vm", "mainClass"));
+        assertTrue(outputs.get(2).contains("main_class=\"a\\\"b\\\\c\\\\nline\\\\x1b]0;title\\\\x07\\\\u009b31m"
+                + "\\\\u202eevil\""), outputs.get(2));
+    }
+}

@@ -1,0 +1,131 @@
+package com.nox.jvm.inspector.cli;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertNotNull;
+import static org.junit.jupiter.api.Assertions.assertNull;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+import static org.junit.jupiter.api.Assumptions.assumeTrue;
+
+import com.nox.jvm.inspector.host.Host;
+import com.nox.jvm.inspector.natives.NativeLibrary;
+import com.nox.jvm.inspector.testing.JdkVm;
+
+import java.io.BufferedReader;
+import java.io.IOException;
+import java.io.InputStreamReader;
+import java.nio.charset.StandardCharsets;
+import java.util.List;
+import java.util.Map;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.TimeUnit;
+import java.util.concurrent.TimeoutException;
+
+import org.junit.jupiter.api.Test;
+
+/**
+ * A second local user (nobody, through setpriv) publishes a control area whose slot names a VM
+ * of root's: root's inspector must keep showing that VM as what it is (its own performance data,
+ * its own row and series) and must not put a request for it into the other user's file. Needs
+ * root to act as two users; skipped with a message otherwise.
+ */
+class SecondUserTest {
+    static final List<String> AS_NOBODY = List.of("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups");
+
+    static boolean isRoot() {
+        return "root".equals(System.getProperty("user.name"));
+    }
+
+    /** vmsim run as nobody; its output lines, READY first. */
+    static final class OtherUsersVmsim implements AutoCloseable {
+        final Process process;
+        final BufferedReader out;
+        final String ready;
+
+        OtherUsersVmsim(String... args) throws IOException {
+            List<String> command = new java.util.ArrayList<>(AS_NOBODY);
+            command.add(System.getProperty("nox.vmsim", "vmsim"));
+            command.addAll(List.of(args));
+            process = new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.INHERIT).start();
+            out = new BufferedReader(new InputStreamReader(process.getInputStream(), StandardCharsets.UTF_8));
+            ready = out.readLine();
+            if (ready == null || !ready.startsWith("READY ")) {
+                close();
+                throw new IOException("vmsim as nobody did not start: " + ready);
+            }
+        }
+
+        /** The next line vmsim prints within {@code millis}; null when none comes. */
+        String nextLine(long millis) throws Exception {
+            CompletableFuture<String> line = CompletableFuture.supplyAsync(() -> {
+                try {
+                    return out.readLine();
+                } catch (IOException e) {
+                    return null;
+                }
+            });
+            try {
+                return line.get(millis, TimeUnit.MILLISECONDS);
+            } catch (TimeoutException e) {
+                return null;
+            }
+        }
+
+        @Override
+        public void close() {
+            process.destroy();
+            try {
+                if (!process.waitFor(10, TimeUnit.SECONDS)) {
+                    process.destroyForcibly();
+                }
+            } catch (InterruptedException e) {
+                process.destroyForcibly();
+                Thread.currentThread().interrupt();
+            }
+        }
+    }
+
+    @Test
+    void anotherUsersControlAreaNamingRootsVmNeitherHidesItNorTakesItsRequests() throws Exception {
+        assumeTrue(isRoot(), "needs root to run a second user (setpriv): skipped");
+        try (JdkVm vm = new JdkVm(List.of(), List.of(), "spoofed")) {
+            NoxinspectHotSpotTest.awaitListed(vm);
+            int pid = vm.pid();
+            try (OtherUsersVmsim spoof = new OtherUsersVmsim("--set", "pid=" + pid, "--set", "vm_version=forged",
+                    "--set", "jar_main_class=forged.Main", "--set", "committed_java_heap_size=1")) {
+                String spoofPid = spoof.ready.replaceAll(".* id=([0-9]+) .*", "$1");
+                Map<String, String> list = Launcher.flatJson(Launcher.run("--json", "list").out());
+                int own = -1;
+                for (int i = 0; list.containsKey("vms." + i + ".pid"); i++) {
+                    if (list.get("vms." + i + ".pid").equals(Integer.toString(pid))
+                            && "\"hotspot\"".equals(list.get("vms." + i + ".cluster"))) {
+                        own = i;
+                    }
+                }
+                assertTrue(own >= 0, "root's VM keeps its own entry: " + list);
+                assertEquals("\"hotspot\"", list.get("vms." + own + ".sources.0"));
+                assertNull(list.get("vms." + own + ".sources.1"), "not merged with the other user's control area");
+                assertEquals("\"" + JdkVm.MAIN_CLASS + "\"", list.get("vms." + own + ".mainClass"));
+                assertEquals("\"OpenJDK 64-Bit Server VM " + System.getProperty("java.vm.version") + "\"",
+                        list.get("vms." + own + ".version"));
+                Map<String, String> info = Launcher.flatJson(Launcher.run("--json", "info", Integer.toString(pid)).out());
+                assertEquals("\"hotspot\"", info.get("vm.cluster"), info.toString());
+
+                NativeLibrary.load();
+                String metrics = Metrics.render(new Host().snapshot(), Exposition.PROMETHEUS);
+                String labels = "{cluster_type=\"hotspot\",cluster_id=\"\",slot=\"\",pid=\"" + pid + "\"";
+                assertEquals("1", ServeTest.value(metrics, "nox_vm_up", labels), metrics);
+                assertNotNull(ServeTest.value(metrics, "jvm_memory_used_bytes", labels), metrics);
+                assertNull(ServeTest.value(metrics, "jvm_memory_used_bytes", "cluster_id=\"" + spoofPid + "\""),
+                        "no figure of root's VM under the other user's cluster: " + metrics);
+
+                for (String target : List.of(Integer.toString(pid), "process:" + spoofPid + ":0")) {
+                    Launcher.Result exit = Launcher.run("exit", target, "0");
+                    assertEquals(CliError.REFUSED, exit.exitCode(), exit.toString());
+                    assertTrue(exit.err().startsWith("noxinspect: no live VM "), exit.toString());
+                }
+                assertNull(spoof.nextLine(500), "no request reached the other user's file");
+                assertTrue(ProcessHandle.of(pid).map(ProcessHandle::isAlive).orElse(false), "root's VM runs on");
+            }
+        }
+    }
+}
