@@ -250,15 +250,38 @@ TEST(HotSpotFigures, AddsGenerationsAndKeepsCollectors) {
     EXPECT_EQ("app.jar --x", text_of(f.java_command));
 }
 
-TEST(HotSpotFigures, G1HeapMaximumIsItsLargestGeneration) {
+TEST(HotSpotFigures, G1SizesWithoutPaddingAndItsMaximumOnce) {
+    // An idle G1 VM with -Xms256m -Xmx256m: G1 adds 8 bytes per space to every size, and publishes
+    // the heap's maximum as each generation's. Committed is then 32 bytes above the maximum.
+    const int64_t mib = 1 << 20;
     PerfDataBlock b;
     b.add_string("sun.gc.policy.name", "GarbageFirst")
-        .add_long("sun.gc.generation.0.maxCapacity", 6000)
-        .add_long("sun.gc.generation.1.maxCapacity", 6000);
+        .add_long("sun.gc.generation.0.capacity", 13 * mib + 24)
+        .add_long("sun.gc.generation.0.maxCapacity", 256 * mib + 24)
+        .add_long("sun.gc.generation.0.space.0.capacity", 13 * mib + 8)
+        .add_long("sun.gc.generation.0.space.0.used", 2 * mib)
+        .add_long("sun.gc.generation.0.space.1.capacity", 8)
+        .add_long("sun.gc.generation.0.space.2.capacity", 8)
+        .add_long("sun.gc.generation.0.space.2.maxCapacity", 256 * mib + 8)
+        .add_long("sun.gc.generation.1.capacity", 243 * mib + 8)
+        .add_long("sun.gc.generation.1.maxCapacity", 256 * mib + 8)
+        .add_long("sun.gc.generation.1.space.0.capacity", 243 * mib + 8)
+        .add_long("sun.gc.generation.1.space.0.used", 5 * mib + 77)
+        .add_long("sun.gc.compressedclassspace.used", 96880);
     std::vector<unsigned char> bytes = b.bytes();
     HotSpotFigures_CL f;
     read_hotspot_figures(PerfDataBuffer(bytes.data(), bytes.size()), &f);
-    EXPECT_EQ(6000, f.heap_max);
+    EXPECT_EQ(256 * mib, f.heap_committed);
+    EXPECT_EQ(256 * mib, f.heap_max);
+    EXPECT_EQ(7 * mib + 77, f.heap_used);
+    EXPECT_EQ(13 * mib, f.pools[POOL_EDEN].committed);
+    EXPECT_EQ(2 * mib, f.pools[POOL_EDEN].used);
+    EXPECT_EQ(0, f.pools[POOL_SURVIVOR].committed);
+    EXPECT_EQ(256 * mib, f.pools[POOL_SURVIVOR].max);
+    EXPECT_EQ(243 * mib, f.pools[POOL_OLD].committed);
+    EXPECT_EQ(5 * mib + 77, f.pools[POOL_OLD].used);
+    EXPECT_EQ(96880, f.pools[POOL_CLASS_SPACE].used);
+    EXPECT_EQ(-1, f.pools[POOL_METASPACE].used);
 }
 
 TEST(HotSpotFigures, SumsOfHugeFiguresStopAtTheLargestLong) {
@@ -317,6 +340,7 @@ TEST(HotSpotFigures, FiguresOfRealVms) {
         EXPECT_GE(f.heap_used, 0);
         EXPECT_GT(f.heap_committed, 0);
         EXPECT_GE(f.heap_max, f.heap_committed);
+        for (const HotSpotPool_CL& pool : f.pools) EXPECT_LE(pool.committed, pool.max) << e.file;
         EXPECT_GT(f.classes_loaded, 100);
         EXPECT_GE(f.threads_live, 1);
     }
