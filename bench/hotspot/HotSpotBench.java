@@ -20,8 +20,9 @@ import sun.jvmstat.monitor.MonitoredVm;
 import sun.jvmstat.monitor.VmIdentifier;
 
 /**
- * Listing the host's HotSpot VMs and reading the figures of 4 sleeping VMs: our natives
- * (listVms0, then getVm0 per VM) against the JDK's own jvmstat API (MonitoredHost.activeVms,
+ * Listing the host's HotSpot VMs and reading the figures of 4 sleeping VMs: our natives, as a
+ * listing then one read per VM (listVms0, then getVm0 per VM) and as one host pass
+ * (getHostPass0, each file read once), against the JDK's own jvmstat API (MonitoredHost.activeVms,
  * then per VM getMonitoredVm, findByName of the same counters, detach), measured in the same run,
  * in alternating rounds. Prints microseconds per VM for each, and the ratio of each round.
  */
@@ -80,14 +81,18 @@ public final class HotSpotBench {
             System.out.printf(Locale.ROOT, "%d sleeping VMs (of %d HotSpot VMs on this host), %d counters per VM%n",
                     VMS, inspector.vms().size(), names.size());
 
-            // Warm-up of both, and a check that both see the same figures.
+            // Warm-up of all three, and a check that the pass sees the same figures.
             for (int i = 0; i < ITERATIONS; i++) {
-                ours(inspector, pids);
+                if (ours(inspector, pids) != pass(inspector, pids)) {
+                    throw new IllegalStateException("the host pass and the reads per VM disagree");
+                }
                 jvmstat(host, pids, names);
             }
             double[] oursUs = new double[ROUNDS];
+            double[] passUs = new double[ROUNDS];
             double[] jdkUs = new double[ROUNDS];
             double[] ratios = new double[ROUNDS];
+            double[] passRatios = new double[ROUNDS];
             long sink = 0;
             for (int r = 0; r < ROUNDS; r++) {
                 long t0 = System.nanoTime();
@@ -96,17 +101,24 @@ public final class HotSpotBench {
                 }
                 long t1 = System.nanoTime();
                 for (int i = 0; i < ITERATIONS; i++) {
-                    sink += jvmstat(host, pids, names);
+                    sink += pass(inspector, pids);
                 }
                 long t2 = System.nanoTime();
+                for (int i = 0; i < ITERATIONS; i++) {
+                    sink += jvmstat(host, pids, names);
+                }
+                long t3 = System.nanoTime();
                 oursUs[r] = (t1 - t0) / 1000.0 / ITERATIONS / VMS;
-                jdkUs[r] = (t2 - t1) / 1000.0 / ITERATIONS / VMS;
+                passUs[r] = (t2 - t1) / 1000.0 / ITERATIONS / VMS;
+                jdkUs[r] = (t3 - t2) / 1000.0 / ITERATIONS / VMS;
                 ratios[r] = jdkUs[r] / oursUs[r];
-                System.out.printf(Locale.ROOT, "round %d: natives %.1f us/VM, jvmstat %.1f us/VM, %.1fx%n", r + 1,
-                        oursUs[r], jdkUs[r], ratios[r]);
+                passRatios[r] = oursUs[r] / passUs[r];
+                System.out.printf(Locale.ROOT, "round %d: natives list+figures %.1f us/VM, host pass %.1f us/VM,"
+                        + " jvmstat %.1f us/VM%n", r + 1, oursUs[r], passUs[r], jdkUs[r]);
             }
-            System.out.printf(Locale.ROOT, "median: natives %.1f us/VM, jvmstat %.1f us/VM, natives faster %.1fx"
-                    + " (rounds %.1fx to %.1fx)  [%d]%n", median(oursUs), median(jdkUs), median(ratios),
+            System.out.printf(Locale.ROOT, "median: natives list+figures %.1f us/VM, host pass %.1f us/VM (%.2fx"
+                    + " faster), jvmstat %.1f us/VM (natives list+figures faster %.1fx, rounds %.1fx to %.1fx)"
+                    + "  [%d]%n", median(oursUs), median(passUs), median(passRatios), median(jdkUs), median(ratios),
                     Arrays.stream(ratios).min().orElse(0), Arrays.stream(ratios).max().orElse(0), sink & 1);
         } finally {
             for (Process p : sleepers) {
@@ -123,7 +135,18 @@ public final class HotSpotBench {
         for (HotSpotVm vm : inspector.vms()) {
             if (pids.contains(vm.pid())) {
                 HotSpotFigures f = inspector.figures(vm.pid()).orElseThrow();
-                sum += f.heapUsed() + f.collectors().size() + f.javaCommand().length();
+                sum += f.heapMax() + f.collectors().size() + f.javaCommand().length();
+            }
+        }
+        return sum;
+    }
+
+    /** The same figures from one host pass. */
+    private static long pass(HotSpotInspector inspector, Set<Integer> pids) {
+        long sum = 0;
+        for (HotSpotFigures f : inspector.snapshot().vms()) {
+            if (pids.contains(f.pid())) {
+                sum += f.heapMax() + f.collectors().size() + f.javaCommand().length();
             }
         }
         return sum;

@@ -4,7 +4,7 @@
 #include <cstring>
 
 ByteArrayOutputStream_CL::ByteArrayOutputStream_CL(size_t initial_capacity)
-    : _onCHeap(true), _data(nullptr), _end(nullptr), _pos(nullptr) {
+    : _data(nullptr), _end(nullptr), _pos(nullptr) {
     _data = static_cast<unsigned char*>(malloc(initial_capacity));
     _end = _data != nullptr ? _data + initial_capacity : nullptr;
     _pos = _data;
@@ -12,10 +12,6 @@ ByteArrayOutputStream_CL::ByteArrayOutputStream_CL(size_t initial_capacity)
 
 ByteArrayOutputStream_CL::~ByteArrayOutputStream_CL() {
     if (_data != nullptr) free(_data);
-}
-
-void* ByteArrayOutputStream_CL::grow_block(void* block, size_t capacity) {
-    return realloc(block, capacity);
 }
 
 void* ByteArrayOutputStream_CL::acquire_growing(size_t n) {
@@ -26,7 +22,7 @@ void* ByteArrayOutputStream_CL::acquire_growing(size_t n) {
         if (wanted > (static_cast<size_t>(-1) >> 1)) return nullptr;  // doubling would overflow
         wanted *= 2;
     }
-    unsigned char* block = static_cast<unsigned char*>(grow_block(_data, wanted));
+    unsigned char* block = static_cast<unsigned char*>(realloc(_data, wanted));
     if (block == nullptr) return nullptr;
     _data = block;
     _end = block + wanted;

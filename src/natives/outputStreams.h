@@ -55,14 +55,9 @@ public:
     size_t size() const { return static_cast<size_t>(_pos - _data); }
     size_t capacity() const { return static_cast<size_t>(_end - _data); }
 
-protected:
-    // realloc; a test replaces it to see the failure path.
-    virtual void* grow_block(void* block, size_t capacity);
-
 private:
     void* acquire_growing(size_t n);
 
-    bool _onCHeap;
     unsigned char* _data;
     unsigned char* _end;
     unsigned char* _pos;

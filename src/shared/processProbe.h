@@ -24,8 +24,8 @@ int pid_of_name(const char* name);
 // The owner of process `pid` (the owner of /proc/<pid>); false when there is no such process.
 bool process_owner(int pid, unsigned* uid);
 
-// Identity of the mount namespace of `pid` (the inode of /proc/<pid>/ns/mnt), or of the caller
-// when `pid` is 0; false when the caller may not see it.
+// Identity of the mount namespace of `pid` (the number in the link /proc/<pid>/ns/mnt), or of
+// the caller when `pid` is 0; false when the caller may not see it.
 bool process_mount_namespace(int pid, uint64_t* id);
 
 // The pid that `pid` knows itself by: the last field of NSpid in /proc/<pid>/status (the pid of
@@ -48,6 +48,13 @@ bool process_runs_java(int pid);
 
 // True when the process maps a file named libjvm.so (the HotSpot VM's library).
 bool process_maps_libjvm(int pid);
+
+// The same for a process that started at `start` (seconds since the epoch, 0 when unknown),
+// remembering the answer when it is yes: a JVM's maps run to hundreds of lines (100 to 200 us to
+// read) and a VM never unmaps its library, so a process known by its pid and start to map it is
+// not read again. A process that does not map it yet (a launcher starting up) is read again at
+// the next call. Safe to call from many threads.
+bool process_maps_libjvm_remembered(int pid, uint64_t start);
 
 // True when the text of a maps file, read from `fd` to its end, names libjvm.so.
 bool maps_name_libjvm(int fd);

@@ -34,9 +34,6 @@ public:
     bool remove_mapping(void* address, size_t& size) override;
     pthread_mutex_t& get_lock() override { return _lock; }
 
-    // The number of users of the entry at `address`, or 0 when there is none.
-    int attach_count_of(void* address) const;
-
 private:
     struct SharedFileCacheEntry {
         cstring _name;

@@ -43,8 +43,6 @@ public:
     HANDLE get_handle() const { return _handle; }
     size_t get_map_size() const { return _map_size; }
     void* get_map_address() const { return _map_address; }
-    // True while an attachment whose size could not be learned is held.
-    bool holds_unsized_attachment() const { return _unsized_address != nullptr; }
 
 private:
     void release_unsized();

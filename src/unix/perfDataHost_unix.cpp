@@ -242,7 +242,7 @@ int compare_pids(const void* a, const void* b) {
 }
 
 // Visits the processes that map libjvm.so and were not visited with a file. Only processes that
-// run the java launcher have their maps read: a maps file costs tens of microseconds.
+// run the java launcher have their maps read (a JVM's maps cost 100 to 200 us), once each.
 int visit_jvm_processes(ProcessTable* table, cvector<int>* found, PerfDataHost::ProcessVisitor visitor, void* context) {
     qsort(found->as_array(), static_cast<size_t>(found->size()), sizeof(int), compare_pids);
     int visited = 0;
@@ -251,13 +251,16 @@ int visit_jvm_processes(ProcessTable* table, cvector<int>* found, PerfDataHost::
         process.pid = table->at(i).pid;
         if (bsearch(&process.pid, found->as_array(), static_cast<size_t>(found->size()), sizeof(int), compare_pids) !=
                 nullptr ||
-            !process_runs_java(process.pid) || !process_maps_libjvm(process.pid) ||
+            !process_runs_java(process.pid)) {
+            continue;
+        }
+        process.process_start = SharedUtils::creationtime_of_process(process.pid);
+        if (!process_maps_libjvm_remembered(process.pid, process.process_start) ||
             !process_owner(process.pid, &process.uid)) {
             continue;
         }
         process.namespace_pid = table->namespace_pid(i);
         if (!user_of_uid(process.uid, &process.user)) process.user = cstring();
-        process.process_start = SharedUtils::creationtime_of_process(process.pid);
         process.command_line = process_command_line(process.pid, PerfDataHost::COMMAND_LINE_LIMIT);
         visited++;
         if (!visitor(process, context)) break;

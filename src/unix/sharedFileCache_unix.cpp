@@ -63,13 +63,6 @@ bool SharedFileCacheImpl::remove_mapping(void* address, size_t& size) {
     return true;
 }
 
-int SharedFileCacheImpl::attach_count_of(void* address) const {
-    for (SharedFileCacheEntry* entry = _first_cached_memory_entry; entry != nullptr; entry = entry->_next) {
-        if (entry->_addr == address) return entry->_attach_count;
-    }
-    return 0;
-}
-
 // The instance lives in static storage and is never torn down, so that a thread still using
 // it while the process exits never meets a destroyed mutex.
 alignas(SharedFileCacheImpl) static unsigned char cache_storage[sizeof(SharedFileCacheImpl)];

@@ -177,7 +177,9 @@ int rounds(int normal) {
 // 200 threads close one listening socket and one connected socket at the same moment while two
 // threads are blocked in accept on the first and two in read on the second, and another thread
 // keeps opening, writing and closing a file. Each descriptor is closed exactly once: no close
-// reports anything, the file thread never loses its descriptor, and no descriptor is left.
+// reports anything, the file thread never loses its descriptor, and no descriptor is left. The
+// socket file belongs to the server that created it: another server has taken the path over
+// meanwhile, and its file stays.
 TEST(FileSocketRaces, ManyClosersCloseOnce) {
     const int before = open_descriptors();
     {
@@ -191,6 +193,8 @@ TEST(FileSocketRaces, ManyClosersCloseOnce) {
             server.bind(path.c_str(), 0, false, setup);
             client.connect(path.c_str(), 0, setup);
             FileSocket* accepted = server.accept(0, false, setup);
+            FileSocket successor(setup);
+            successor.bind(path.c_str(), 0, false, setup);
             ASSERT_FALSE(setup.has_thrown()) << setup.message().c_str();
             ASSERT_NE(accepted, nullptr);
 
@@ -217,7 +221,9 @@ TEST(FileSocketRaces, ManyClosersCloseOnce) {
             for (auto& t : blocked) t.join();
             EXPECT_EQ(server.socket_fd(), -1);
             EXPECT_EQ(client.socket_fd(), -1);
-            EXPECT_FALSE(noxtest::path_exists(path.path())) << "the closed server's socket file is removed";
+            EXPECT_TRUE(noxtest::path_exists(path.path())) << "round " << round << ": the close removed another server's file";
+            successor.closef(setup);
+            EXPECT_FALSE(noxtest::path_exists(path.path())) << "a server's close removes its own file";
             FileSocket::destroy(accepted);
             if (HasFailure()) break;
         }
@@ -226,30 +232,6 @@ TEST(FileSocketRaces, ManyClosersCloseOnce) {
         EXPECT_GT(churn.cycles(), 0);
     }
     EXPECT_EQ(open_descriptors(), before) << "descriptors left open";
-}
-
-// The socket file belongs to the server that created it: a close after another server has
-// taken the path leaves the new server's file alone, also when many threads close at once.
-TEST(FileSocketRaces, CloseRemovesOnlyTheFileItBound) {
-    Closers closers(50);
-    for (int round = 0; round < rounds(50); round++) {
-        noxtest::ScopedPath path(unique_path("owner"));
-        ExceptionHandler handler;
-        FileSocket first(handler);
-        first.bind(path.c_str(), 0, false, handler);
-        // A second server takes the path over: bind removes the stale socket file first.
-        FileSocket second(handler);
-        second.bind(path.c_str(), 0, false, handler);
-        ASSERT_FALSE(handler.has_thrown()) << handler.message().c_str();
-        EXPECT_EQ(closers.close_all({&first}), 0) << closers.first_report();
-        ASSERT_TRUE(noxtest::path_exists(path.path())) << "round " << round << ": the first server's close removed the second's file";
-        ExceptionHandler connecting;
-        FileSocket client(connecting);
-        client.connect(path.c_str(), 0, connecting);
-        EXPECT_FALSE(connecting.has_thrown()) << connecting.message().c_str();
-        second.closef(handler);
-        EXPECT_FALSE(noxtest::path_exists(path.path())) << "the second server removes its own file";
-    }
 }
 
 namespace {
@@ -263,6 +245,25 @@ public:
 
 private:
     char* _bytes;
+};
+
+// A server with backlog 1 whose listen queue is full: a further connect waits.
+struct FullQueue {
+    noxtest::ScopedPath path{unique_path("queue")};
+    ExceptionHandler handler;
+    FileSocket server{handler};
+    std::vector<FileSocket*> queued;
+
+    FullQueue() {
+        server.bind(path.c_str(), 1, false, handler);
+        for (int i = 0; i < 64 && !handler.time_out_occured(); i++) {
+            queued.push_back(FileSocket::create(handler));
+            queued.back()->connect(path.c_str(), 20, handler);
+        }
+    }
+    ~FullQueue() {
+        for (FileSocket* s : queued) FileSocket::destroy(s);
+    }
 };
 
 // One cycle: `block` runs on its own thread until a close of `socket` releases it; the close
@@ -283,119 +284,168 @@ void close_while_blocked(FileSocket& socket, const std::function<void()>& block,
 
 }  // namespace
 
-TEST(FileSocketRaces, CloseWhileBlockedInAccept) {
+// Every blocking call, untimed and timed, comes back from a close of its socket by another
+// thread, with a failure (-1 for readf), and no descriptor is left behind. The close comes when
+// the thread is registered in the call: before it has made the system call or inside it.
+TEST(FileSocketRaces, CloseReleasesEveryBlockedCall) {
+    FullQueue full;
+    ASSERT_TRUE(full.handler.time_out_occured()) << "the listen queue never filled";
     const int before = open_descriptors();
-    for (int cycle = 0; cycle < rounds(1000); cycle++) {
-        noxtest::ScopedPath path(unique_path("accept"));
-        ExceptionHandler setup;
-        FileSocket server(setup);
-        server.bind(path.c_str(), 0, false, setup);
-        ASSERT_FALSE(setup.has_thrown()) << setup.message().c_str();
-        ExceptionHandler released;
-        FileSocket* accepted = nullptr;
-        close_while_blocked(server, [&] { accepted = server.accept(0, false, released); }, "a thread blocked in accept");
-        EXPECT_EQ(accepted, nullptr);
-        EXPECT_EQ(released.error_code(), EBADF) << released.message().c_str();
-        if (HasFailure()) break;
-    }
-    EXPECT_EQ(open_descriptors(), before);
-}
-
-TEST(FileSocketRaces, CloseWhileBlockedInRead) {
-    const int before = open_descriptors();
-    noxtest::ScopedPath path(unique_path("read"));
-    ExceptionHandler setup;
-    FileSocket server(setup);
-    server.bind(path.c_str(), 0, false, setup);
-    for (int cycle = 0; cycle < rounds(1000); cycle++) {
-        FileSocket client(setup);
-        client.connect(path.c_str(), 0, setup);
-        FileSocket* accepted = server.accept(0, false, setup);
-        ASSERT_FALSE(setup.has_thrown()) << setup.message().c_str();
-        int result = 0;
-        ExceptionHandler released;
-        // Every kind of read in turn: readf and receive untimed (waiting in recv) and timed
-        // (waiting in poll), and the pinned read (waiting in poll).
-        close_while_blocked(client, [&] {
-            char byte;
-            PlainPin pin(&byte);
-            switch (cycle % 5) {
-            case 0: result = client.readf(&byte, 1, 0, released); break;
-            case 1: result = client.readf(&byte, 1, 60000, released); break;
-            case 2: result = client.receive(&byte, 1, 0, released) > 0 ? 1 : -1; break;
-            case 3: result = client.receive(&byte, 1, 60000, released) > 0 ? 1 : -1; break;
-            default: result = client.receive_pinned(pin, 1, 0, released) > 0 ? 1 : -1; break;
-            }
-        }, "a thread blocked in read");
-        EXPECT_EQ(result, -1);
-        FileSocket::destroy(accepted);
-        if (HasFailure()) break;
-    }
-    server.closef(setup);
-    EXPECT_EQ(open_descriptors(), before);
-}
-
-TEST(FileSocketRaces, CloseWhileBlockedInWrite) {
-    const int before = open_descriptors();
-    noxtest::ScopedPath path(unique_path("write"));
+    noxtest::ScopedPath path(unique_path("blocked"));
     ExceptionHandler setup;
     FileSocket server(setup);
     server.bind(path.c_str(), 0, false, setup);
     std::vector<char> chunk(64 * 1024, 'w');
-    for (int cycle = 0; cycle < rounds(1000); cycle++) {
+    char byte;
+    PlainPin pin(&byte);
+    PlainPin chunk_pin(chunk.data());
+    // What each kind does on its socket; true when the call came back as a failure.
+    using Call = std::function<bool(FileSocket&, ExceptionHandler&)>;
+    struct Kind {
+        const char* what;
+        bool fill;  // the connection is filled first, so that a write waits
+        Call call;
+    };
+    const int size = static_cast<int>(chunk.size());
+    const std::vector<Kind> kinds = {
+        {"readf", false, [&](FileSocket& s, ExceptionHandler& h) { return s.readf(&byte, 1, 0, h) == -1; }},
+        {"timed readf", false, [&](FileSocket& s, ExceptionHandler& h) { return s.readf(&byte, 1, 60000, h) == -1; }},
+        {"receive", false, [&](FileSocket& s, ExceptionHandler& h) { return s.receive(&byte, 1, 0, h) <= 0; }},
+        {"timed receive", false, [&](FileSocket& s, ExceptionHandler& h) { return s.receive(&byte, 1, 60000, h) <= 0; }},
+        {"receive_pinned", false, [&](FileSocket& s, ExceptionHandler& h) { return s.receive_pinned(pin, 1, 0, h) <= 0; }},
+        {"writef", true, [&](FileSocket& s, ExceptionHandler& h) { return s.writef(chunk.data(), size, 0, h) < size && h.has_thrown(); }},
+        {"timed writef", true,
+         [&](FileSocket& s, ExceptionHandler& h) { return s.writef(chunk.data(), size, 60000, h) < size && h.has_thrown(); }},
+        {"send_pinned", true,
+         [&](FileSocket& s, ExceptionHandler& h) { return s.send_pinned(chunk_pin, size, 0, h) < size && h.has_thrown(); }},
+    };
+    for (int cycle = 0; cycle < rounds(2000); cycle++) {
+        const int kind = cycle % (static_cast<int>(kinds.size()) + 3);
+        bool failed = false;
+        ExceptionHandler released;
+        if (kind >= static_cast<int>(kinds.size())) {
+            // accept on a listening socket of its own, or connect to the full queue.
+            noxtest::ScopedPath own(unique_path("accept"));
+            FileSocket socket(setup);
+            int what = kind - static_cast<int>(kinds.size());
+            if (what == 0) socket.bind(own.c_str(), 0, false, setup);
+            close_while_blocked(socket, [&] {
+                if (what == 0) {
+                    FileSocket* accepted = socket.accept(0, false, released);
+                    failed = accepted == nullptr && released.error_code() == EBADF;
+                } else {
+                    socket.connect(full.path.c_str(), what == 1 ? 0 : 60000, released);
+                    failed = released.has_thrown() && !released.time_out_occured();
+                }
+            }, "a thread blocked in accept or connect");
+            EXPECT_TRUE(failed) << "cycle " << cycle << ": " << released.message().c_str();
+        } else {
+            FileSocket client(setup);
+            client.connect(path.c_str(), 0, setup);
+            FileSocket* accepted = server.accept(0, false, setup);
+            ASSERT_FALSE(setup.has_thrown()) << setup.message().c_str();
+            if (kinds[kind].fill) {
+                while (send(client.socket_fd(), chunk.data(), chunk.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+                }
+            }
+            close_while_blocked(client, [&] { failed = kinds[kind].call(client, released); }, kinds[kind].what);
+            EXPECT_TRUE(failed) << kinds[kind].what << ", cycle " << cycle;
+            FileSocket::destroy(accepted);
+        }
+        if (HasFailure()) break;
+    }
+    server.closef(setup);
+    EXPECT_EQ(open_descriptors(), before) << "descriptors left open";
+}
+
+// Thread R is blocked in a read while the main thread closes the socket and at once opens pipes,
+// which take the lowest free numbers. R must come back with -1 and must not have read from a
+// pipe that got its socket's old number.
+TEST(FileSocketRaces, ReleasedReaderNeverTouchesAReusedNumber) {
+    noxtest::ScopedPath path(unique_path("reuse"));
+    ExceptionHandler setup;
+    FileSocket server(setup);
+    server.bind(path.c_str(), 0, false, setup);
+    for (int round = 0; round < rounds(300); round++) {
         FileSocket client(setup);
         client.connect(path.c_str(), 0, setup);
         FileSocket* accepted = server.accept(0, false, setup);
         ASSERT_FALSE(setup.has_thrown()) << setup.message().c_str();
-        // Fill the connection: nobody reads the accepted end.
-        while (send(client.socket_fd(), chunk.data(), chunk.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
-        }
-        ExceptionHandler released;
-        int written = 0;
-        close_while_blocked(client, [&] {
-            PlainPin pin(chunk.data());
-            switch (cycle % 3) {
-            case 0: written = client.writef(chunk.data(), static_cast<int>(chunk.size()), 0, released); break;
-            case 1: written = client.writef(chunk.data(), static_cast<int>(chunk.size()), 60000, released); break;
-            default: written = client.send_pinned(pin, static_cast<int>(chunk.size()), 0, released); break;
-            }
-        }, "a thread blocked in write");
-        EXPECT_LT(written, static_cast<int>(chunk.size()));
-        EXPECT_TRUE(released.has_thrown());
+        std::atomic<bool> started{false};
+        std::atomic<int> result{0};
+        std::thread reader([&] {
+            ExceptionHandler handler;
+            char byte;
+            started = true;
+            result = client.readf(&byte, 1, round % 2 == 0 ? 0 : 10000, handler);
+        });
+        while (!started) std::this_thread::yield();
+        if (round % 3 == 0) usleep(200);
+        ExceptionHandler closing;
+        client.closef(closing);
+        EXPECT_FALSE(closing.has_thrown()) << closing.message().c_str();
+        int fds[2];
+        ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+        ASSERT_EQ(write(fds[1], "z", 1), 1);
+        reader.join();
+        EXPECT_EQ(result.load(), -1);
+        char left = 0;
+        EXPECT_EQ(read(fds[0], &left, 1), 1) << "round " << round << ": the released reader took the pipe's byte";
+        close(fds[0]);
+        close(fds[1]);
         FileSocket::destroy(accepted);
         if (HasFailure()) break;
     }
     server.closef(setup);
-    EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST(FileSocketRaces, CloseWhileBlockedInConnect) {
-    const int before = open_descriptors();
-    noxtest::ScopedPath path(unique_path("connect"));
-    ExceptionHandler setup;
-    FileSocket server(setup);
-    server.bind(path.c_str(), 1, false, setup);
-    ASSERT_FALSE(setup.has_thrown()) << setup.message().c_str();
-    // Fill the listen queue so that the next connect waits.
-    std::vector<FileSocket*> queued;
-    for (int i = 0; i < 64; i++) {
-        ExceptionHandler filling;
-        FileSocket* s = FileSocket::create(filling);
-        s->connect(path.c_str(), 20, filling);
-        queued.push_back(s);
-        if (filling.time_out_occured()) break;
-    }
-    for (int cycle = 0; cycle < rounds(1000); cycle++) {
-        ExceptionHandler created;
-        FileSocket client(created);
-        ExceptionHandler released;
-        close_while_blocked(client, [&] { client.connect(path.c_str(), cycle % 2 == 0 ? 0 : 60000, released); },
-                            "a thread blocked in connect");
-        EXPECT_TRUE(released.has_thrown());
-        EXPECT_FALSE(released.time_out_occured()) << released.message().c_str();
+// The registry: a close waits for the threads registered in calls before it releases the
+// number, a second close returns only when the first has finished, and a registration that
+// comes after the close is refused.
+TEST(FileSocketRaces, CloseWaitsForCallersAndForTheFirstCloser) {
+    for (int round = 0; round < rounds(50); round++) {
+        noxtest::ScopedPath path(unique_path("registry"));
+        ExceptionHandler setup;
+        FileSocket server(setup);
+        server.bind(path.c_str(), 0, false, setup);
+        const int fd = server.socket_fd();
+        std::atomic<bool> leave{false};
+        std::atomic<int> errno_after{0};
+        std::thread caller([&] {
+            {
+                BlockingIO io(server.blocking_data());
+                while (!leave) std::this_thread::yield();
+                errno = EAGAIN;
+            }
+            errno_after = errno;
+        });
+        await([&] { return registered_threads(server) == 1; }, "the caller registered");
+        std::atomic<int> closed{0};
+        std::thread first([&] {
+            ExceptionHandler h;
+            server.closef(h);
+            closed++;
+        });
+        await([&] { return server.socket_fd() == -1; }, "the first close took the descriptor");
+        std::thread second([&] {
+            ExceptionHandler h;
+            server.closef(h);
+            closed++;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(round % 5 == 0 ? 20 : 1));
+        EXPECT_EQ(closed.load(), 0) << "a close returned while a caller was still registered";
+        EXPECT_NE(fcntl(fd, F_GETFD), -1) << "the number was released under a registered caller";
+        EXPECT_TRUE(noxtest::path_exists(path.path()));
+        leave = true;
+        first.join();
+        second.join();
+        caller.join();
+        EXPECT_EQ(errno_after.load(), EBADF) << "the caller is told that its socket was closed";
+        EXPECT_FALSE(noxtest::path_exists(path.path()));
+        {
+            BlockingIO late(server.blocking_data());
+            EXPECT_TRUE(late.refused());
+        }
         if (HasFailure()) break;
     }
-    for (FileSocket* s : queued) FileSocket::destroy(s);
-    server.closef(setup);
-    EXPECT_EQ(open_descriptors(), before);
 }

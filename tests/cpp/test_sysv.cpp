@@ -1,5 +1,6 @@
-// SharedMemory and SharedEvent against real System V objects that each test creates with keys
-// of its own, and the mapping cache's book-keeping.
+// System V objects: the keys computed from cluster ids and pids, SharedMemory and SharedEvent
+// against real segments and semaphore sets that each test creates under keys of its own, one
+// owner per attachment, and the book-keeping of the mapping cache.
 #include "controlAreaFile.h"
 #include "sharedEvent.h"
 #include "sharedFileCache.h"
@@ -15,6 +16,8 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <type_traits>
+#include <unistd.h>
 
 using J2SE::SharedEvent;
 using J2SE::SharedMemory;
@@ -22,10 +25,10 @@ using noxtest::RecordingTrace;
 
 namespace {
 
-// A segment created for one test and removed when the test ends.
+// A segment or a one-semaphore set created for one test and removed when it ends.
 class TestSegment {
 public:
-    TestSegment(int key, size_t size, int mode) : _id(shmget(key, size, IPC_CREAT | IPC_EXCL | mode)) {}
+    TestSegment(int key, size_t size) : _id(shmget(key, size, IPC_CREAT | IPC_EXCL | 0600)) {}
     ~TestSegment() {
         if (_id >= 0) shmctl(_id, IPC_RMID, nullptr);
     }
@@ -35,7 +38,6 @@ private:
     int _id;
 };
 
-// A set of one semaphore created for one test and removed when the test ends.
 class TestSemaphore {
 public:
     TestSemaphore(int key, int mode, int value) : _id(semget(key, 1, IPC_CREAT | IPC_EXCL | mode)) {
@@ -66,137 +68,140 @@ std::set<int> private_semaphore_sets() {
     return ids;
 }
 
+// Mappings of System V segments in this process.
+int sysv_mappings() {
+    std::ifstream maps("/proc/self/maps");
+    std::string line;
+    int count = 0;
+    while (std::getline(maps, line)) count += line.find("/SYSV") != std::string::npos;
+    return count;
+}
+
 }  // namespace
 
-TEST(SharedMemory, AttachesAnExistingSegmentAndDetaches) {
+TEST(SystemV, KeysOfClustersAndVmsAndOnlyThose) {
+    // Instance cluster n: 4500000 + n * 100 (+ 1 for its shared pool); a VM's event: 5000000 +
+    // pid * 100. A key that would be IPC_PRIVATE (0), or that does not fit an int, is 0.
+    const struct { int n, key, expected; } segments[] = {
+        {0, 0, 4500000}, {7, 0, 4500700}, {7, 1, 4500701}, {INT_MAX, 0, 0}, {-45000, 0, 0}};
+    for (const auto& s : segments) {
+        EXPECT_EQ(s.expected, J2SE::unix_get_shared_memory_key(s.n, static_cast<SharedMemory::SharedMemoryKey>(s.key)))
+            << s.n;
+    }
+    const struct { int pid, expected; } events[] = {{4711, 5471100}, {1, 5000100}, {0, 0}, {-1, 0}, {-50000, 0},
+                                                   {21424836, 2147483600}, {21424837, 0}, {INT_MAX, 0}};
+    for (const auto& e : events) EXPECT_EQ(e.expected, J2SE::unix_get_event_key(e.pid, 0)) << e.pid;
+
+    // Key 0 never reaches semget, which would create a private set instead of finding one. Only
+    // the sets of key 0 are compared: other tests create and remove sets of their own meanwhile.
+    std::set<int> before = private_semaphore_sets();
+    SharedEvent private_key(J2SE::cstring(), 0);
+    EXPECT_FALSE(private_key.attach(nullptr));
+    SharedEvent by_pid = J2SE::ControlAreaFile::attach_shared_event(-50000, SharedEvent::SHARED_EVENT_KEY_CONTROLS);
+    EXPECT_EQ(-1, by_pid.get_handle());
+    for (int id : {private_key.get_handle(), by_pid.get_handle()}) {
+        if (id >= 0 && before.count(id) == 0) semctl(id, 0, IPC_RMID);  // made by the faulty lookup: remove it
+    }
+    for (int id : private_semaphore_sets()) EXPECT_EQ(1u, before.count(id)) << "a private semaphore set was created";
+    EXPECT_FALSE(SharedMemory(0).attach(false, nullptr, nullptr));
+    EXPECT_EQ(nullptr, J2SE::ControlAreaFile::attach_shared_memory(-45000, SharedMemory::SHARED_MEMORY_KEY_CONTROLS,
+                                                                   nullptr, nullptr).get_map_address());
+}
+
+TEST(SystemV, SharedMemoryAttachesReadWriteAndDetachesOnce) {
     int key = noxtest::private_ipc_key(1);
-    TestSegment segment(key, 12345, 0600);
+    TestSegment segment(key, 12345);
     ASSERT_GE(segment.id(), 0);
     SharedMemory memory(key);
     EXPECT_FALSE(memory.detach());
-    RecordingTrace trace;
-    ASSERT_TRUE(memory.attach(false, nullptr, &trace));
-    EXPECT_TRUE(trace.errors.empty());
-    EXPECT_EQ(memory.get_map_size(), 12345u);
-    static_cast<char*>(memory.get_map_address())[12344] = 'z';  // attached read-write
+    ASSERT_TRUE(memory.attach(false, nullptr, nullptr));
+    EXPECT_EQ(12345u, memory.get_map_size());
+    static_cast<char*>(memory.get_map_address())[12344] = 'z';
     EXPECT_TRUE(memory.detach());
     EXPECT_FALSE(memory.detach());
-    EXPECT_EQ(memory.get_key(), key);
     ASSERT_TRUE(memory.attach(true, nullptr, nullptr));  // the key is kept: attach again
-    EXPECT_EQ(static_cast<char*>(memory.get_map_address())[12344], 'z');
-    EXPECT_TRUE(memory.detach());
-}
+    EXPECT_EQ('z', static_cast<char*>(memory.get_map_address())[12344]);
 
-TEST(SharedMemory, MissingSegmentsAndKeyZero) {
     RecordingTrace trace;
-    EXPECT_FALSE(SharedMemory(0).attach(false, nullptr, &trace));
-    EXPECT_TRUE(trace.errors.empty());
-
-    int key = noxtest::private_ipc_key(2);
-    EXPECT_FALSE(SharedMemory(key).attach(false, nullptr, nullptr));
-    EXPECT_FALSE(SharedMemory(key).attach(false, nullptr, &trace));
-    ASSERT_EQ(trace.errors.size(), 1u);
-    EXPECT_EQ(trace.errors[0], "SharedMemory::attach: shmget failed (key=" + std::to_string(key) +
-                                   ") (2: No such file or directory)");
+    int missing = noxtest::private_ipc_key(2);
+    EXPECT_FALSE(SharedMemory(missing).attach(false, nullptr, &trace));
+    ASSERT_EQ(1u, trace.errors.size());
+    EXPECT_EQ("SharedMemory::attach: shmget failed (key=" + std::to_string(missing) + ") (2: No such file or directory)",
+              trace.errors[0]);
 }
 
-TEST(SharedMemory, InstanceClusterKeysAndTheirAttach) {
-    EXPECT_EQ(J2SE::unix_get_shared_memory_key(0, SharedMemory::SHARED_MEMORY_KEY_CONTROLS), 4500000);
-    EXPECT_EQ(J2SE::unix_get_shared_memory_key(7, SharedMemory::SHARED_MEMORY_KEY_CONTROLS), 4500700);
-    EXPECT_EQ(J2SE::unix_get_shared_memory_key(7, SharedMemory::SHARED_MEMORY_KEY_SHARED_POOL), 4500701);
-    EXPECT_EQ(J2SE::unix_get_shared_memory_key(INT_MAX, SharedMemory::SHARED_MEMORY_KEY_CONTROLS), 0);
-    EXPECT_EQ(J2SE::unix_get_shared_memory_key(-45000, SharedMemory::SHARED_MEMORY_KEY_CONTROLS), 0);
-    SharedMemory none = J2SE::ControlAreaFile::attach_shared_memory(
-        -45000, SharedMemory::SHARED_MEMORY_KEY_CONTROLS, nullptr, nullptr);
-    EXPECT_EQ(none.get_map_address(), nullptr);
-    EXPECT_EQ(none.get_map_size(), 0u);
-}
-
-TEST(SharedEvent, SignalDrivesTheSemaphoreToZero) {
-    int key = noxtest::private_ipc_key(3);
-    TestSemaphore semaphore(key, 0600, 5);
-    ASSERT_GE(semaphore.id(), 0);
-    SharedEvent event(J2SE::cstring("test"), key);
-    EXPECT_FALSE(event.signal());  // not attached
-    ASSERT_TRUE(event.attach(nullptr));
-    EXPECT_EQ(event.get_handle(), semaphore.id());
-    EXPECT_FALSE(event.attach(nullptr));  // attaching twice is refused
-    EXPECT_EQ(semaphore.value(), 5);
-    EXPECT_TRUE(event.signal());
-    EXPECT_EQ(semaphore.value(), 0);
-    event.detach();
-    EXPECT_EQ(event.get_handle(), semaphore.id());  // detach keeps the id
-}
-
-TEST(SharedEvent, MissingSetsAndImpossibleKeys) {
-    RecordingTrace trace;
-    int key = noxtest::private_ipc_key(4);
-    SharedEvent missing(J2SE::cstring(), key);
-    EXPECT_FALSE(missing.attach(&trace));
-    ASSERT_EQ(trace.errors.size(), 1u);
-    EXPECT_EQ(trace.errors[0],
-              "SharedEvent::attach: semget failed (key=" + std::to_string(key) + ") (2: No such file or directory)");
-
-    EXPECT_EQ(J2SE::unix_get_event_key(0, 0), 0);
-    EXPECT_EQ(J2SE::unix_get_event_key(4711, 0), 5471100);
-    EXPECT_EQ(J2SE::unix_get_event_key(-50000, 0), 0);  // would be IPC_PRIVATE
-    EXPECT_EQ(J2SE::unix_get_event_key(INT_MAX, 0), 0);  // outside int
-
-    // Key 0 must never reach semget, which would create a private set instead of finding one.
-    // Only the sets of key 0 are counted: other tests create and remove sets of their own keys
-    // meanwhile, and nothing of ours ever creates a private set.
-    std::set<int> private_before = private_semaphore_sets();
-    SharedEvent private_key(J2SE::cstring(), 0);
-    EXPECT_FALSE(private_key.attach(&trace));
-    SharedEvent by_pid = J2SE::ControlAreaFile::attach_shared_event(-50000, SharedEvent::SHARED_EVENT_KEY_CONTROLS);
-    EXPECT_EQ(by_pid.get_handle(), -1);
-    for (int id : private_semaphore_sets()) {
-        EXPECT_EQ(private_before.count(id), 1u) << "a private semaphore set " << id << " was created";
+TEST(SystemV, SharedMemoryHasOneOwner) {
+    static_assert(!std::is_copy_constructible<SharedMemory>::value, "SharedMemory must not be copyable");
+    int key = noxtest::private_ipc_key(31);
+    TestSegment segment(key, 8192);
+    ASSERT_GE(segment.id(), 0);
+    int before = sysv_mappings();
+    void* address = nullptr;
+    {
+        SharedMemory memory(key);
+        ASSERT_TRUE(memory.attach(true, nullptr, nullptr));
+        address = memory.get_map_address();
+        // Moving hands the attachment over; the source detaches nothing and keeps its key.
+        SharedMemory moved(std::move(memory));
+        EXPECT_FALSE(memory.detach());
+        EXPECT_EQ(key, memory.get_key());
+        EXPECT_EQ(address, moved.get_map_address());
+        // A move assignment releases the target's own attachment first.
+        SharedMemory other(key);
+        ASSERT_TRUE(other.attach(true, nullptr, nullptr));
+        EXPECT_EQ(before + 2, sysv_mappings());
+        other = std::move(moved);
+        EXPECT_EQ(before + 1, sysv_mappings());
     }
+    EXPECT_EQ(before, sysv_mappings());
+    EXPECT_EQ(0, noxtest::mapping_count(address));
 }
 
-TEST(SharedEvent, AttachByPidFindsTheVmsSet) {
-    // The key of the VM event of a made-up pid; the set is created by the test as a VM would.
+TEST(SystemV, AnEventDrivesTheVmsSemaphoreToZero) {
+    // The key of a made-up pid's VM event; the set is created by the test as a VM would.
     int pid = 3000000 + getpid() % 100000;
-    int key = J2SE::unix_get_event_key(pid, SharedEvent::SHARED_EVENT_KEY_CONTROLS);
-    TestSemaphore semaphore(key, 0700, 1);
+    int key = 5000000 + pid * 100;
+    TestSemaphore semaphore(key, 0700, 5);
     ASSERT_GE(semaphore.id(), 0);
     SharedEvent event = J2SE::ControlAreaFile::attach_shared_event(pid, SharedEvent::SHARED_EVENT_KEY_CONTROLS);
-    EXPECT_EQ(event.get_key(), key);
-    ASSERT_EQ(event.get_handle(), semaphore.id());
+    ASSERT_EQ(semaphore.id(), event.get_handle());
+    EXPECT_FALSE(event.attach(nullptr));  // attaching twice is refused
+    EXPECT_EQ(5, semaphore.value());
     EXPECT_TRUE(event.signal());
-    EXPECT_EQ(semaphore.value(), 0);
+    EXPECT_EQ(0, semaphore.value());
+
+    RecordingTrace trace;
+    int missing = noxtest::private_ipc_key(4);
+    SharedEvent none(J2SE::cstring(), missing);
+    EXPECT_FALSE(none.signal());
+    EXPECT_FALSE(none.attach(&trace));
+    ASSERT_EQ(1u, trace.errors.size());
+    EXPECT_EQ("SharedEvent::attach: semget failed (key=" + std::to_string(missing) + ") (2: No such file or directory)",
+              trace.errors[0]);
 }
 
-TEST(SharedFileCache, CountsUsersAndReleasesOnTheLast) {
+TEST(SystemV, MappingCacheCountsUsersAndReleasesOnTheLast) {
     J2SE::SharedFileCacheImpl cache;
     size_t size = 99;
-    EXPECT_EQ(cache.lookup_mapping("", size), nullptr);
-    EXPECT_EQ(cache.lookup_mapping(nullptr, size), nullptr);
-    EXPECT_EQ(size, 99u);
-
-    int first = 0;
-    int second = 0;
+    EXPECT_EQ(nullptr, cache.lookup_mapping("", size));
+    EXPECT_EQ(nullptr, cache.lookup_mapping(nullptr, size));
+    int first = 0, second = 0, unknown = 0;
     cache.add_mapping("/tmp/a", 100, &first);
     cache.add_mapping("/tmp/a", 200, &second);  // the newest entry of a name hides the older
-    EXPECT_EQ(cache.lookup_mapping("/tmp/a", size), &second);
-    EXPECT_EQ(size, 200u);
-    EXPECT_EQ(cache.lookup_mapping("/tmp/a", size), &second);
-    EXPECT_EQ(cache.attach_count_of(&second), 3);
-
-    EXPECT_FALSE(cache.remove_mapping(&second, size));
-    EXPECT_EQ(size, 0u);
-    EXPECT_FALSE(cache.remove_mapping(&second, size));
-    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(&second, cache.lookup_mapping("/tmp/a", size));
+    EXPECT_EQ(200u, size);
+    EXPECT_EQ(&second, cache.lookup_mapping("/tmp/a", size));
+    // Three users: two removals that are not the last, then the last with the size to unmap.
+    for (int use = 0; use < 2; use++) {
+        EXPECT_FALSE(cache.remove_mapping(&second, size));
+        EXPECT_EQ(0u, size);
+    }
     EXPECT_TRUE(cache.remove_mapping(&second, size));
-    EXPECT_EQ(size, 200u);
-    EXPECT_EQ(cache.attach_count_of(&second), 0);
-    EXPECT_EQ(cache.lookup_mapping("/tmp/a", size), &first);
-
-    int unknown = 0;
+    EXPECT_EQ(200u, size);
+    EXPECT_FALSE(cache.remove_mapping(&second, size));
+    EXPECT_EQ(&first, cache.lookup_mapping("/tmp/a", size));
     size = 5;
     EXPECT_FALSE(cache.remove_mapping(&unknown, size));
-    EXPECT_EQ(size, 0u);
-
+    EXPECT_EQ(0u, size);
     EXPECT_EQ(&J2SE::get_shared_file_cache(), &J2SE::get_shared_file_cache());
 }

@@ -20,11 +20,12 @@ pending (marked so in the list: its code has not landed yet).
 """
 
 import argparse
+import fcntl
 import io
 import json
 import os
 import re
-import shutil
+import signal
 import subprocess
 import sys
 import tarfile
@@ -34,7 +35,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 REPO = HERE.parent.parent
-LOCK = "/tmp/nox-suite.lock"
+LOCK = "/tmp/nox-suite.lock"  # held while tests run, as every test run on this machine does
 # What a Java test class needs besides its own classes.
 JAVA_TARGETS = ["noxjvm_inspector", "noxjvm_inspector_jar", "nox_agent_jar", "noxjvm_inspector_java_tests", "vmsim"]
 FIELDS = {"id", "file", "find", "replace", "description", "kill", "status", "note"}
@@ -128,14 +129,46 @@ def targets_of(build, tests):
     return sorted(targets)
 
 
+def alive(pid):
+    return pid > 0 and os.path.exists(f"/proc/{pid}")
+
+
+def ipc_objects():
+    """This user's System V segments whose creator has ended, and semaphore sets under the key of
+    an ended VM (5000000 + pid * 100) or of a test (0x6e000000 and above): {("m" or "s", id)}."""
+    found = set()
+    with open("/proc/sysvipc/shm") as rows:
+        next(rows)
+        for f in map(str.split, rows):
+            if int(f[7]) == os.geteuid() and not alive(int(f[4])):
+                found.add(("m", int(f[1])))
+    with open("/proc/sysvipc/sem") as rows:
+        next(rows)
+        for f in map(str.split, rows):
+            key = int(f[0])
+            vm_gone = 5000000 < key < 0x6e000000 and key % 100 == 0 and not alive((key - 5000000) // 100)
+            if int(f[4]) == os.geteuid() and (vm_gone or key >= 0x6e000000):
+                found.add(("s", int(f[1])))
+    return found
+
+
 def run_tests(build, selection, log, jobs):
-    """Runs the selection under the suite lock; returns the names of the tests that failed."""
-    command = ["flock", LOCK, "ctest", "--test-dir", str(build), "-j", str(jobs), *selection]
-    with open(log, "a") as out:
+    """Runs the selection under the suite lock; returns the names of the tests that failed.
+    A test that a mutant crashes or hangs leaves its segments and semaphore sets behind, and they
+    would fail the next runs: what this run's tests made and left is removed before the lock is
+    given back (no other test runs while it is held)."""
+    command = ["ctest", "--test-dir", str(build), "--output-on-failure", "-j", str(jobs), *selection]
+    with open(log, "a") as out, open(LOCK, "a") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        before = ipc_objects()
         out.write("$ " + " ".join(command) + "\n")
         out.flush()
         result = subprocess.run(command, capture_output=True, text=True)
         out.write(result.stdout + result.stderr)
+        for kind, ident in sorted(ipc_objects() - before):
+            out.write(f"removing System V object left behind: ipcrm -{kind} {ident}\n")
+            subprocess.run(["ipcrm", f"-{kind}", str(ident)], stdout=out, stderr=subprocess.STDOUT)
+        fcntl.flock(lock, fcntl.LOCK_UN)
     failed = []
     if "The following tests FAILED:" in result.stdout:
         listed = result.stdout.split("The following tests FAILED:")[-1]
@@ -168,7 +201,13 @@ def try_mutant(mutant, scratch, build, args, baseline_failures, log):
         if run(["cmake", "--build", str(build), "-j", str(args.jobs), "--target", *targets], log) != 0:
             return {"status": "invalid", "killers": []}
         failed = [t for t in run_tests(build, selection, log, args.jobs) if t not in baseline_failures]
-        return {"status": "killed" if failed else "survived", "killers": failed}
+        if not failed:
+            return {"status": "survived", "killers": []}
+        # A test that fails once may be a flaky one: only a test that fails again counts.
+        again = run_tests(build, ["-R", "^(" + "|".join(re.escape(t) for t in failed) + ")$"], log, args.jobs)
+        killers = [t for t in failed if t in again]
+        flaky = [t for t in failed if t not in again]
+        return {"status": "killed" if killers else "survived", "killers": killers, "flaky": flaky}
     finally:
         path.write_bytes(original.encode())
 
@@ -187,10 +226,14 @@ def prepare(args, mutants):
     if run(["cmake", "--preset", "release"], log, cwd=scratch) != 0 or \
             run(["cmake", "--build", str(build), "-j", str(args.jobs)], log) != 0:
         sys.exit(f"the unmutated tree does not build: see {log}")
-    if args.wide:
-        selection = []
-    else:
-        selection = ["-R", "|".join(f"(?:{m['kill']})" for m in mutants if m.get("status") != "pending")]
+    selection = []
+    if not args.wide:
+        # The union of the mutants' selections, by name: CTest's regular expressions allow only a
+        # few groups, too few to join the selections themselves.
+        names = {t["name"] for m in mutants if m.get("status") != "pending" for t in tests_of(build, selection_of(m, False))}
+        if not names:
+            sys.exit("the mutants' selections name no test of this tree")
+        selection = ["-R", "^(" + "|".join(sorted(re.escape(n) for n in names)) + ")$"]
     failures = run_tests(build, selection, log, args.jobs)
     if failures:
         print("failing before any mutation (left out of the verdicts): " + ", ".join(failures), flush=True)
@@ -243,6 +286,8 @@ def main():
     parser.add_argument("--compare", nargs=2, metavar=("OLD", "NEW"), help="print the table of two results files")
     parser.add_argument("--check", action="store_true", help="only check that every mutant's text is in the tree once")
     args = parser.parse_args()
+    # A pass ended with SIGTERM still puts the mutated file back (the finally in try_mutant).
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
 
     mutants = load_mutants(args.mutants)
     if args.compare:
@@ -268,7 +313,8 @@ def main():
         result = try_mutant(mutant, scratch, build, args, baseline_failures, log)
         result.update(id=mutant["id"], seconds=round(time.monotonic() - started))
         results.append(result)
-        print(f"{mutant['id']:44} {result['status']:9} {', '.join(result['killers'][:3])}", flush=True)
+        flaky = f" (failed once only: {', '.join(result['flaky'])})" if result.get("flaky") else ""
+        print(f"{mutant['id']:44} {result['status']:9} {', '.join(result['killers'][:3])}{flaky}", flush=True)
         if args.results:
             Path(args.results).write_text(json.dumps({"tree": name, "wide": args.wide, "results": results}, indent=1))
     survived = [r["id"] for r in results if r["status"] == "survived"]

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <signal.h>
 #include <stdexcept>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -95,47 +96,37 @@ int private_ipc_key(int n) {
 
 namespace {
 
-struct MapLine {
-    uintptr_t begin;
-    uintptr_t end;
-    std::string path;
-};
-
-std::vector<MapLine> read_maps() {
-    std::vector<MapLine> lines;
+// The mapping of this process (a line of /proc/self/maps) that `test` accepts, by its start,
+// end and path; its path, or "-" when there is none.
+template <typename Test>
+std::string find_mapping(Test test, int* count) {
     std::ifstream maps("/proc/self/maps");
     std::string line;
+    std::string found = "-";
     while (std::getline(maps, line)) {
-        MapLine m;
         unsigned long long begin = 0, end = 0;
         int consumed = 0;
         if (sscanf(line.c_str(), "%llx-%llx %*s %*s %*s %*s%n", &begin, &end, &consumed) < 2) continue;
-        m.begin = static_cast<uintptr_t>(begin);
-        m.end = static_cast<uintptr_t>(end);
-        std::string rest = consumed > 0 ? line.substr(static_cast<size_t>(consumed)) : "";
-        size_t first = rest.find_first_not_of(' ');
-        m.path = first == std::string::npos ? "" : rest.substr(first);
-        lines.push_back(m);
+        size_t path = line.find_first_not_of(' ', static_cast<size_t>(consumed));
+        if (!test(static_cast<uintptr_t>(begin), static_cast<uintptr_t>(end))) continue;
+        if (count != nullptr) ++*count;
+        if (found == "-") found = path == std::string::npos ? "" : line.substr(path);
     }
-    return lines;
+    return found;
 }
 
 }  // namespace
 
 int mapping_count(const void* address) {
     int count = 0;
-    for (const MapLine& m : read_maps()) {
-        if (m.begin == reinterpret_cast<uintptr_t>(address)) count++;
-    }
+    uintptr_t a = reinterpret_cast<uintptr_t>(address);
+    find_mapping([a](uintptr_t begin, uintptr_t) { return begin == a; }, &count);
     return count;
 }
 
 std::string mapping_path(const void* address) {
     uintptr_t a = reinterpret_cast<uintptr_t>(address);
-    for (const MapLine& m : read_maps()) {
-        if (m.begin <= a && a < m.end) return m.path;
-    }
-    return "-";
+    return find_mapping([a](uintptr_t begin, uintptr_t end) { return begin <= a && a < end; }, nullptr);
 }
 
 std::string command_output(const std::string& command) {
@@ -155,6 +146,21 @@ int32_t file_int32(const std::string& path, off_t offset) {
     if (pread(fd, &value, sizeof value, offset) != static_cast<ssize_t>(sizeof value)) value = -1;
     close(fd);
     return value;
+}
+
+GuardedBytes::GuardedBytes(size_t size) : _size(size) {
+    size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    size_t pages = (size + page - 1) / page * page;
+    _mapping_size = pages + page;
+    _mapping = mmap(nullptr, _mapping_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (_mapping == MAP_FAILED || mprotect(static_cast<char*>(_mapping) + pages, page, PROT_NONE) != 0) {
+        throw std::runtime_error("no guarded memory");
+    }
+    _data = static_cast<unsigned char*>(_mapping) + pages - size;
+}
+
+GuardedBytes::~GuardedBytes() {
+    munmap(_mapping, _mapping_size);
 }
 
 }  // namespace noxtest

@@ -91,6 +91,24 @@ int32_t file_int32(const std::string& path, off_t offset);
 // Runs a shell command and returns what it printed on standard output.
 std::string command_output(const std::string& command);
 
+// `size` zeroed bytes that end where an inaccessible page begins: a read or a write one byte past
+// them crashes the test at once, with or without a sanitizer.
+class GuardedBytes {
+public:
+    explicit GuardedBytes(size_t size);
+    ~GuardedBytes();
+    GuardedBytes(const GuardedBytes&) = delete;
+    GuardedBytes& operator=(const GuardedBytes&) = delete;
+    unsigned char* data() const { return _data; }
+    size_t size() const { return _size; }
+
+private:
+    void* _mapping;
+    size_t _mapping_size;
+    unsigned char* _data;
+    size_t _size;
+};
+
 }  // namespace noxtest
 
 #endif

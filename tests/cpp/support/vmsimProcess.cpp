@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
+#include <sstream>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -24,20 +25,21 @@ const char* vmsim_path() {
 
 std::vector<int> int_list(const std::string& text) {
     std::vector<int> out;
-    if (text.empty() || text == "-") return out;
-    size_t start = 0;
-    for (;;) {
-        size_t comma = text.find(',', start);
-        out.push_back(std::atoi(text.substr(start, comma - start).c_str()));
-        if (comma == std::string::npos) break;
-        start = comma + 1;
-    }
+    std::istringstream items(text == "-" ? "" : text);
+    std::string item;
+    while (std::getline(items, item, ',')) out.push_back(std::atoi(item.c_str()));
     return out;
 }
 
-Vmsim::Vmsim(const std::vector<std::string>& args) : _pid(-1), _out(-1), _reaped(false), _status(0) {
+Vmsim::Vmsim(const std::vector<std::string>& args) : _pid(-1), _in(-1), _out(-1), _reaped(false), _status(0) {
+    int in[2];
     int out[2];
-    if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    if (pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    if (pipe2(out, O_CLOEXEC) != 0) {
+        close(in[0]);
+        close(in[1]);
+        throw std::runtime_error("pipe failed");
+    }
     std::vector<char*> argv;
     std::string path = vmsim_path();
     argv.push_back(const_cast<char*>(path.c_str()));
@@ -49,15 +51,19 @@ Vmsim::Vmsim(const std::vector<std::string>& args) : _pid(-1), _out(-1), _reaped
         // vmsim ends (and cleans up) when the test process dies, whatever way it dies.
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         if (getppid() != parent) _exit(127);
+        dup2(in[0], STDIN_FILENO);
         dup2(out[1], STDOUT_FILENO);
         execv(argv[0], argv.data());
         _exit(127);
     }
+    close(in[0]);
     close(out[1]);
     if (_pid < 0) {
+        close(in[1]);
         close(out[0]);
         throw std::runtime_error("fork failed");
     }
+    _in = in[1];
     _out = out[0];
     _ready = wait_for("READY ");
     if (_ready.compare(0, 6, "READY ") != 0) {
@@ -65,20 +71,22 @@ Vmsim::Vmsim(const std::vector<std::string>& args) : _pid(-1), _out(-1), _reaped
         terminate();
         throw std::runtime_error(what);
     }
-    size_t pos = 0;
-    while (pos < _ready.size()) {
-        size_t space = _ready.find(' ', pos);
-        std::string item = _ready.substr(pos, space == std::string::npos ? std::string::npos : space - pos);
+    std::istringstream items(_ready);
+    std::string item;
+    while (items >> item) {
         size_t equals = item.find('=');
         if (equals != std::string::npos) _fields[item.substr(0, equals)] = item.substr(equals + 1);
-        if (space == std::string::npos) break;
-        pos = space + 1;
     }
 }
 
 Vmsim::~Vmsim() {
     terminate();
+    if (_in >= 0) close(_in);
     if (_out >= 0) close(_out);
+}
+
+bool Vmsim::send_input(const std::string& text) {
+    return write(_in, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
 std::string Vmsim::field(const std::string& key) const {

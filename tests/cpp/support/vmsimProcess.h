@@ -6,24 +6,17 @@
 // test case that publishes an instance cluster uses ids of its own:
 //
 //   ids     test file                        use
-//   1-3     test_block_extent.cpp            InstanceViewReadsOnlyWhatTheBlockHolds (own segments)
-//   10-13   test_control_manager.cpp         MappingMustHoldTheHeaderOfItsWidth
-//   14      test_control_manager.cpp         SlotCountMustFitTheClusterType
-//   15      test_control_manager.cpp         BlockOneByteShorterThanPromisedIsRefusedWhole
-//   16      test_control_manager.cpp         DeadSlotIsFoundOnlyWhenLivenessIsNotAsked
-//   17      test_control_manager.cpp         SlotOfAVmThatDiesAfterwardsIsNoLongerAlive
-//   18-19   test_control_manager.cpp         ThirtyTwoBitSizesAreSignedAndWidened
-//   20      test_control_manager.cpp         ExitRequestEndsOneVmOfAnInstanceCluster
-//   21      test_control_manager.cpp         Vmsim.RemovesWhatItCreatedWhenItEnds
-//   31, 33  test_control_discovery.cpp       InstanceClustersByAscendingIdThenProcessClusters
-//   35-38   test_control_discovery.cpp       LiveCountDiscountsSlotsOfEndedVms
-//   40      test_control_discovery.cpp       EndedClustersDisappear
-//   41      test_control_discovery.cpp       AppendsWithoutClearing
-//   50      test_control_hostile.cpp         MutatedHeadersThroughARealSegment (the test's own segment)
+//   10-14   test_control_manager.cpp         ControlAreaHeader.WhichHeadersAreAccepted
+//   15      test_control_manager.cpp         ControlAreaManager.BlockMustHoldEverySlotItPromises
+//   16      test_control_manager.cpp         ControlAreaManager.OnlySlotsInUseAndOnlyLiveVmsAreHandedOut
+//   20      test_control_manager.cpp         ControlAreaManager.ExitRequestEndsOneVmOfAnInstanceCluster
+//   31, 33  test_control_manager.cpp         ClusterDiscovery.ListsWhatIsPublishedInOrderUntilItEnds
+//   35-38   test_control_manager.cpp         ClusterDiscovery.LiveCountDiscountsSlotsOfEndedVms
+//   50      test_control_hostile.cpp         MutatedHeadersThroughARealSegmentAndARealFile (own segment)
 //   51-53   test_host_pass.cpp               HostPass.* (51 records, 52-53 order)
 //   65      test_vmsim_board.cpp             InstanceClusterOfTwoPublishesOneBoardAndServerPerVm
 //   66      test_vmsim_board.cpp             FilesOfAKilledInstanceVmAreRemovedByVmsim
-//   99      test_control_discovery.cpp       InstanceId99IsNeverFound
+//   99      test_control_manager.cpp         ClusterDiscovery.ListsWhatIsPublishedInOrderUntilItEnds
 // Process clusters need no table: their id is vmsim's own pid.
 #ifndef NOX_TESTS_VMSIM_PROCESS_H
 #define NOX_TESTS_VMSIM_PROCESS_H
@@ -68,9 +61,12 @@ public:
     int wait_exit();
     // Ends vmsim with SIGTERM and reaps it (SIGKILL when it has not ended after WAIT_MS).
     void terminate();
+    // Writes `text` to vmsim's standard input (a pipe, open until the object ends).
+    bool send_input(const std::string& text);
 
 private:
     pid_t _pid;
+    int _in;
     int _out;
     std::string _buffer;
     std::string _ready;

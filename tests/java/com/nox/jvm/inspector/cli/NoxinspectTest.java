@@ -50,89 +50,60 @@ class NoxinspectTest {
         assertFalse(r.err().contains("Exception") || r.err().contains("\tat "), r.toString());
     }
 
+    /** One process cluster (32-bit) and instance cluster 84 (64-bit, slots 1 and 3 empty), as text and as JSON. */
     @Test
-    void listShowsProcessAndInstanceVmsWithTheirFields() throws Exception {
+    void listInTextAndJson() throws Exception {
         try (Vmsim proc = new Vmsim("--width", "32", "--set", "vm_version=17.0.9-proc",
-                "--set", "jar_main_class=cli.ProcessMain", "--set", "vm_id=4711");
-             Vmsim inst = new Vmsim("--type", "instance", "--id", "84", "--slots", "3", "--width", "64",
-                     "--set", "vm_version=17.0.9-inst", "--set", "1:jar_main_class=cli.SlotOne",
+                "--set", "jar_main_class=cli.Json\"Main", "--set", "vm_id=4711");
+             Vmsim inst = new Vmsim("--type", "instance", "--id", "84", "--slots", "4", "--live", "0,2",
+                     "--width", "64", "--set", "vm_version=17.0.9-inst", "--set", "0:jar_main_class=cli.SlotZero",
                      "--set", "2:debugging_state=5")) {
             Launcher.Result r = Launcher.run("list");
             assertEquals(0, r.exitCode(), r.toString());
             assertEquals("", r.err());
-            assertTrue(r.out().startsWith("CLUSTER"), r.out());
-            String header = r.out().lines().findFirst().orElseThrow();
             assertEquals(List.of("CLUSTER", "SLOT", "PID", "VM-ID", "VERSION", "MAIN-CLASS", "DEBUGGING", "UPTIME"),
-                    List.of(header.trim().split("\\s+")));
-
+                    List.of(r.out().lines().findFirst().orElseThrow().trim().split("\\s+")));
             String[] p = listLine(r.out(), proc.id());
             assertNotNull(p, r.out());
             assertEquals(List.of("process:" + proc.id(), "0", Integer.toString(proc.id()), "4711", "17.0.9-proc",
-                    "cli.ProcessMain", "not-active"), List.of(p).subList(0, 7));
+                    "cli.Json\"Main", "not-active"), List.of(p).subList(0, 7));
             assertTrue(p[7].matches("[0-9]+s|[0-9]+m[0-9]{2}s"), p[7]);
-
             int[] pids = inst.slotPids();
-            String[][] mains = {{"demo.Main", "not-active"}, {"cli.SlotOne", "not-active"},
-                {"demo.Main", "debugger-attached"}};
-            for (int slot = 0; slot < 3; slot++) {
-                String[] cells = listLine(r.out(), pids[slot]);
-                assertNotNull(cells, "slot " + slot + "\n" + r.out());
+            String[][] mains = {{"cli.SlotZero", "not-active"}, null, {"demo.Main", "debugger-attached"}};
+            for (int slot : new int[] {0, 2}) {
                 // vmsim gives slot s the VM id 100 + s.
                 assertEquals(List.of("instance:84", Integer.toString(slot), Integer.toString(pids[slot]),
                         Integer.toString(100 + slot), "17.0.9-inst", mains[slot][0], mains[slot][1]),
-                        List.of(cells).subList(0, 7));
+                        List.of(listLine(r.out(), pids[slot])).subList(0, 7), r.out());
             }
-        }
-    }
 
-    @Test
-    void listJsonIsValidAndMatchesTheVms() throws Exception {
-        try (Vmsim proc = new Vmsim("--set", "jar_main_class=cli.Json\"Main");
-             Vmsim inst = new Vmsim("--type", "instance", "--id", "84", "--slots", "4", "--live", "0,2",
-                     "--width", "32")) {
-            Launcher.Result r = Launcher.run("list", "--json");
-            assertEquals(0, r.exitCode(), r.toString());
-            assertEquals("", r.err());
-            Map<String, String> flat = Launcher.flatJson(r.out());
-
+            Launcher.Result j = Launcher.run("list", "--json");
+            assertEquals(0, j.exitCode(), j.toString());
+            Map<String, String> flat = Launcher.flatJson(j.out());
             int i = vmIndex(flat, proc.id());
-            assertTrue(i >= 0, r.out());
-            assertEquals(q("process:" + proc.id()), flat.get("vms." + i + ".cluster"));
-            assertEquals(q("process"), flat.get("vms." + i + ".clusterType"));
-            assertEquals("0", flat.get("vms." + i + ".slot"));
-            assertEquals(q("cli.Json\\\"Main"), flat.get("vms." + i + ".mainClass"));
-            assertEquals(q("NOT_ACTIVE"), flat.get("vms." + i + ".debuggingState"));
+            assertTrue(i >= 0, j.out());
+            assertEquals(List.of(q("process:" + proc.id()), q("process"), "0", q("cli.Json\\\"Main"), q("NOT_ACTIVE")),
+                    List.of(flat.get("vms." + i + ".cluster"), flat.get("vms." + i + ".clusterType"),
+                            flat.get("vms." + i + ".slot"), flat.get("vms." + i + ".mainClass"),
+                            flat.get("vms." + i + ".debuggingState")));
             // The start time agrees with what the JDK reports for the process, to the second.
             Instant started = ProcessHandle.of(proc.id()).orElseThrow().info().startInstant().orElseThrow();
             long startTime = Long.parseLong(flat.get("vms." + i + ".startTime"));
             assertTrue(Math.abs(startTime - started.getEpochSecond()) <= 1, startTime + " vs " + started);
-            assertTrue(Long.parseLong(flat.get("vms." + i + ".uptimeSeconds")) >= 0);
-
-            int[] pids = inst.slotPids();
             for (int slot : new int[] {0, 2}) {
                 int k = vmIndex(flat, pids[slot]);
-                assertTrue(k >= 0, "slot " + slot + "\n" + r.out());
-                assertEquals(q("instance:84"), flat.get("vms." + k + ".cluster"));
-                assertEquals("84", flat.get("vms." + k + ".clusterId"));
-                assertEquals(Integer.toString(slot), flat.get("vms." + k + ".slot"));
-                assertEquals(Integer.toString(100 + slot), flat.get("vms." + k + ".vmId"));
-                assertEquals(q("vmsim 1.0 (simulated VM)"), flat.get("vms." + k + ".version"));
+                assertEquals(List.of(q("instance:84"), "84", Integer.toString(slot), Integer.toString(100 + slot)),
+                        List.of(flat.get("vms." + k + ".cluster"), flat.get("vms." + k + ".clusterId"),
+                                flat.get("vms." + k + ".slot"), flat.get("vms." + k + ".vmId")), j.out());
             }
-            // Slots 1 and 3 are empty: no entry names them.
-            long entriesOf84 = flat.entrySet().stream()
-                    .filter(e -> e.getKey().endsWith(".cluster") && e.getKey().startsWith("vms.")
-                            && e.getValue().equals(q("instance:84"))).count();
-            assertEquals(2, entriesOf84, r.out());
-            boolean clusterListed = false;
-            for (int c = 0; flat.containsKey("clusters." + c + ".id"); c++) {
-                if (flat.get("clusters." + c + ".cluster").equals(q("instance:84"))) {
-                    clusterListed = true;
-                    assertEquals("2", flat.get("clusters." + c + ".liveVms"));
-                    assertEquals("true", flat.get("clusters." + c + ".attachable"));
-                    assertEquals("2", flat.get("clusters." + c + ".typeCode"));
-                }
+            assertEquals(2, flat.entrySet().stream().filter(e -> e.getKey().matches("vms\\.[0-9]+\\.cluster")
+                    && e.getValue().equals(q("instance:84"))).count(), "slots 1 and 3 are empty: " + j.out());
+            int c = 0;
+            while (flat.containsKey("clusters." + c + ".id") && !flat.get("clusters." + c + ".cluster").equals(q("instance:84"))) {
+                c++;
             }
-            assertTrue(clusterListed, r.out());
+            assertEquals(List.of("2", "true", "2"), List.of(flat.get("clusters." + c + ".liveVms"),
+                    flat.get("clusters." + c + ".attachable"), flat.get("clusters." + c + ".typeCode")), j.out());
         }
     }
 
@@ -140,7 +111,7 @@ class NoxinspectTest {
     void infoByPidAndBySlotInTextAndJson() throws Exception {
         try (Vmsim inst = new Vmsim("--type", "instance", "--id", "85", "--slots", "2", "--width", "64",
                 "--set", "1:vm_version=17.0.9+9-info", "--set", "1:jar_main_class=cli.InfoMain",
-                "--set", "1:vm_args=-Xmx2g -Dname=value", "--set", "1:vm_tag=info-tag",
+                "--set", "1:vm_args=-Xmx2g -Dname=\"v\" \\ back\ttab\nline\u0001end", "--set", "1:vm_tag=info-tag",
                 "--set", "1:committed_java_heap_size=1610612736", "--set", "1:committed_class_pool_size=1048576",
                 "--set", "1:committed_code_cache_size=3072", "--set", "1:number_of_gcs=12",
                 "--set", "1:system_time=250", "--set", "1:user_time=750")) {
@@ -155,7 +126,8 @@ class NoxinspectTest {
             }
             assertTrue(out.matches("(?s).*\n  version +17\\.0\\.9\\+9-info\n.*"), out);
             assertTrue(out.matches("(?s).*\n  main class +cli\\.InfoMain\n.*"), out);
-            assertTrue(out.matches("(?s).*\n  VM arguments +-Xmx2g -Dname=value\n.*"), out);
+            // Control characters made visible, on one line.
+            assertTrue(out.contains("\n  VM arguments               -Xmx2g -Dname=\"v\" \\ back\\ttab\\nline\\x01end\n"), out);
             assertTrue(out.matches("(?s).*\n  tag +info-tag\n.*"), out);
             // 1.5 GiB + 1 MiB + 3 KiB, in binary units.
             assertTrue(out.matches("(?s).*\n    Java heap +1\\.5 GiB\n.*"), out);
@@ -176,6 +148,9 @@ class NoxinspectTest {
             assertEquals(q("17.0.9+9-info"), flat.get("start.vmVersion"));
             assertEquals(q("cli.InfoMain"), flat.get("start.mainClass"));
             assertEquals(q("info-tag"), flat.get("start.vmTag"));
+            // JSON holds the text as a terminal shows it: a consumer that prints it prints no control character.
+            assertTrue(Launcher.jsonStringAt(json.out(), "-Xmx2g -Dname=\"v\" \\ back\\ttab\\nline\\x01end", "start",
+                    "vmArguments"), json.out());
             assertEquals("true", flat.get("start.hasMetaspace"));
             assertEquals("1610612736", flat.get("memory.committedJavaHeap"));
             assertEquals(Long.toString(1610612736L + 1048576 + 3072), flat.get("memory.committedTotal"));
@@ -190,23 +165,6 @@ class NoxinspectTest {
             Launcher.Result byCode = Launcher.run("info", "2:85:1", "--json");
             assertEquals(0, byCode.exitCode(), byCode.toString());
             assertEquals(Integer.toString(pid), Launcher.flatJson(byCode.out()).get("vm.pid"));
-        }
-    }
-
-    @Test
-    void textFieldsWithQuotesBackslashesAndControlCharactersArePrintable() throws Exception {
-        String args = "say \"hi\" \\ back\ttab\nline\u0001end";
-        try (Vmsim inst = new Vmsim("--type", "instance", "--id", "88", "--slots", "1", "--set", "vm_args=" + args)) {
-            Launcher.Result json = Launcher.run("info", "--json", "instance:88:0");
-            assertEquals(0, json.exitCode(), json.toString());
-            // JSON holds the text as a terminal shows it: a consumer that prints it prints no control character.
-            assertTrue(Launcher.jsonStringAt(json.out(), "say \"hi\" \\ back\\ttab\\nline\\x01end", "start",
-                    "vmArguments"), json.out());
-            Launcher.Result text = Launcher.run("info", "instance:88:0");
-            assertEquals(0, text.exitCode(), text.toString());
-            // One line, with the control characters made visible.
-            assertTrue(text.out().contains("  VM arguments               say \"hi\" \\ back\\ttab\\nline\\x01end\n"),
-                    text.out());
         }
     }
 

@@ -95,12 +95,18 @@ class SecondUserTest {
                 String spoofPid = spoof.ready.replaceAll(".* id=([0-9]+) .*", "$1");
                 Map<String, String> list = Launcher.flatJson(Launcher.run("--json", "list").out());
                 int own = -1;
+                int claim = -1;
                 for (int i = 0; list.containsKey("vms." + i + ".pid"); i++) {
-                    if (list.get("vms." + i + ".pid").equals(Integer.toString(pid))
-                            && "\"hotspot\"".equals(list.get("vms." + i + ".cluster"))) {
-                        own = i;
+                    if (list.get("vms." + i + ".pid").equals(Integer.toString(pid))) {
+                        own = "\"hotspot\"".equals(list.get("vms." + i + ".cluster")) ? i : own;
+                        claim = ("\"process:" + spoofPid + "\"").equals(list.get("vms." + i + ".cluster")) ? i : claim;
                     }
                 }
+                // The other user's control area is shown as what it is: that user's, naming root's process.
+                assertTrue(claim >= 0, list.toString());
+                assertEquals(List.of("65534", "0"), List.of(list.get("vms." + claim + ".controlAreaUid"),
+                        list.get("vms." + claim + ".uid")));
+                assertTrue(Launcher.run("list").out().contains("process:" + spoofPid + "(uid 65534) "));
                 assertTrue(own >= 0, "root's VM keeps its own entry: " + list);
                 assertEquals("\"hotspot\"", list.get("vms." + own + ".sources.0"));
                 assertNull(list.get("vms." + own + ".sources.1"), "not merged with the other user's control area");

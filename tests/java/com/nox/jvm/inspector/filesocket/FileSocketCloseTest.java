@@ -7,42 +7,52 @@ import static org.junit.jupiter.api.Assertions.fail;
 
 import java.io.IOException;
 import java.net.SocketException;
+import java.net.SocketTimeoutException;
+import java.nio.file.Files;
+import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.concurrent.ConcurrentLinkedQueue;
 import java.util.concurrent.CountDownLatch;
-import java.util.concurrent.atomic.AtomicReference;
+import java.util.concurrent.TimeUnit;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
 
 /**
- * A close from one thread while others are blocked in the same socket: they come back (an
- * exception, or end of stream for a read), and no descriptor is left behind.
+ * A close from other threads while threads are blocked in the same socket: every blocked call
+ * comes back with a SocketException (a read too, not as the end of the stream), the native socket
+ * is freed only after the last caller has left it, and no descriptor is left behind.
  */
 class FileSocketCloseTest {
-    private static final int ROUNDS = 1000;
     /** Only a hang detector: a released thread returns in microseconds. */
     private static final long HANG_MILLIS = 20_000;
 
     private final SocketPaths paths = new SocketPaths();
+    private final List<FileSocket> queued = new ArrayList<>();
 
     @AfterEach
     void removeFiles() throws IOException {
+        for (FileSocket socket : queued) socket.close();
         paths.close();
     }
 
-    /** Runs body on a new thread and returns what it threw (null if nothing), or fails on a hang. */
+    interface Call {
+        void run() throws Exception;
+    }
+
+    /** Runs call on a new thread; join() returns what it threw (null if nothing), or fails on a hang. */
     private static final class Blocked {
         final Thread thread;
-        final AtomicReference<Throwable> thrown = new AtomicReference<>();
+        volatile Throwable thrown;
         final CountDownLatch started = new CountDownLatch(1);
 
-        Blocked(String name, ThrowingRunnable body) {
+        Blocked(String name, Call call) {
             thread = new Thread(() -> {
                 started.countDown();
                 try {
-                    body.run();
+                    call.run();
                 } catch (Throwable t) {
-                    thrown.set(t);
+                    thrown = t;
                 }
             }, name);
             thread.start();
@@ -58,117 +68,71 @@ class FileSocketCloseTest {
         Throwable join() throws InterruptedException {
             thread.join(HANG_MILLIS);
             if (thread.isAlive()) fail("a thread blocked in " + thread.getName() + " was not released by close");
-            return thrown.get();
+            return thrown;
         }
     }
 
-    interface ThrowingRunnable {
-        void run() throws Exception;
-    }
-
-    @Test
-    void closeReleasesAcceptRepeatedly() throws Exception {
-        runRounds(() -> {
-            FileServerSocket server = new FileServerSocket(new FileSocketAddress(paths.next("accept")), 0, false);
-            return new Round(server::accept, server::close);
-        }, "accept");
-    }
-
-    @Test
-    void closeReleasesReadRepeatedly() throws Exception {
-        runRounds(() -> {
-            String path = paths.next("read");
-            FileServerSocket server = new FileServerSocket(new FileSocketAddress(path), 0, false);
-            FileSocket client = new FileSocket(new FileSocketAddress(path), 0);
-            FileSocket accepted = server.accept();
-            return new Round(() -> {
-                int n = client.getInputStream().read(new byte[100]);
-                if (n != -1) throw new AssertionError("read returned " + n);
-                throw new SocketException("end of stream");
-            }, () -> {
-                client.close();
-                accepted.close();
-                server.close();
-            });
-        }, "read");
-    }
-
-    @Test
-    void closeReleasesWriteAndSeveralThreadsAtOnce() throws Exception {
-        String path = paths.next("write");
-        int before = SocketPaths.openDescriptors();
-        for (int round = 0; round < 50; round++) {
-            FileServerSocket server = new FileServerSocket(new FileSocketAddress(path), 0, false);
-            FileSocket client = new FileSocket(new FileSocketAddress(path), 0);
-            FileSocket accepted = server.accept();
-            List<Blocked> blocked = new ArrayList<>();
-            byte[] block = new byte[1 << 20];
-            for (int i = 0; i < 3; i++) {
-                blocked.add(new Blocked("write", () -> {
-                    while (true) client.getOutputStream().write(block);
-                }));
-                blocked.add(new Blocked("read", () -> client.getInputStream().read()));
-            }
-            for (Blocked b : blocked) b.awaitStart(round);
-            Thread.sleep(2); // let the writers fill the buffers
-            client.close();
-            for (Blocked b : blocked) {
-                Throwable t = b.join();
-                if (b.thread.getName().equals("write")) assertTrue(t instanceof SocketException, String.valueOf(t));
-                else assertTrue(t == null || t instanceof SocketException, String.valueOf(t));
-            }
-            accepted.close();
-            server.close();
+    /** A server with backlog 1 whose queue is full: nobody accepts, a further connect waits. */
+    private FileServerSocket fullServer() throws IOException {
+        FileServerSocket server = new FileServerSocket(new FileSocketAddress(paths.next("queue")), 1, false);
+        try {
+            for (int i = 0; i < 64; i++) queued.add(new FileSocket(server.getAddress(), 20));
+            fail("the listen queue never filled");
+        } catch (SocketTimeoutException expected) {
+            assertEquals("Connect timed out", expected.getMessage());
         }
-        assertEquals(before, SocketPaths.openDescriptors(), "descriptors left open");
+        return server;
     }
 
+    /**
+     * Each round: threads blocked in accept on a server, in read and write on a client, and in a
+     * connect to a full queue; then 20 threads close all three sockets at once.
+     */
     @Test
-    void closeReleasesAConnectWaitingForAFullQueue() throws Exception {
-        String path = paths.next("queue");
-        try (FileServerSocket server = new FileServerSocket(new FileSocketAddress(path), 1, false)) {
-            // Fill the listen queue: nobody accepts.
-            List<FileSocket> queued = new ArrayList<>();
-            try {
-                for (int i = 0; i < 64; i++) queued.add(new FileSocket(new FileSocketAddress(path), 20));
-                fail("the listen queue never filled");
-            } catch (java.net.SocketTimeoutException expected) {
-                assertEquals("Connect timed out", expected.getMessage());
-            }
-            for (int round = 0; round < 20; round++) {
+    void closesFromManyThreadsReleaseEveryBlockedCall() throws Exception {
+        try (FileServerSocket full = fullServer()) {
+            int before = -1;
+            for (int round = 0; round < 200; round++) {
+                if (round == 1) before = SocketPaths.openDescriptors(); // after what the JVM opens once
+                String path = paths.next("close");
+                FileServerSocket server = new FileServerSocket(new FileSocketAddress(path), 0, false);
+                FileSocket client = new FileSocket(server.getAddress(), 0);
+                FileSocket accepted = server.accept();
                 FileSocket waiting = new FileSocket();
-                Blocked b = new Blocked("connect", () -> waiting.connect(new FileSocketAddress(path), 0));
-                b.awaitStart(round);
-                Thread.sleep(5);
-                waiting.close();
-                Throwable t = b.join();
-                assertTrue(t instanceof SocketException, String.valueOf(t));
+                List<Blocked> blocked = List.of(
+                        new Blocked("accept", server::accept),
+                        new Blocked("read", () -> client.getInputStream().read(new byte[100])),
+                        new Blocked("write", () -> {
+                            while (true) client.getOutputStream().write(new byte[1 << 16]);
+                        }),
+                        new Blocked("connect", () -> waiting.connect(full.getAddress(), 0)));
+                for (Blocked b : blocked) b.awaitStart(round);
+                CountDownLatch start = new CountDownLatch(1);
+                ConcurrentLinkedQueue<Throwable> closeFailures = new ConcurrentLinkedQueue<>();
+                List<Thread> closers = new ArrayList<>();
+                for (int i = 0; i < 20; i++) {
+                    closers.add(new Thread(() -> {
+                        try {
+                            start.await();
+                            for (AutoCloseable socket : new AutoCloseable[] {server, client, waiting}) socket.close();
+                        } catch (Throwable t) {
+                            closeFailures.add(t);
+                        }
+                    }));
+                    closers.get(i).start();
+                }
+                start.countDown();
+                for (Thread closer : closers) closer.join(HANG_MILLIS);
+                assertTrue(closeFailures.isEmpty(), () -> "a close threw: " + closeFailures.peek());
+                // A read released by the close reports the close, not the end of the stream.
+                for (Blocked b : blocked) {
+                    Throwable t = b.join();
+                    assertTrue(t instanceof SocketException, "round " + round + ", " + b.thread.getName() + ": " + t);
+                }
+                accepted.close();
+                assertFalse(Files.exists(Path.of(path)));
             }
-            for (FileSocket s : queued) s.close();
+            assertEquals(before, SocketPaths.openDescriptors(), "descriptors left open");
         }
-    }
-
-    private record Round(ThrowingRunnable blockingCall, ThrowingRunnable close) {}
-
-    interface RoundFactory {
-        Round make() throws Exception;
-    }
-
-    private void runRounds(RoundFactory factory, String what) throws Exception {
-        // One round first, so that what the JVM opens once (classes, jars) is open before counting.
-        runRound(factory, 0, what);
-        int before = SocketPaths.openDescriptors();
-        for (int round = 1; round <= ROUNDS; round++) runRound(factory, round, what);
-        assertEquals(before, SocketPaths.openDescriptors(), "descriptors left open");
-    }
-
-    private void runRound(RoundFactory factory, int round, String what) throws Exception {
-        Round r = factory.make();
-        Blocked blocked = new Blocked(what, r.blockingCall());
-        blocked.awaitStart(round);
-        r.close().run();
-        Throwable t = blocked.join();
-        assertTrue(t instanceof SocketException, "round " + round + ": " + t);
-        assertFalse(blocked.thread.isAlive());
     }
 }

@@ -10,13 +10,15 @@ import java.io.IOException;
 import java.io.InputStream;
 import java.net.SocketException;
 import java.net.SocketTimeoutException;
+import java.nio.ByteBuffer;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.concurrent.CompletableFuture;
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.function.Executable;
 
-/** The socket classes users see: streams, time-outs and what happens after close. */
+/** The socket classes users see: streams, time-outs, failures, and what happens after close. */
 class FileSocketStreamsTest {
     private final SocketPaths paths = new SocketPaths();
 
@@ -28,23 +30,25 @@ class FileSocketStreamsTest {
     @Test
     void oursAgainstOursMovesAMebibyteBothWays() throws Exception {
         String name = paths.nextName("ours");
-        byte[] toServer = Exchange.randomBytes(Exchange.MIB, 1);
-        byte[] toClient = Exchange.randomBytes(Exchange.MIB, 2);
+        byte[] toServer = SocketPaths.randomBytes(SocketPaths.MIB, 1);
+        byte[] toClient = SocketPaths.randomBytes(SocketPaths.MIB, 2);
         try (FileServerSocket server = new FileServerSocket(name);
                 FileSocket client = new FileSocket(name);
                 FileSocket accepted = server.accept()) {
             assertEquals("/tmp/" + name, server.getAddress().getSocketIdentifier());
             assertEquals("/tmp/" + name, accepted.getAddress().getSocketIdentifier());
-            assertTrue(client.isConnected() && accepted.isConnected());
-            CompletableFuture<Void> up = Exchange.writeAsync(client.getOutputStream(), toServer);
-            CompletableFuture<Void> down = Exchange.writeAsync(accepted.getOutputStream(), toClient);
-            assertArrayEquals(toServer, Exchange.readExactly(accepted.getInputStream(), Exchange.MIB));
-            assertArrayEquals(toClient, Exchange.readExactly(client.getInputStream(), Exchange.MIB));
+            CompletableFuture<Void> up = SocketPaths.writeAsync(client.getOutputStream(), toServer);
+            CompletableFuture<Void> down = SocketPaths.writeAsync(accepted.getOutputStream(), toClient);
+            assertArrayEquals(toServer, SocketPaths.readExactly(accepted.getInputStream(), SocketPaths.MIB));
+            assertArrayEquals(toClient, SocketPaths.readExactly(client.getInputStream(), SocketPaths.MIB));
             up.get();
             down.get();
-            // Single bytes, both ways.
-            client.getOutputStream().write(0xAB);
-            assertEquals(0xAB, accepted.getInputStream().read());
+            // Direct buffers, both ways.
+            ByteBuffer out = ByteBuffer.allocateDirect(3000).put(toServer, 0, 3000).flip();
+            assertEquals(3000, client.impl().write(out, 0, 3000, 1000));
+            ByteBuffer in = ByteBuffer.allocateDirect(3000);
+            for (int total = 0; total < 3000; ) total += accepted.impl().read(in, total, 3000 - total, 1000);
+            assertEquals(out.rewind(), in.rewind());
         }
         assertFalse(Files.exists(Path.of("/tmp", name)));
     }
@@ -55,21 +59,62 @@ class FileSocketStreamsTest {
         try (FileServerSocket server = new FileServerSocket(name);
                 FileSocket client = new FileSocket(new FileSocketAddress(name), 1000);
                 FileSocket accepted = server.accept()) {
-            client.setSoTimeout(100);
-            assertEquals(100, client.getSoTimeout());
+            client.setSoTimeout(200);
             InputStream in = client.getInputStream();
+            // A loose bound, no speed test: a wait of 200 ms that takes 5 s is broken.
+            long started = System.nanoTime();
             SocketTimeoutException e = assertThrows(SocketTimeoutException.class, in::read);
+            long millis = (System.nanoTime() - started) / 1_000_000;
             assertEquals("Read timed out", e.getMessage());
-            assertTrue(!client.isClosed(), "a time-out leaves the socket usable");
+            assertTrue(millis >= 100 && millis < 5000, "a 200 ms time-out came after " + millis + " ms");
+            assertFalse(client.isClosed(), "a time-out leaves the socket usable");
 
             // The peer writes and leaves: the bytes still arrive, then end of stream.
-            byte[] last = Exchange.randomBytes(200_000, 3);
+            byte[] last = SocketPaths.randomBytes(200_000, 3);
             accepted.getOutputStream().write(last);
             accepted.close();
-            assertArrayEquals(last, Exchange.readExactly(in, last.length));
+            assertArrayEquals(last, SocketPaths.readExactly(in, last.length));
             assertEquals(-1, in.read());
             assertEquals(-1, in.read(new byte[10], 0, 10));
             assertEquals(0, in.read(new byte[10], 0, 0));
+        }
+    }
+
+    @Test
+    void aFailedReadIsAnIOExceptionWithItsTextAndOnlyTheEndOfStreamIsMinusOne() throws Exception {
+        // Small reads (through the native stack) and large ones (straight into the array).
+        for (int[] variant : new int[][] {{0, 10}, {2000, 10}, {0, 100_000}, {2000, 100_000}}) {
+            int timeout = variant[0];
+            int size = variant[1];
+            String what = "timeout " + timeout + ", read of " + size;
+            String name = paths.nextName("reset");
+            try (FileServerSocket server = new FileServerSocket(name);
+                    FileSocket client = new FileSocket(name);
+                    FileSocket accepted = server.accept()) {
+                client.setSoTimeout(timeout);
+                // The accepted end closes with bytes it never read: Linux resets the connection.
+                client.getOutputStream().write(new byte[100]);
+                accepted.close();
+                InputStream in = client.getInputStream();
+                IOException e = assertThrows(IOException.class, () -> in.read(new byte[size]), what);
+                assertEquals("Connection reset by peer", e.getMessage(), what);
+                assertEquals(-1, in.read(new byte[size]), what + ": reported once, then the end of stream");
+            }
+        }
+    }
+
+    @Test
+    void aGonePeerFailsWritesAndTheFailureNamesTheSocket() throws Exception {
+        String name = paths.nextName("epipe");
+        try (FileServerSocket server = new FileServerSocket(name);
+                FileSocket client = new FileSocket(name)) {
+            server.accept().close();
+            FileSocketException e = assertThrows(FileSocketException.class, () -> {
+                for (int i = 0; i < 100; i++) client.getOutputStream().write(new byte[4096]);
+            });
+            assertTrue(e.getMessage().equals("Broken pipe") || e.getMessage().equals("Connection reset by peer"),
+                    e.getMessage());
+            assertEquals("/tmp/" + name, e.getSocketIdentifier());
         }
     }
 
@@ -90,63 +135,8 @@ class FileSocketStreamsTest {
         accepted.close();
         server.close();
         assertThrows(SocketException.class, server::accept);
-
         try (FileSocket unconnected = new FileSocket()) {
             assertThrows(SocketException.class, unconnected::getOutputStream);
-            FileSocketException refused = assertThrows(FileSocketException.class,
-                    () -> unconnected.connect(new FileSocketAddress(name), 0));
-            assertEquals("No such file or directory", refused.getMessage());
-        }
-    }
-
-    @Test
-    void peerGoneMakesWritesFailInsteadOfKillingTheProcess() throws Exception {
-        String name = paths.nextName("epipe");
-        try (FileServerSocket server = new FileServerSocket(name);
-                FileSocket client = new FileSocket(name)) {
-            server.accept().close();
-            FileSocketException e = assertThrows(FileSocketException.class, () -> {
-                for (int i = 0; i < 100; i++) client.getOutputStream().write(new byte[4096]);
-            });
-            assertTrue(e.getMessage().equals("Broken pipe") || e.getMessage().equals("Connection reset by peer"),
-                    e.getMessage());
-        }
-    }
-
-    @Test
-    void aFailedReadIsAnIOExceptionWithItsTextAndOnlyTheEndOfStreamIsMinusOne() throws Exception {
-        // Small reads (through the native stack) and large ones (straight into the array).
-        for (int[] variant : new int[][] {{0, 10}, {2000, 10}, {0, 100_000}, {2000, 100_000}}) {
-            int timeout = variant[0];
-            int size = variant[1];
-            String name = paths.nextName("reset" + timeout + "_" + size);
-            try (FileServerSocket server = new FileServerSocket(name);
-                    FileSocket client = new FileSocket(name);
-                    FileSocket accepted = server.accept()) {
-                client.setSoTimeout(timeout);
-                // The accepted end closes with bytes it never read: Linux resets the connection,
-                // and the client's next read fails with ECONNRESET.
-                client.getOutputStream().write(new byte[100]);
-                accepted.close();
-                InputStream in = client.getInputStream();
-                String what = "timeout " + timeout + ", read of " + size;
-                IOException e = assertThrows(IOException.class, () -> in.read(new byte[size]), what);
-                assertEquals("Connection reset by peer", e.getMessage(), what);
-                // The error is reported once; then the stream is at its end.
-                assertEquals(-1, in.read(new byte[size]), what);
-            }
-        }
-        // A peer that closes after reading everything ends the stream: its bytes, then -1.
-        String name = paths.nextName("eof");
-        try (FileServerSocket server = new FileServerSocket(name);
-                FileSocket client = new FileSocket(name);
-                FileSocket accepted = server.accept()) {
-            accepted.getOutputStream().write(new byte[] {1, 2, 3});
-            accepted.close();
-            client.setSoTimeout(2000);
-            byte[] got = new byte[10];
-            assertEquals(3, client.getInputStream().read(got));
-            assertEquals(-1, client.getInputStream().read(got));
         }
     }
 
@@ -154,7 +144,6 @@ class FileSocketStreamsTest {
     void connectRefusesAPathLongerThanTheSocketAddressHolds() throws Exception {
         String prefix = "/tmp/noxfs_" + ProcessHandle.current().pid() + "_long_";
         String longest = prefix + "x".repeat(107 - prefix.length());
-        assertEquals(107, longest.length());
         String longer = longest + "_another_server";
         try (FileServerSocket server = new FileServerSocket(new FileSocketAddress(longest), 0, false)) {
             for (int timeout : new int[] {0, 1000}) {
@@ -162,8 +151,7 @@ class FileSocketStreamsTest {
                         () -> new FileSocket(new FileSocketAddress(longer), timeout), "timeout " + timeout);
                 assertEquals("File name too long", e.getMessage());
             }
-            // No connection was made to the server whose path is the cut one: the first
-            // connection it accepts is the one that names it exactly.
+            // The first connection the server accepts is the one that names it exactly.
             try (FileSocket exact = new FileSocket(new FileSocketAddress(longest), 1000);
                     FileSocket accepted = server.accept()) {
                 exact.getOutputStream().write(42);
@@ -172,6 +160,33 @@ class FileSocketStreamsTest {
             }
         } finally {
             Files.deleteIfExists(Path.of(longest));
+        }
+    }
+
+    /** The raw transfers refuse a range outside their array or buffer before they touch it. */
+    @Test
+    void rawTransfersCheckTheirRanges() throws Exception {
+        String name = paths.nextName("ranges");
+        try (FileServerSocket server = new FileServerSocket(name);
+                FileSocket client = new FileSocket(name);
+                FileSocket accepted = server.accept()) {
+            accepted.getOutputStream().write(new byte[8192]); // a read that got past its check would take these
+            FileSocketImpl s = client.impl();
+            byte[] small = new byte[8];
+            Executable[] outsideTheArray = {
+                () -> s.read0(small, 4, 5, 0), () -> s.write0(small, -1, 2, 0), () -> s.write0(small, 1, Integer.MAX_VALUE, 0),
+                () -> s.receive0(small, 4, 5, 1000), () -> s.receiveArray0(small, 4, 5000, 1000),
+                () -> s.sendArray0(small, 4, 5000, 1000),
+            };
+            for (Executable call : outsideTheArray) assertThrows(ArrayIndexOutOfBoundsException.class, call);
+            Executable[] outsideTheBuffer = {
+                () -> s.writeDirect0(ByteBuffer.allocateDirect(8), 4, 8, 0),
+                () -> s.receiveDirect0(ByteBuffer.allocateDirect(8), 4, 5000, 1000),
+            };
+            for (Executable call : outsideTheBuffer) assertThrows(IndexOutOfBoundsException.class, call);
+            assertThrows(NullPointerException.class, () -> s.read0(null, 0, 1, 0));
+            assertThrows(IllegalArgumentException.class, () -> s.writeDirect0(ByteBuffer.allocate(8), 0, 8, 0));
+            assertEquals(8192, s.available0(), "no refused call took a byte");
         }
     }
 }

@@ -135,10 +135,32 @@ class HotSpotContainersTest {
             List<PerfCounter> ours = inspector.counters(vm.hostPid).orElseThrow();
             Map<String, String> after = JcmdCounters.print(vm.hostPid);
             JcmdCounters.assertSameAs(before, ours, after);
+
+            // noxinspect shows it under the host's pid, and info with the pid it knows itself by.
+            String pid = Integer.toString(vm.hostPid);
+            String list = noxinspect("list");
+            assertTrue(list.lines().anyMatch(l -> List.of(l.trim().split("\\s+")).contains(pid)
+                    && l.contains(JdkVm.MAIN_CLASS)), list);
+            String info = noxinspect("info", pid);
+            assertTrue(info.lines().anyMatch(l -> l.matches("\\s*pid in ns\\W+1")), info);
+            assertTrue(noxinspect("counters", pid, "sun.rt.javaCommand").contains(JdkVm.MAIN_CLASS + " contained"));
         }
         // Ended with its namespace: no longer listed.
         assertFalse(inspector.snapshot().vms().stream().anyMatch(f -> f.namespacePid() == 1 && f.javaCommand()
                 .endsWith(" contained")));
+    }
+
+    /** What tools/noxinspect prints on its standard output; fails the test unless it exits with 0. */
+    private static String noxinspect(String... args) throws IOException, InterruptedException {
+        List<String> command = new ArrayList<>(List.of(System.getProperty("nox.launcher", "tools/noxinspect")));
+        command.addAll(List.of(args));
+        ProcessBuilder builder = new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.INHERIT);
+        builder.environment().put("NOX_BUILD_DIR", System.getProperty("nox.build.dir", "build/release"));
+        Process p = builder.start();
+        String out = new String(p.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+        assertTrue(p.waitFor(60, TimeUnit.SECONDS), "noxinspect " + command + " did not end");
+        assertEquals(0, p.exitValue(), out);
+        return out;
     }
 
     @Test

@@ -54,11 +54,6 @@ class BoardRangesTest {
         Mappings max(Mappings other) {
             return new Mappings(Math.max(lines, other.lines), Math.max(bytes, other.bytes));
         }
-
-        @Override
-        public String toString() {
-            return lines + " (" + bytes / MIB + " MiB)";
-        }
     }
 
     private static void writeBoard(Path file, byte[] page) throws IOException {

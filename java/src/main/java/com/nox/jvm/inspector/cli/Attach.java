@@ -1,9 +1,9 @@
 package com.nox.jvm.inspector.cli;
 
 import com.nox.jvm.inspector.attach.AttachClient;
-import com.nox.jvm.inspector.cluster.VmInspector;
-import com.nox.jvm.inspector.cluster.VmInspector.Vm;
-import com.nox.jvm.inspector.host.Names;
+import com.nox.jvm.inspector.host.Host;
+import com.nox.jvm.inspector.host.HostSnapshot;
+import com.nox.jvm.inspector.host.HostVm;
 
 import java.io.IOException;
 import java.io.PrintStream;
@@ -58,9 +58,15 @@ final class Attach {
         return new Attach(out, json, pid, options)::run;
     }
 
+    /** The VM of the process with a control area of its own: one that publishes already. */
+    private Optional<HostVm> publishing(HostSnapshot snapshot) {
+        return snapshot.byPid(pid).filter(HostVm::controlAreaIsOwn);
+    }
+
     private void run() {
-        VmInspector inspector = new VmInspector();
-        Optional<Vm> already = inspector.byPid(pid);
+        Host host = new Host();
+        HostSnapshot seen = host.snapshot();
+        Optional<HostVm> already = publishing(seen);
         if (already.isPresent()) {
             report(already.get(), false);
             return;
@@ -74,7 +80,8 @@ final class Attach {
         }
         long deadline = System.nanoTime() + PUBLISH_WAIT_MILLIS * 1_000_000;
         while (System.nanoTime() - deadline < 0) {
-            Optional<Vm> vm = inspector.byPid(pid);
+            seen = host.withControlAreas(seen);
+            Optional<HostVm> vm = publishing(seen);
             if (vm.isPresent()) {
                 report(vm.get(), true);
                 return;
@@ -157,17 +164,13 @@ final class Attach {
         return jar.toAbsolutePath();
     }
 
-    private void report(Vm vm, boolean attached) {
-        String where = Names.cluster(vm.ref()) + ":" + vm.ref().slot();
-        if (json) {
-            out.print(new Json().beginObject().name("pid").value(vm.pid()).name("attached").value(attached)
-                    .name("publishing").value(true).name("cluster").value(Names.cluster(vm.ref()))
-                    .name("slot").value(vm.ref().slot()).endObject());
-        } else if (attached) {
-            out.println("VM pid " + vm.pid() + " now publishes its control area (" + where + ").");
-        } else {
-            out.println("VM pid " + vm.pid() + " already publishes its control area (" + where + "); nothing loaded.");
-        }
+    private void report(HostVm vm, boolean attached) {
+        String where = vm.clusterName() + ":" + vm.slot();
+        Doc answer = new Doc().put("pid", vm.pid()).put("attached", attached).put("publishing", true)
+                .put("cluster", vm.clusterName()).put("slot", vm.slot());
+        new Output(out, json).textOr(answer, List.of(attached
+                ? "VM pid " + vm.pid() + " now publishes its control area (" + where + ")."
+                : "VM pid " + vm.pid() + " already publishes its control area (" + where + "); nothing loaded."));
     }
 
     private static void sleep() {

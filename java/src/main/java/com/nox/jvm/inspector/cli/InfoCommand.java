@@ -135,6 +135,7 @@ final class InfoCommand {
                 .text("vendor", f.vmVendor()).text("main class", f.mainClass()).text("command", f.javaCommand())
                 .text("VM arguments", f.vmArguments()).text("VM flags", f.vmFlags())
                 .text("user", f.user() + " (uid " + f.uid() + ")")
+                .text("pid in ns", f.namespacePid())
                 .text("up", f.uptimeSeconds() < 0 ? null : seconds(f.uptimeSeconds())));
         doc.text("Heap", new Doc().text("heap used", f.heapUsed(), Doc.Show.BYTES)
                 .text("heap committed", f.heapCommitted(), Doc.Show.BYTES)

@@ -5,6 +5,7 @@ import com.nox.jvm.inspector.attach.AttachException;
 import com.nox.jvm.inspector.attach.CommandReply;
 import com.nox.jvm.inspector.host.Host;
 
+import java.io.BufferedReader;
 import java.io.IOException;
 import java.io.InputStream;
 import java.io.InputStreamReader;
@@ -23,7 +24,10 @@ import java.util.List;
  * jcmd, the words form one command line, lines of it separated by a newline run one after the
  * other (up to one that reads {@code stop}), no command at all is {@code help}, and
  * {@code PerfCounter.print} is read from the VM's performance data, not asked of the VM. A command
- * the VM rejects ends the run with its message and exit code 1.
+ * the VM rejects ends the run with its message and exit code 1. The output is a stream of bytes,
+ * not a document, so it is written as it arrives rather than through the output layer: as the VM
+ * sent it into a pipe or a file, line by line through {@link Text#printable} onto a terminal, and
+ * as one JSON string with {@code --json}.
  */
 final class Jcmd implements Runnable {
     /** A command such as a heap dump may run long before the VM answers. */
@@ -115,9 +119,15 @@ final class Jcmd implements Runnable {
                 out.flush();
                 throw CliError.refused(reply.text().strip());
             }
+            long written;
             if (json) {
-                writeJson(line, reply);
-            } else if (copy(reply.output(), System.console() != null ? new TerminalSafe(out) : out) == 0) {
+                written = writeJson(line, reply);
+            } else if (System.console() != null) {
+                written = printLines(reply.output());
+            } else {
+                written = copy(reply.output(), out);
+            }
+            if (written == 0 && !json) {
                 out.println("Command executed successfully");
             }
         } catch (AttachException e) {
@@ -139,8 +149,28 @@ final class Jcmd implements Runnable {
         return total;
     }
 
-    /** One object whose output string is written chunk by chunk as the VM sends it. */
-    private void writeJson(String line, CommandReply reply) throws IOException {
+    /**
+     * For a terminal: each line through the renderers' escaping (a thread's name could otherwise
+     * retitle, clear or rewrite the terminal), its tabs and line breaks kept; the number of lines.
+     */
+    private long printLines(InputStream in) throws IOException {
+        BufferedReader lines = new BufferedReader(new InputStreamReader(in, StandardCharsets.UTF_8));
+        long count = 0;
+        StringBuilder shown = new StringBuilder();
+        for (String line = lines.readLine(); line != null; line = lines.readLine(), count++) {
+            shown.setLength(0);
+            int start = 0;
+            for (int tab = line.indexOf('\t'); tab >= 0; start = tab + 1, tab = line.indexOf('\t', start)) {
+                shown.append(Text.printable(line.substring(start, tab))).append('\t');
+            }
+            out.append(shown).println(Text.printable(line.substring(start)));
+        }
+        out.flush();
+        return count;
+    }
+
+    /** One object whose output string is written chunk by chunk as the VM sends it; the characters. */
+    private long writeJson(String line, CommandReply reply) throws IOException {
         StringBuilder head = new StringBuilder("{\n  \"pid\": ").append(pid).append(",\n  \"command\": ");
         Json.quote(head, line);
         head.append(",\n  \"status\": ").append(reply.status()).append(",\n  \"output\": \"");
@@ -148,11 +178,14 @@ final class Jcmd implements Runnable {
         Reader text = new InputStreamReader(reply.output(), StandardCharsets.UTF_8);
         char[] chunk = new char[16 * 1024];
         StringBuilder quoted = new StringBuilder();
+        long total = 0;
         for (int n = text.read(chunk); n >= 0; n = text.read(chunk)) {
             quoted.setLength(0);
             Json.quote(quoted, new String(chunk, 0, n));
             out.append(quoted, 1, quoted.length() - 1);
+            total += n;
         }
         out.print("\"\n}\n");
+        return total;
     }
 }

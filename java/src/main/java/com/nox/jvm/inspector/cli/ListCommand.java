@@ -18,7 +18,8 @@ import java.util.List;
  * JSON has the running clusters and every VM in the shape of {@link VmDocs#vm}, with its
  * debugging state. As with jps: -q prints the pids alone, -m adds the arguments given to main,
  * -v the VM's arguments; -u keeps the VMs of one user (name or uid), -c those whose main class
- * contains the text.
+ * contains the text. A control area that another user owns than the process it names
+ * shows that user's uid.
  */
 final class ListCommand {
     /** What to show: pids only, the main arguments, the VM arguments; the filters (null: none). */
@@ -105,6 +106,10 @@ final class ListCommand {
                 .map(d -> Names.debuggingState(d.state(), d.stateCode())).orElse(null);
         String cluster = vm.controlArea().isPresent() && vm.hotspot().isPresent()
                 ? vm.clusterName() + "+" + HostVm.HOTSPOT : vm.clusterName();
+        if (vm.controlArea().isPresent() && !vm.controlAreaIsOwn()) {
+            // Another user's control area that names this process: said, since its facts are that user's.
+            cluster += "(uid " + vm.controlArea().get().ownerUid() + ")";
+        }
         Doc row = new Doc().text("CLUSTER", cluster).text(">SLOT", vm.slot()).text(">PID", vm.pid())
                 .text(">VM-ID", vm.vmId()).text("VERSION", vm.version()).text("MAIN-CLASS", vm.mainClass())
                 .text("DEBUGGING", debugging).text(">UPTIME", vm.uptimeSeconds(now), Doc.Show.DURATION)

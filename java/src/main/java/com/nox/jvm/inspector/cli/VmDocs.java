@@ -16,7 +16,8 @@ final class VmDocs {
     /**
      * The VM's identity and the facts its sources merge into: where it is (cluster, type, id,
      * slot; null for a VM known only by its performance data), its process (pid, start, uptime,
-     * owner), its sources, version, main class and heap.
+     * owner), the owner of its control area (another than the process's when another user's
+     * control area names the process), its sources, version, main class and heap.
      */
     static Doc vm(HostVm vm, long nowSeconds) {
         long uptime = vm.uptimeSeconds(nowSeconds);
@@ -25,6 +26,7 @@ final class VmDocs {
                 .put("startTime", vm.startTime() > 0 ? vm.startTime() : null)
                 .put("uptimeSeconds", uptime >= 0 ? uptime : null)
                 .put("user", vm.user().isEmpty() ? null : vm.user()).put("uid", vm.uid() >= 0 ? vm.uid() : null)
+                .put("controlAreaUid", vm.controlArea().map(c -> c.ownerUid() >= 0 ? c.ownerUid() : null).orElse(null))
                 .put("sources", vm.sources()).put("version", vm.version()).put("mainClass", vm.mainClass())
                 .put("heap", heap(vm.heap()));
     }
