@@ -61,13 +61,14 @@ class NoxinspectTest {
             Launcher.Result r = Launcher.run("list");
             assertEquals(0, r.exitCode(), r.toString());
             assertEquals("", r.err());
-            assertEquals(List.of("CLUSTER", "SLOT", "PID", "VM-ID", "VERSION", "MAIN-CLASS", "DEBUGGING", "UPTIME"),
+            assertEquals(List.of("CLUSTER", "SLOT", "PID", "VM-ID", "VERSION", "MAIN-CLASS", "DEBUGGING", "UPTIME", "USER"),
                     List.of(r.out().lines().findFirst().orElseThrow().trim().split("\\s+")));
             String[] p = listLine(r.out(), proc.id());
             assertNotNull(p, r.out());
             assertEquals(List.of("process:" + proc.id(), "0", Integer.toString(proc.id()), "4711", "17.0.9-proc",
                     "cli.Json\"Main", "not-active"), List.of(p).subList(0, 7));
             assertTrue(p[7].matches("[0-9]+s|[0-9]+m[0-9]{2}s"), p[7]);
+            assertEquals(System.getProperty("user.name"), p[8], r.out());
             int[] pids = inst.slotPids();
             String[][] mains = {{"cli.SlotZero", "not-active"}, null, {"demo.Main", "debugger-attached"}};
             for (int slot : new int[] {0, 2}) {
@@ -182,8 +183,8 @@ class NoxinspectTest {
             assertEquals("8000", flat.get("debugging.currentDebugPort"));
             String[] cells = listLine(Launcher.run("list").out(), pid);
             assertNotNull(cells);
-            // The version holds blanks; the debugging state is the last cell but one.
-            assertEquals("wait-for-debugger", cells[cells.length - 2]);
+            // The version holds blanks; the debugging state comes before the uptime and the user.
+            assertEquals("wait-for-debugger", cells[cells.length - 3]);
 
             Launcher.Result stop = Launcher.run("debug", "stop", "instance:86:0", "--json");
             assertEquals(0, stop.exitCode(), stop.toString());
