@@ -73,11 +73,22 @@ class WatchedFilesTest {
         }
     }
 
+    /** Waits until the process runs `command`: setpriv has then given it its user. */
+    static void awaitExec(Process process, String command) throws Exception {
+        Path comm = Path.of("/proc/" + process.pid() + "/comm");
+        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(10);
+        while (!Files.readString(comm).strip().equals(command)) {
+            assertTrue(System.nanoTime() < deadline, "process " + process.pid() + " never ran " + command);
+            Thread.sleep(5);
+        }
+    }
+
     @Test
     void aFolderIsFollowedOnlyAsTheReaderTakesItAndAfterLostEventsToo() throws Exception {
         assumeTrue(SecondUserTest.isRoot(), "needs root to make another user's folder and process: skipped");
         assumeTrue(!Files.exists(FOLDER), FOLDER + " exists: skipped");
         Process daemon = new ProcessBuilder("setpriv", "--reuid=1", "--regid=1", "--clear-groups", "sleep", "60").start();
+        awaitExec(daemon, "sleep");
         Path file = FOLDER.resolve(Long.toString(daemon.pid()));
         record Case(String what, String mode, int folderOwner, boolean followed) {
         }

@@ -43,6 +43,12 @@ class HotSpotHostileFilesTest {
             List<String> command = new java.util.ArrayList<>(List.of(prefix));
             command.addAll(List.of("sleep", "120"));
             process = new ProcessBuilder(command).start();
+            // Until it runs sleep, a process started through setpriv may still be root's.
+            Path comm = Path.of("/proc/" + process.pid() + "/comm");
+            long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(10);
+            while (!Files.readString(comm).strip().equals("sleep") && System.nanoTime() < deadline) {
+                Thread.sleep(5);
+            }
         }
 
         int pid() {
