@@ -10,6 +10,7 @@ import com.nox.jvm.inspector.cluster.ClusterType;
 import com.nox.jvm.inspector.host.ControlAreaView;
 import com.nox.jvm.inspector.host.HostSnapshot;
 import com.nox.jvm.inspector.host.HostVm;
+import com.nox.jvm.inspector.hotspot.HotSpotFigures;
 import com.nox.jvm.inspector.testing.ModelFixtures;
 
 import java.nio.file.Files;
@@ -26,7 +27,8 @@ import org.junit.jupiter.api.Test;
 /** The commands' renderers over a host model made by hand: what list, info, watch and the metrics show. */
 class RenderTest {
     private static final int PID = 4242;
-    private static final int ALONE = 555;
+    /** The VM known only by its performance data is this test's own process, whose CPU time /proc tells. */
+    private static final int ALONE = (int) ProcessHandle.current().pid();
     private static final long NOW = ModelFixtures.BEGIN_MILLIS / 1000 + 60;
     private static final String VERSION = "OpenJDK 64-Bit Server VM 17.0.9+9-area";
 
@@ -36,7 +38,16 @@ class RenderTest {
                 area(ClusterType.PROCESS, PID, 0, PID, 1000, VERSION, mainClass, 1024));
         return HostSnapshot.of(areas, Map.of(PID, 1000, 77, 1000),
                 List.of(hotspot(PID, 1000, "perf.Main", 512, 2048, 4096, 300),
-                        hotspot(ALONE, 1000, "alone.Main", 5, 6, 7, 300)));
+                        startUnknown(hotspot(ALONE, 1000, "alone.Main", 5, 6, 7, 300))));
+    }
+
+    /** The figures with the process start unknown (any process of the pid is the VM's). */
+    private static HotSpotFigures startUnknown(HotSpotFigures f) {
+        return new HotSpotFigures(f.pid(), f.uid(), f.user(), f.javaCommand(), f.vmName(), f.vmVersion(), f.vmVendor(),
+                f.vmArguments(), f.vmFlags(), f.gcPolicy(), f.beginMillis(), f.initDoneMillis(), f.tickFrequency(),
+                f.uptimeTicks(), f.heapUsed(), f.heapCommitted(), f.heapMax(), f.metaspaceUsed(),
+                f.metaspaceCommitted(), f.metaspaceMax(), f.classesLoaded(), f.classesUnloaded(), f.threadsLive(),
+                f.threadsPeak(), f.threadsDaemon(), f.threadsStarted(), f.collectors(), f.pid(), 0, f.pools());
     }
 
     /** A VM with both sources has one version, main class and heap in list, info, watch (JSON) and the metrics. */

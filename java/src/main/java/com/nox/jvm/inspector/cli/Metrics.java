@@ -9,6 +9,7 @@ import com.nox.jvm.inspector.cluster.VmTimeInfo;
 import com.nox.jvm.inspector.host.HostSnapshot;
 import com.nox.jvm.inspector.host.HostVm;
 import com.nox.jvm.inspector.host.Names;
+import com.nox.jvm.inspector.host.ProcessCpu;
 import com.nox.jvm.inspector.hotspot.GcCollector;
 import com.nox.jvm.inspector.hotspot.HotSpotFigures;
 import com.nox.jvm.inspector.hotspot.MxBeanNames;
@@ -58,6 +59,12 @@ final class Metrics {
             vm("process_start_time_seconds", Type.GAUGE, SECONDS,
                     "Start time of the VM's process since the Unix epoch in seconds (whole seconds)",
                     vm -> vm.startTime() > 0 ? one(Long.toString(vm.startTime())) : List.of()),
+            vm("process_cpu_seconds", Type.COUNTER, SECONDS,
+                    "CPU time of the VM's process, user plus system, in seconds, as the kernel counts it (/proc)",
+                    vm -> {
+                        double seconds = ProcessCpu.seconds(vm.pid(), vm.startTime());
+                        return seconds < 0 ? List.of() : one(Double.toString(seconds));
+                    }),
             vm("jvm_memory_used_bytes", Type.GAUGE, BYTES,
                     "Used bytes of the VM's Java heap (area heap) and metaspace (area nonheap), from its performance data",
                     vm -> MemoryFigures.areas(vm, MemoryFigures.Figure::used)),
