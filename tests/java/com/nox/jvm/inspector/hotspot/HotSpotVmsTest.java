@@ -44,10 +44,17 @@ class HotSpotVmsTest {
 
     /** A live process that is not a Java VM, ended when closed. */
     private record Sleeper(Process process) implements AutoCloseable {
-        static Sleeper start(List<String> prefix) throws IOException {
+        static Sleeper start(List<String> prefix) throws Exception {
             List<String> command = new ArrayList<>(prefix);
             command.addAll(List.of("sleep", "120"));
-            return new Sleeper(new ProcessBuilder(command).start());
+            Sleeper sleeper = new Sleeper(new ProcessBuilder(command).start());
+            // Until it runs sleep, a process started through setpriv may still be root's.
+            Path comm = Path.of("/proc", Integer.toString(sleeper.pid()), "comm");
+            long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(10);
+            while (!Files.readString(comm).strip().equals("sleep") && System.nanoTime() < deadline) {
+                Thread.sleep(5);
+            }
+            return sleeper;
         }
 
         int pid() {
