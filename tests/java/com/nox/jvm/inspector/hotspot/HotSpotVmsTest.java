@@ -8,23 +8,17 @@ import com.nox.jvm.inspector.testing.JdkVm;
 import com.nox.jvm.inspector.testing.PlantedFiles;
 
 import java.io.IOException;
-import java.io.UncheckedIOException;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
-import java.nio.channels.FileChannel;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.DirectoryNotEmptyException;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.nio.file.StandardOpenOption;
-import java.nio.file.attribute.PosixFilePermissions;
-import java.nio.file.attribute.UserPrincipalLookupService;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Map;
 import java.util.Optional;
 import java.util.concurrent.TimeUnit;
-import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.function.Function;
 
 import org.junit.jupiter.api.Assumptions;
@@ -32,7 +26,7 @@ import org.junit.jupiter.api.Test;
 
 /**
  * Real JDK 17 VMs started by the test, read through the HotSpot natives, and copies of their
- * files planted in the real /tmp/hsperfdata_USER folders under the pid of a live process that is
+ * files planted in the real /tmp/hsperfdata_USER folder under the pid of a live process that is
  * no VM (a plain sleep, started before the VM whose file is copied), so that only the rule under
  * test keeps a copy from being listed.
  */
@@ -225,8 +219,9 @@ class HotSpotVmsTest {
     }
 
     /**
-     * Copies of a real file under names and owners the rules refuse, then under the sleeper's pid
-     * as a VM's own file (with a VM's frequency of 10^6 ticks a second, as VMs elsewhere count).
+     * Copies of a real file where the rules refuse them (a link, a process of another user), then
+     * under the sleeper's pid as a VM's own file, with a VM's frequency of 10^6 ticks a second, as
+     * VMs elsewhere count (names, owners and folders are the C++ reader tests' to try in full).
      */
     @Test
     void plantedFilesAreListedOnlyUnderALiveProcessOfTheFoldersUser() throws Exception {
@@ -237,9 +232,6 @@ class HotSpotVmsTest {
              PlantedFiles planted = new PlantedFiles()) {
             byte[] content = realFile(vm);
             String pid = Integer.toString(sleeper.pid());
-            for (String name : List.of(pid + ".bak", "0" + pid, pid + "x", "+" + pid, "99999999999", "-" + pid)) {
-                planted.file(FOLDER.resolve(name), content);
-            }
             planted.link(FOLDER.resolve(pid), planted.file(Path.of("/tmp", "nox-hsperf-hostile-" + pid), content));
             if (root) {
                 // A file in our folder under the pid of a process of another user.
@@ -251,8 +243,6 @@ class HotSpotVmsTest {
                 assertEquals(Optional.empty(), inspector.counters(refused));
                 assertEquals(Optional.empty(), inspector.snapshot().figures(refused));
             }
-            assertTrue(inspector.vms().stream().allMatch(v -> v.pid() > 0), inspector.vms().toString());
-            assertTrue(listed(vm.pid()), "the real VM beside the planted files is still listed");
 
             Files.delete(FOLDER.resolve(pid));
             setCounter(content, "sun.os.hrt.frequency", 1_000_000);
@@ -272,50 +262,7 @@ class HotSpotVmsTest {
         }
     }
 
-    @Test
-    void aFileCutAndRestoredInALoopIsReadWholeOrNotAtAll() throws Exception {
-        try (Sleeper sleeper = Sleeper.start(List.of()); JdkVm vm = new JdkVm(List.of(), List.of(), "flapping");
-             PlantedFiles planted = new PlantedFiles()) {
-            byte[] content = realFile(vm);
-            Path path = planted.file(FOLDER.resolve(Integer.toString(sleeper.pid())), content);
-            assertTrue(listed(sleeper.pid()), "the planted copy is a live VM's file before any cut");
-            AtomicBoolean stop = new AtomicBoolean();
-            Thread flapper = new Thread(() -> {
-                try (FileChannel channel = FileChannel.open(path, StandardOpenOption.WRITE)) {
-                    while (!stop.get()) {
-                        channel.truncate(0);
-                        channel.write(ByteBuffer.wrap(content, 0, content.length / 3), 0);
-                        channel.write(ByteBuffer.wrap(content), 0);
-                    }
-                } catch (IOException e) {
-                    throw new UncheckedIOException(e);
-                }
-            });
-            flapper.start();
-            // Rounds, not a rate: every copy taken must be whole, and one must be.
-            int seen = 0;
-            try {
-                for (int round = 0; round < 50 || seen == 0 && round < 5000; round++) {
-                    for (HotSpotVm v : inspector.vms()) {
-                        if (v.pid() == sleeper.pid()) {
-                            assertEquals(JdkVm.MAIN_CLASS, v.mainClass());
-                            seen++;
-                        }
-                    }
-                    inspector.figures(sleeper.pid())
-                            .ifPresent(x -> assertEquals(JdkVm.MAIN_CLASS + " flapping", x.javaCommand()));
-                    inspector.counters(sleeper.pid()).ifPresent(list -> assertTrue(list.size() > 150));
-                }
-            } finally {
-                stop.set(true);
-                flapper.join(5000);
-            }
-            assertFalse(flapper.isAlive(), "the flapping thread did not stop");
-            assertTrue(seen > 0, "the file was never read whole");
-        }
-    }
-
-    /** Root reads every user's VMs; another user reads neither them nor a folder it does not own. */
+    /** Root reads every user's VMs; another user does not read them. */
     @Test
     void vmsOfOtherUsersAreReadOnlyByWhoMay() throws Exception {
         long ownUid = (Integer) Files.getAttribute(Path.of("/proc/self"), "unix:uid");
@@ -353,22 +300,6 @@ class HotSpotVmsTest {
                     // another VM of nobody's publishes there now
                 }
             }
-        }
-        // daemon (uid 1) runs no VMs on a test machine: a folder named for it is planted here.
-        Path folder = Path.of("/tmp", "hsperfdata_daemon");
-        try (Sleeper daemons = Sleeper.start(List.of("setpriv", "--reuid=1", "--regid=1", "--clear-groups"));
-             JdkVm vm = new JdkVm(List.of(), List.of(), "for daemon");
-             PlantedFiles planted = new PlantedFiles()) {
-            byte[] content = realFile(vm);
-            Assumptions.assumeTrue(planted.folder(folder), "daemon has a folder of its own here: left alone");
-            UserPrincipalLookupService users = folder.getFileSystem().getUserPrincipalLookupService();
-            Path file = planted.file(folder.resolve(Integer.toString(daemons.pid())), content);
-            Files.setOwner(file, users.lookupPrincipalByName("daemon"));
-            assertFalse(listed(daemons.pid()), "a folder of root's named for daemon was read");
-            Files.setOwner(folder, users.lookupPrincipalByName("daemon"));
-            assertEquals("daemon", inspector.figures(daemons.pid()).orElseThrow().user());
-            Files.setPosixFilePermissions(folder, PosixFilePermissions.fromString("rwxrwxrwx"));
-            assertFalse(listed(daemons.pid()), "a folder open to everybody was read");
         }
     }
 }

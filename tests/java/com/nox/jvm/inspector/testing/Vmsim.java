@@ -92,12 +92,6 @@ public final class Vmsim implements AutoCloseable {
         }
     }
 
-    /** Sends one byte to vmsim's standard input (a vmsim started with --flap starts cutting its file). */
-    public void poke() throws IOException {
-        process.getOutputStream().write('g');
-        process.getOutputStream().flush();
-    }
-
     /** The next line vmsim prints; null at the end of its output or after {@link #WAIT_SECONDS}. */
     public String nextLine() throws IOException {
         try {
