@@ -71,6 +71,16 @@ public final class JdkVm implements AutoCloseable {
         return new long[] {Long.parseLong(parts[0]), Long.parseLong(parts[1]), Long.parseLong(parts[2])};
     }
 
+    /** Makes the VM allocate until young collections have run and left survivors (see SleepingVm). */
+    public void churn() throws IOException {
+        in.write("churn\n");
+        in.flush();
+        String line = out.readLine();
+        if (line == null || !line.startsWith("CHURNED")) {
+            throw new IOException("the JDK VM did not allocate: " + line);
+        }
+    }
+
     /** Runs a full collection in the VM (its collector then publishes its heap figures afresh). */
     public void gc() throws IOException {
         in.write("gc\n");
