@@ -30,8 +30,8 @@ import org.junit.jupiter.api.Test;
 /**
  * {@code noxinspect watch} as a real process: VMs of process and instance clusters and JDK VMs
  * known by their performance data that run when it starts, appear, change, end on request, on
- * SIGTERM and killed outright; a neighbour who plants, touches and deletes names under /tmp; and
- * which performance-data folders it follows. Instance clusters 56 and 57 are this class's own.
+ * SIGTERM and killed outright; a neighbour who plants, touches and deletes names under /tmp (by a
+ * second user when this runs as root); and which performance-data folders it follows. Instance clusters 56 and 57 are this class's own.
  */
 class WatchTest {
     private static final String USER = System.getProperty("user.name");
@@ -111,6 +111,9 @@ class WatchTest {
                 Map<String, String> merged = await(watch, "present", both.pid());
                 assertCluster("process:" + both.pid(), merged);
                 assertEquals("\"hotspot\"", merged.get("sources.1"), merged.toString());
+                if (SecondUserTest.isRoot()) {
+                    forgeDeletions(watch, process.pid(), jdk.pid());  // told of below: no VM ends by them
+                }
 
                 // A VM that gains performance data after its control area is the same VM, changed.
                 try (Vmsim later = new Vmsim("--type", "process")) {
@@ -171,6 +174,7 @@ class WatchTest {
                 instance.close();
                 await(watch, "vanished", slots[0]);
                 await(watch, "vanished", slots[2]);
+                assertEquals(0, told(watch, "vanished", process.pid()), "a forged deletion ended a VM: " + watch.seen());
                 process.close();
                 await(watch, "vanished", process.pid());
                 for (long pid : new long[] {jdk.pid(), both.pid()}) {
@@ -193,38 +197,22 @@ class WatchTest {
     }
 
     /**
-     * Another user creates and deletes a control-area name of its own under the pid of root's
-     * simulated VM, and a performance-data file under the pid of root's JDK VM in its own folder:
-     * neither VM is reported vanished; their real ends still are.
+     * Another user creates and deletes a control-area name of its own under the pid of our
+     * simulated VM, and a performance-data file under the pid of our JDK VM in its own folder, while
+     * watch reads on for a second.
      */
-    @Test
-    void forgedDeletionsEndNoVm() throws Exception {
-        assumeTrue(SecondUserTest.isRoot(), "needs root to run a second user (setpriv): skipped");
+    private static void forgeDeletions(LongRunning watch, long sim, long jdk) throws Exception {
         Path folder = Path.of("/tmp/hsperfdata_nobody");
         boolean made = !Files.exists(folder);
-        try (Vmsim sim = new Vmsim("--type", "process");
-             JdkVm jdk = new JdkVm();
-             LongRunning watch = new LongRunning("--json", "watch")) {
-            assertTrue(jdk.awaitPerfDataFile(USER));
-            NoxinspectHotSpotTest.awaitListed(jdk);
-            await(watch, "present", sim.pid());
-            await(watch, "present", "appeared", jdk.pid());
-            Process forger = script("mkdir -p -m 700 /tmp/hsperfdata_nobody; for i in 1 2 3; do "
-                    + ": > /tmp/nox_jvm_65534_" + sim.pid() + "; : > /tmp/hsperfdata_nobody/" + jdk.pid()
-                    + "; sleep 0.1; rm -f /tmp/nox_jvm_65534_" + sim.pid() + " /tmp/hsperfdata_nobody/" + jdk.pid()
-                    + "; sleep 0.1; done");
+        try {
+            Process forger = script("mkdir -p -m 700 " + folder + "; for i in 1 2 3; do : > /tmp/nox_jvm_65534_" + sim
+                    + "; : > " + folder + "/" + jdk + "; sleep 0.1; rm -f /tmp/nox_jvm_65534_" + sim + " " + folder
+                    + "/" + jdk + "; sleep 0.1; done");
             assertTrue(forger.waitFor(20, TimeUnit.SECONDS) && forger.exitValue() == 0,
                     new String(forger.getInputStream().readAllBytes()));
-            long end = System.nanoTime() + 1_000_000_000L;  // what watch tells of the forgeries
-            while (System.nanoTime() < end) {
+            for (long end = System.nanoTime() + 1_000_000_000L; System.nanoTime() < end; ) {
                 watch.poll(0.05);
             }
-            assertEquals(0, told(watch, "vanished", sim.pid()) + told(watch, "vanished", jdk.pid()),
-                    "a forged deletion ended a VM: " + watch.seen());
-            sim.close();
-            jdk.close();
-            await(watch, "vanished", sim.pid());
-            await(watch, "vanished", jdk.pid());
         } finally {
             if (made) {
                 Files.deleteIfExists(folder);

@@ -147,6 +147,13 @@ class HotSpotContainersTest {
             String info = noxinspect("info", pid);
             assertTrue(info.lines().anyMatch(l -> l.matches("\\s*pid in ns\\W+1")), info);
             assertTrue(noxinspect("counters", pid, "sun.rt.javaCommand").contains(JdkVm.MAIN_CLASS + " contained"));
+            // noxinspect jcmd reaches it through its own /tmp, as the JDK's jcmd does.
+            Process jcmd = new ProcessBuilder(Path.of(System.getProperty("java.home"), "bin", "jcmd").toString(), pid,
+                    "VM.version").start();
+            String theirs = new String(jcmd.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+            assertTrue(jcmd.waitFor(60, TimeUnit.SECONDS) && jcmd.exitValue() == 0, theirs);
+            assertEquals(theirs.substring(theirs.indexOf('\n') + 1), noxinspect("jcmd", pid, "VM.version"));
+            assertFalse(Files.exists(Path.of("/tmp/.java_pid1")), "the VM's socket is in its own /tmp");
 
             // Files in the VM's /tmp follow the rules of our own.
             Path folder = vm.tmp().resolve("hsperfdata_" + USER);
