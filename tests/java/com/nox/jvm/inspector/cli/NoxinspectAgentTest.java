@@ -5,30 +5,96 @@ import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 import static org.junit.jupiter.api.Assertions.fail;
 
+import com.nox.jvm.inspector.cluster.ClusterType;
+import com.nox.jvm.inspector.cluster.DebuggingState;
+import com.nox.jvm.inspector.cluster.VmDebugInfo;
+import com.nox.jvm.inspector.cluster.VmInspector;
+import com.nox.jvm.inspector.cluster.VmInspector.Vm;
+import com.nox.jvm.inspector.cluster.VmMemoryInfo;
+import com.nox.jvm.inspector.cluster.VmStartInfo;
+import com.nox.jvm.inspector.cluster.VmTimeInfo;
+import com.nox.jvm.inspector.filesocket.FileSocket;
+import com.nox.jvm.inspector.filesocket.FileSocketAddress;
+import com.nox.jvm.inspector.natives.InspectorNatives;
 import com.nox.jvm.inspector.testing.AgentTarget;
 import com.nox.jvm.inspector.testing.AgentVm;
 
 import java.io.IOException;
+import java.io.InputStream;
+import java.io.OutputStream;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 import java.nio.channels.FileChannel;
+import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.StandardOpenOption;
 import java.util.List;
 import java.util.Map;
 import java.util.concurrent.TimeUnit;
+import java.util.function.BooleanSupplier;
 
 import org.junit.jupiter.api.Test;
 
 /**
- * tools/noxinspect against real JDK 17 VMs: one started with nox-agent.jar, whose control-area
- * file someone cuts, overwrites and deletes while it runs (the agent publishes again each time,
- * with the VM's current figures, and says so once on standard error), and one that gets the agent
- * through {@code noxinspect attach}. Other tests run VMs at the same time, so only our own VMs'
- * entries are asserted on.
+ * Real JDK 17 VMs that run nox-agent.jar (no simulated VM), read through the Java cluster API
+ * and through tools/noxinspect: what a stock VM publishes, compared with what the VM itself reads
+ * from its MXBeans; requests; the profiling server; the control-area file cut, overwritten and
+ * deleted while the VM runs (the agent publishes again each time, with the VM's current figures,
+ * and says so once on standard error); the files' removal; and a VM that gets the agent through
+ * {@code noxinspect attach}. Other tests run VMs at the same time, so only our own VMs' entries
+ * are asserted on.
  */
 class NoxinspectAgentTest {
+    private static final long MIB = 1024 * 1024;
+    /** Offset of the VM's slot in the file: the lead-in and the 64-bit instance area. */
+    private static final int SLOT = 8 + 288;
+    /** The whole file: the lead-in, the header and instance area, one per-VM area (46072). */
+    private static final int FILE_SIZE = SLOT + 46072;
+
+    private final VmInspector inspector = new VmInspector();
+
+    /** Waits up to {@code millis} for {@code condition}; fails with {@code what} when it does not come. */
+    private static void await(long millis, String what, BooleanSupplier condition) throws InterruptedException {
+        long deadline = System.nanoTime() + millis * 1_000_000;
+        while (!condition.getAsBoolean()) {
+            if (System.nanoTime() - deadline > 0) {
+                fail(what + " did not happen within " + millis + " ms");
+            }
+            Thread.sleep(20);
+        }
+    }
+
+    private Vm listed(AgentVm vm) throws InterruptedException {
+        await(5000, "VM pid " + vm.pid() + " being listed", () -> inspector.byPid(vm.intPid()).isPresent());
+        return inspector.byPid(vm.intPid()).orElseThrow();
+    }
+
+    /** The request flag at {@code offset} of the VM's slot; 0 once the agent has served it. */
+    private static int flag(AgentVm vm, int offset) {
+        try (FileChannel channel = FileChannel.open(vm.controlAreaFile(), StandardOpenOption.READ)) {
+            ByteBuffer b = ByteBuffer.allocate(4).order(ByteOrder.nativeOrder());
+            channel.read(b, SLOT + offset);
+            return b.getInt(0);
+        } catch (IOException e) {
+            throw new AssertionError(e);
+        }
+    }
+
+    private static void raiseFlag(AgentVm vm, int offset) throws IOException {
+        try (FileChannel channel = FileChannel.open(vm.controlAreaFile(), StandardOpenOption.WRITE)) {
+            channel.write(ByteBuffer.allocate(4).order(ByteOrder.nativeOrder()).putInt(0, 1), SLOT + offset);
+        }
+    }
+
+    private static long gcs(AgentVm vm) {
+        try {
+            return vm.readings().get("gcs");
+        } catch (IOException e) {
+            throw new AssertionError(e);
+        }
+    }
+
     /**
      * The index of the VM with this pid that publishes a control area; -1 when there is none. A
      * stock VM is also listed, without a control area, from its performance data.
@@ -74,11 +140,6 @@ class NoxinspectAgentTest {
         }
     }
 
-    /** The whole file: an 8-byte lead-in, the header and instance area (288), one per-VM area (46072). */
-    private static final int FILE_SIZE = 8 + 288 + 46072;
-    /** The start-debugging flag of the one slot, from the start of the file. */
-    private static final int START_DEBUGGING_FLAG = 8 + 288 + 4;
-
     /** One way of damaging the file. */
     private interface Damage {
         void apply(Path file) throws IOException;
@@ -114,40 +175,102 @@ class NoxinspectAgentTest {
     }
 
     @Test
-    void listInfoDebugAndExitOfAnAgentVmWhoseFileIsDamagedWhileItRuns() throws Exception {
+    void aStockVmWithTheAgentThroughTheApiAndTheCommandsWhileItsFileIsDamaged() throws Exception {
         Path errors = Files.createTempFile("nox-agent-cut-test", ".err");
-        Path file;
         try {
-            try (AgentVm vm = AgentVm.withAgentErrorsTo(errors, "refresh=100", "alpha", "beta")) {
-                file = vm.controlAreaFile();
+            try (AgentVm vm = AgentVm.withAgentErrorsTo(errors, "refresh=100", "first", "second")) {
+                Vm listed = listed(vm);
+                assertEquals(ClusterType.PROCESS, listed.ref().type());
+                assertEquals(vm.intPid(), listed.ref().clusterId());
+                assertEquals(0, listed.ref().slot());
+                assertEquals(1, listed.vmId());
+                assertEquals(vm.intPid(), inspector.state(listed.ref()).orElseThrow().pid());
+                VmStartInfo start = inspector.startInfo(listed.ref()).orElseThrow();
+                assertEquals(AgentTarget.class.getName(), start.mainClass());
+                assertEquals(AgentTarget.class.getName() + " first second", start.javaArguments());
+                assertTrue(start.vmArguments().contains("-javaagent:" + AgentVm.agentJar()), start.vmArguments());
+                assertEquals(System.getProperty("user.dir"), start.workingDirectory());
+                assertTrue(start.vmVersion().contains(System.getProperty("java.vm.version")), start.vmVersion());
+                assertEquals("nox-agent", start.vmTag());
+                assertTrue(start.hasMetaspace());
+                assertFalse(start.runsWithMonitoringBoard());
+                assertTrue(start.vmFlags().contains("-XX:+UseSerialGC"), start.vmFlags());
+                assertTrue(start.vmFlags().contains("-XX:MaxHeapSize=" + (64 << 20)), start.vmFlags());
+                assertFalse(start.vmFlags().contains("UseG1GC"), "a flag at its default is not listed: " + start.vmFlags());
+
                 Map<String, String> list = listUntilPresent(vm.pid(), 5);
                 int i = vmIndex(list, vm.pid());
                 assertEquals(q("process:" + vm.pid()), list.get("vms." + i + ".cluster"));
-                assertEquals("0", list.get("vms." + i + ".slot"));
                 assertEquals(q(AgentTarget.class.getName()), list.get("vms." + i + ".mainClass"));
                 assertEquals(q("NOT_ACTIVE"), list.get("vms." + i + ".debuggingState"));
-                assertTrue(list.get("vms." + i + ".version").contains(System.getProperty("java.vm.version")));
                 Launcher.Result text = Launcher.run("list");
-                assertEquals(0, text.exitCode(), text.toString());
                 assertTrue(text.out().lines().anyMatch(l -> l.contains(" " + vm.pid() + " ")
                         && l.contains(AgentTarget.class.getName())), text.toString());
 
-                // The figures themselves are the cluster API test's; info shows them as they are read.
+                // Memory against the VM's own MXBeans; a fixed heap (-Xms = -Xmx): committed and maximum do not move.
                 Map<String, Long> before = vm.readings();
+                Thread.sleep(300);  // at least two refreshes
+                VmMemoryInfo memory = inspector.memoryInfo(listed.ref()).orElseThrow();
+                Map<String, Long> after = vm.readings();
+                assertEquals(before.get("committed"), after.get("committed"));
+                assertEquals(before.get("committed"), memory.committedJavaHeap());
+                assertEquals(before.get("committed"), memory.globalMemory());
+                assertEquals(before.get("max"), memory.maxOldGenSize());
+                long low = Math.min(before.get("used"), after.get("used")) - 2 * MIB;
+                long high = Math.max(before.get("used"), after.get("used")) + 2 * MIB;
+                assertTrue(memory.globalAllocatedMemory() >= low && memory.globalAllocatedMemory() <= high,
+                        "heap used " + memory.globalAllocatedMemory() + " not within " + low + ".." + high);
+                assertTrue(memory.globalMemoryPeak() >= memory.globalMemory());
+                assertTrue(memory.committedClassPool() > 0 && memory.committedCodeCache() > 0, memory.toString());
+                assertEquals(memory.committedJavaHeap() + memory.committedClassPool() + memory.committedCodeCache(),
+                        memory.committedTotal());
+                assertTrue(memory.numberOfGcs() <= after.get("gcs"));
+
+                // User and system come from /proc in clock ticks, processing from the JDK in
+                // nanoseconds: they agree only if the tick rate is the one assumed.
+                VmTimeInfo time = inspector.timeInfo(listed.ref()).orElseThrow();
+                long cpuMillis = vm.readings().get("cpu") / 1_000_000;
+                assertTrue(time.available(), time.toString());
+                assertEquals(time.systemTime() + time.userTime(), time.totalTime());
+                assertTrue(Math.abs(time.totalTime() - time.processingTime()) <= 100,
+                        "user + system " + time.totalTime() + " ms against processing " + time.processingTime() + " ms");
+                assertTrue(time.processingTime() > 0 && time.processingTime() <= cpuMillis, time + " vs " + cpuMillis);
+
+                // info shows the figures as they are read; its start time is the process's, in whole seconds.
                 Launcher.Result r = Launcher.run("--json", "info", Long.toString(vm.pid()));
                 assertEquals(0, r.exitCode(), r.toString());
-                Map<String, String> flat = Launcher.flatJson(r.out());
-                assertEquals(Long.toString(before.get("committed")), flat.get("memory.committedJavaHeap"), r.toString());
-                assertEquals(Long.toString(before.get("max")), flat.get("memory.maxOldGenSize"));
-                // The process start time is whole seconds; the VM's own start time a little later.
-                long startSeconds = Long.parseLong(flat.get("vm.startTime"));
+                Map<String, String> info = Launcher.flatJson(r.out());
+                assertEquals(Long.toString(before.get("committed")), info.get("memory.committedJavaHeap"), r.toString());
+                long startSeconds = Long.parseLong(info.get("vm.startTime"));
                 long vmStart = before.get("start") / 1000;
                 assertTrue(startSeconds <= vmStart && vmStart - startSeconds <= 2,
                         "process started " + startSeconds + ", VM says " + vmStart);
-                assertEquals(q(AgentTarget.class.getName() + " alpha beta"), flat.get("start.javaArguments"));
-                assertTrue(flat.get("start.vmArguments").contains("-javaagent:"), flat.get("start.vmArguments"));
-                assertEquals(q(System.getProperty("user.dir")), flat.get("start.workingDirectory"));
-                assertTrue(Long.parseLong(flat.get("time.processingTime")) > 0, r.toString());
+                assertEquals(q(AgentTarget.class.getName() + " first second"), info.get("start.javaArguments"));
+
+                // A GC request runs a collection; requests a stock VM cannot serve are cleared.
+                long gcs = gcs(vm);
+                for (int flag : new int[] {80, 12, 35368}) {  // gc, dump stacks, enqueue operation
+                    raiseFlag(vm, flag);
+                }
+                for (int flag : new int[] {80, 12, 35368}) {
+                    await(1000, "flag " + flag + " being cleared", () -> flag(vm, flag) == 0);
+                }
+                await(2000, "the GC count growing", () -> gcs(vm) > gcs);
+                await(2000, "the published GC count growing",
+                        () -> inspector.memoryInfo(listed.ref()).orElseThrow().numberOfFullGcs() > 0);
+
+                // The profiling server answers through a file socket.
+                String path = InspectorNatives.getProfilingServerIdentifier0(vm.intPid());
+                assertEquals(vm.serverSocket().toString(), path);
+                assertEquals(0, InspectorNatives.isFileSocketServerAttachable0(vm.intPid()), "our own server is attachable");
+                try (FileSocket socket = new FileSocket(new FileSocketAddress(path), 2000)) {
+                    socket.setSoTimeout(2000);
+                    OutputStream out = socket.getOutputStream();
+                    InputStream in = socket.getInputStream();
+                    out.write("hello\nworld\n".getBytes(StandardCharsets.US_ASCII));
+                    out.flush();
+                    assertEquals("PONG hello\nPONG world\n", new String(in.readNBytes(22), StandardCharsets.US_ASCII));
+                }
 
                 for (Case c : CASES) {
                     c.damage().apply(vm.controlAreaFile());
@@ -157,29 +280,59 @@ class NoxinspectAgentTest {
                 }
 
                 // A stock VM does not debug on demand: the request is raised, cleared, and changes nothing.
-                Launcher.Result debug = Launcher.run("--json", "debug", "start", Long.toString(vm.pid()));
-                assertEquals(0, debug.exitCode(), debug.toString());
-                assertEquals("true", Launcher.flatJson(debug.out()).get("raised"), debug.toString());
-                awaitFlagCleared(vm.controlAreaFile(), START_DEBUGGING_FLAG);
-                Launcher.Result start = Launcher.run("debug", "start", Long.toString(vm.pid()));
-                assertTrue(start.out().contains("it does not debug on demand"), start.toString());
-                Launcher.Result info = Launcher.run("info", Long.toString(vm.pid()));
-                assertTrue(info.out().lines().anyMatch(l -> l.trim().matches("on demand\\s+no")), info.toString());
-                assertTrue(info.out().lines().anyMatch(l -> l.trim().matches("state\\s+not-active")), info.toString());
+                VmDebugInfo debug = inspector.debugInfo(listed.ref()).orElseThrow();
+                assertFalse(debug.canDebugOnDemand());
+                assertEquals(DebuggingState.NOT_ACTIVE, debug.state());
+                assertEquals(-1, debug.fromPort());
+                assertEquals(-1, debug.currentDebugPort());
+                Launcher.Result raised = Launcher.run("--json", "debug", "start", Long.toString(vm.pid()));
+                assertEquals(0, raised.exitCode(), raised.toString());
+                assertEquals("true", Launcher.flatJson(raised.out()).get("raised"), raised.toString());
+                await(5000, "the start-debugging flag being cleared", () -> flag(vm, 4) == 0);
+                Launcher.Result told = Launcher.run("debug", "start", Long.toString(vm.pid()));
+                assertTrue(told.out().contains("it does not debug on demand"), told.toString());
+                Launcher.Result shown = Launcher.run("info", Long.toString(vm.pid()));
+                assertTrue(shown.out().lines().anyMatch(l -> l.trim().matches("on demand\\s+no")), shown.toString());
+                assertTrue(shown.out().lines().anyMatch(l -> l.trim().matches("state\\s+not-active")), shown.toString());
 
                 Launcher.Result exit = Launcher.run("exit", Long.toString(vm.pid()), "4");
                 assertEquals(0, exit.exitCode(), exit.toString());
                 assertEquals(4, vm.awaitExit(5), "the VM did not end with status 4 within 5 s");
                 assertFalse(Files.exists(vm.controlAreaFile()), "the file made again is removed at the end");
+                assertFalse(Files.exists(vm.serverSocket()), "profiling-server socket left behind");
+                assertTrue(inspector.byPid(vm.intPid()).isEmpty());
             }
             String said = Files.readString(errors);
             assertFalse(said.contains("\tat ") || said.contains("Exception") || said.contains("Error"),
                     "a stack trace on the VM's standard error:\n" + said);
             List<String> lines = said.lines().filter(l -> l.startsWith("nox-agent")).toList();
             assertEquals(1, lines.size(), "the agent reports the damage once:\n" + said);
-            assertTrue(lines.get(0).contains(file.toString()), lines.get(0));
+            assertTrue(lines.get(0).contains("/tmp/nox_jvm_"), lines.get(0));
         } finally {
             Files.deleteIfExists(errors);
+        }
+    }
+
+    @Test
+    void figuresChangeOnlyAtTheRefreshAndAKilledVmsFilesGoAtTheNextScan() throws Exception {
+        try (AgentVm vm = AgentVm.withAgent("refresh=3600000")) {
+            Vm listed = listed(vm);
+            long published = inspector.memoryInfo(listed.ref()).orElseThrow().numberOfGcs();
+            long gcs = gcs(vm);
+            raiseFlag(vm, 80);  // gc
+            await(2000, "the GC count growing", () -> gcs(vm) > gcs);
+            Thread.sleep(300);
+            assertEquals(published, inspector.memoryInfo(listed.ref()).orElseThrow().numberOfGcs(),
+                    "figures changed although the next refresh is an hour away");
+
+            vm.process().destroyForcibly();
+            assertTrue(vm.process().waitFor(5, TimeUnit.SECONDS), "the VM was not killed");
+            assertTrue(Files.exists(vm.controlAreaFile()), "a killed VM leaves its file");
+            assertTrue(inspector.byPid(vm.intPid()).isEmpty());
+            inspector.clusters();
+            assertFalse(Files.exists(vm.controlAreaFile()), "the scan left the stale control-area file");
+            assertEquals(null, InspectorNatives.getProfilingServerIdentifier0(vm.intPid()));
+            assertFalse(Files.exists(vm.serverSocket()), "the scan left the stale socket");
         }
     }
 
@@ -258,18 +411,5 @@ class NoxinspectAgentTest {
             Thread.sleep(50);
         }
         fail("the VM's control area did not show its " + gcs + " collections within 5 s " + when + ":\n" + last);
-    }
-
-    /** Waits (at most 5 s) until the int32 at {@code offset} of the file reads 0. */
-    private static void awaitFlagCleared(Path file, int offset) throws Exception {
-        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(5);
-        while (System.nanoTime() - deadline < 0) {
-            ByteBuffer bytes = ByteBuffer.wrap(Files.readAllBytes(file)).order(ByteOrder.nativeOrder());
-            if (bytes.capacity() >= offset + 4 && bytes.getInt(offset) == 0) {
-                return;
-            }
-            Thread.sleep(20);
-        }
-        fail("the agent did not clear the request flag at " + offset + " within 5 s");
     }
 }
