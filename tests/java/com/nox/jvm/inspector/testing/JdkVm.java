@@ -108,30 +108,6 @@ public final class JdkVm implements AutoCloseable {
         return false;
     }
 
-    /** What {@code jcmd PID PerfCounter.print} prints, as name to value (strings without quotes). */
-    public java.util.Map<String, String> jcmdCounters() throws IOException, InterruptedException {
-        Process jcmd = new ProcessBuilder(Path.of(System.getProperty("java.home"), "bin", "jcmd").toString(),
-                Integer.toString(pid), "PerfCounter.print").redirectErrorStream(true).start();
-        String text = new String(jcmd.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
-        if (!jcmd.waitFor(30, TimeUnit.SECONDS) || jcmd.exitValue() != 0) {
-            jcmd.destroyForcibly();
-            throw new IOException("jcmd failed: " + text);
-        }
-        java.util.Map<String, String> counters = new java.util.LinkedHashMap<>();
-        for (String line : text.split("\n")) {
-            int eq = line.indexOf('=');
-            if (eq <= 0 || line.startsWith(pid + ":")) {
-                continue;
-            }
-            String value = line.substring(eq + 1);
-            if (value.length() >= 2 && value.startsWith("\"") && value.endsWith("\"")) {
-                value = value.substring(1, value.length() - 1);
-            }
-            counters.put(line.substring(0, eq), value);
-        }
-        return counters;
-    }
-
     @Override
     public void close() throws InterruptedException {
         try {
