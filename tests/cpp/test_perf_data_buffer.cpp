@@ -44,10 +44,11 @@ PerfDataBlock three_counters(bool little_endian) {
     return b;
 }
 
-HotSpotFigures_CL figures_of(const PerfDataBlock& b) {
-    Bytes bytes = b.bytes();
+// The figures of a block; their texts point into `bytes`, which the caller keeps.
+HotSpotFigures_CL figures_of(const PerfDataBlock& b, Bytes* bytes) {
+    *bytes = b.bytes();
     HotSpotFigures_CL f;
-    read_hotspot_figures(PerfDataBuffer(bytes.data(), bytes.size()), &f);
+    read_hotspot_figures(PerfDataBuffer(bytes->data(), bytes->size()), &f);
     return f;
 }
 
@@ -206,7 +207,8 @@ TEST(HotSpotFigures, SyntheticBlocks) {
         .add_long("java.cls.sharedLoadedClasses", 360)
         .add_long("java.threads.live", 9)
         .add_string("sun.rt.javaCommand", "app.jar --x");
-    HotSpotFigures_CL f = figures_of(serial);
+    Bytes kept;
+    HotSpotFigures_CL f = figures_of(serial, &kept);
     EXPECT_EQ(523, f.heap_used);
     EXPECT_EQ(6000, f.heap_committed);
     EXPECT_EQ(20000, f.heap_max);
@@ -226,7 +228,7 @@ TEST(HotSpotFigures, SyntheticBlocks) {
     g1.add_string("sun.gc.policy.name", "GarbageFirst")
         .add_long("sun.gc.generation.0.maxCapacity", 6000)
         .add_long("sun.gc.generation.1.maxCapacity", 6000);
-    EXPECT_EQ(6000, figures_of(g1).heap_max);
+    EXPECT_EQ(6000, figures_of(g1, &kept).heap_max);
 
     // A hostile file's figures whose sum overflows: the sum stops at the largest long.
     const int64_t huge = INT64_MAX - 10;
@@ -237,7 +239,7 @@ TEST(HotSpotFigures, SyntheticBlocks) {
         .add_long("sun.gc.generation.0.capacity", 20)
         .add_long("java.cls.loadedClasses", huge)
         .add_long("java.cls.sharedLoadedClasses", huge);
-    f = figures_of(hostile);
+    f = figures_of(hostile, &kept);
     EXPECT_EQ(INT64_MAX, f.heap_used);
     EXPECT_EQ(INT64_MAX, f.heap_committed);
     EXPECT_EQ(INT64_MAX, f.classes_loaded);
@@ -247,7 +249,7 @@ TEST(HotSpotFigures, SyntheticBlocks) {
     none.add_long("sun.gc.collector.99.invocations", 5)
         .add_long("sun.gc.generation.7.capacity", 5)
         .add_long("sun.gc.generation.x.capacity", 5);
-    f = figures_of(none);
+    f = figures_of(none, &kept);
     for (int64_t unknown : {f.heap_used, f.heap_committed, f.heap_max, f.tick_frequency}) EXPECT_EQ(-1, unknown);
     EXPECT_EQ(0, f.collector_count);
     EXPECT_EQ(0u, f.java_command.length);
