@@ -10,7 +10,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 # Debian packages the build, the tests and the benchmarks need.
-packages=(cmake g++ openjdk-17-jdk-headless libgtest-dev libbenchmark-dev junit5 socat python3 libjunixsocket-java prometheus)
+packages=(cmake g++ openjdk-17-jdk-headless libgtest-dev libbenchmark-dev junit5 socat python3 libjunixsocket-java prometheus tmux chromium)
 # Only ./run.sh fuzz needs these.
 fuzz_packages=(clang-14 libclang-rt-14-dev)
 

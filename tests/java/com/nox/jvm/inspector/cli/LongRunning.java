@@ -2,6 +2,7 @@ package com.nox.jvm.inspector.cli;
 
 import java.io.BufferedReader;
 import java.io.IOException;
+import java.io.InputStream;
 import java.io.InputStreamReader;
 import java.nio.charset.StandardCharsets;
 import java.util.ArrayList;
@@ -10,6 +11,7 @@ import java.util.List;
 import java.util.concurrent.BlockingQueue;
 import java.util.concurrent.LinkedBlockingQueue;
 import java.util.concurrent.TimeUnit;
+import java.util.function.Consumer;
 
 /**
  * A command of tools/noxinspect that runs until it is ended ({@code serve}, {@code watch}),
@@ -33,32 +35,27 @@ final class LongRunning implements AutoCloseable {
         ProcessBuilder builder = new ProcessBuilder(command);
         builder.environment().put("NOX_BUILD_DIR", Launcher.buildDir());
         process = builder.start();
-        Thread reader = new Thread(() -> {
-            try (BufferedReader in = new BufferedReader(new InputStreamReader(process.getInputStream(),
-                    StandardCharsets.UTF_8))) {
-                for (String line = in.readLine(); line != null; line = in.readLine()) {
-                    lines.add(new Line(line, System.nanoTime()));
-                }
-            } catch (IOException e) {
-                // the process ended
-            }
-        }, "noxinspect-stdout");
-        reader.setDaemon(true);
-        reader.start();
-        Thread errors = new Thread(() -> {
-            try (BufferedReader in = new BufferedReader(new InputStreamReader(process.getErrorStream(),
-                    StandardCharsets.UTF_8))) {
-                for (String line = in.readLine(); line != null; line = in.readLine()) {
-                    synchronized (err) {
-                        err.append(line).append('\n');
-                    }
-                }
-            } catch (IOException e) {
-                // the process ended
+        follow(process.getInputStream(), line -> lines.add(new Line(line, System.nanoTime())), "noxinspect-stdout");
+        follow(process.getErrorStream(), line -> {
+            synchronized (err) {
+                err.append(line).append('\n');
             }
         }, "noxinspect-stderr");
-        errors.setDaemon(true);
-        errors.start();
+    }
+
+    /** Hands each line of the stream to {@code sink} on a daemon thread of its own, until the stream ends. */
+    private static void follow(InputStream stream, Consumer<String> sink, String name) {
+        Thread thread = new Thread(() -> {
+            try (BufferedReader in = new BufferedReader(new InputStreamReader(stream, StandardCharsets.UTF_8))) {
+                for (String line = in.readLine(); line != null; line = in.readLine()) {
+                    sink.accept(line);
+                }
+            } catch (IOException e) {
+                // the process ended
+            }
+        }, name);
+        thread.setDaemon(true);
+        thread.start();
     }
 
     /** The next line of stdout, waiting at most {@code seconds}; null when none came. */

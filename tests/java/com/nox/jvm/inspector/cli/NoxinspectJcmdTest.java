@@ -2,21 +2,29 @@ package com.nox.jvm.inspector.cli;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
-import static org.junit.jupiter.api.Assumptions.assumeTrue;
+import static org.junit.jupiter.api.Assertions.fail;
 
+import com.nox.jvm.inspector.attach.AttachClient;
+import com.nox.jvm.inspector.attach.AttachException;
+import com.nox.jvm.inspector.attach.CommandReply;
 import com.nox.jvm.inspector.testing.JdkVm;
 
 import java.io.BufferedReader;
 import java.io.IOException;
+import java.io.InputStream;
 import java.io.InputStreamReader;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.time.Duration;
 import java.util.ArrayList;
 import java.util.List;
 import java.util.Set;
 import java.util.TreeSet;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.ExecutionException;
 import java.util.concurrent.TimeUnit;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
@@ -25,13 +33,13 @@ import org.junit.jupiter.api.Test;
 
 /**
  * {@code noxinspect jcmd} and its shortcuts against the JDK's own {@code jcmd}, on real JDK 17 VMs
- * started by the test: the same output after jcmd's "PID:" line and the same exit status; the
- * refusals of what must not be signalled or used; a VM in its own pid and mount namespaces; and
- * {@code attach} refusing a mistyped agent option before anything reaches the VM.
+ * started by the test: the same output after jcmd's "PID:" line and the same exit status; a VM
+ * that disabled attach (a VM in its own namespaces is the containers test's); {@code attach} refusing a mistyped agent option before anything reaches the VM; and the Java API
+ * of the attach client beneath them: the reply streamed, a VM that stops answering, and one that
+ * ends while the client waits for its listener.
  */
 class NoxinspectJcmdTest {
     private static final String JAVA = Path.of(System.getProperty("java.home"), "bin", "java").toString();
-    private static final boolean ROOT = "root".equals(System.getProperty("user.name"));
 
     /** How two outputs must agree. */
     enum Agreement {
@@ -105,7 +113,7 @@ class NoxinspectJcmdTest {
     }
 
     @Test
-    void printsWhatJcmdPrintsWithItsExitStatus() throws Exception {
+    void printsWhatJcmdPrintsWithItsExitStatusThroughTheClient() throws Exception {
         // Fixed compiler threads: with dynamic ones a thread may come or go between two dumps.
         try (JdkVm vm = new JdkVm("-XX:-UseDynamicNumberOfCompilerThreads", "-Xmx64m")) {
             int pid = vm.pid();
@@ -125,21 +133,45 @@ class NoxinspectJcmdTest {
             }
             Launcher.Result rejected = Launcher.run("jcmd", Integer.toString(pid), "No.such_command");
             assertTrue(rejected.err().contains("Unknown diagnostic command"), rejected.toString());
+
+            // The client beneath: a reply streamed in small pieces, a refusal, a VM that stops answering.
+            try (CommandReply reply = AttachClient.jcmd(pid, "VM.command_line", Duration.ofSeconds(10))) {
+                assertEquals(0, reply.status());
+                // Read in pieces smaller than anything the VM sends at once.
+                InputStream in = reply.output();
+                StringBuilder text = new StringBuilder();
+                byte[] piece = new byte[3];
+                for (int n = in.read(piece); n >= 0; n = in.read(piece)) {
+                    text.append(new String(piece, 0, n, java.nio.charset.StandardCharsets.ISO_8859_1));
+                }
+                assertTrue(text.toString().startsWith("VM Arguments:\n"), text.toString());
+                assertTrue(text.toString().contains("java_command: " + JdkVm.MAIN_CLASS + "\n"), text.toString());
+            }
+            try (CommandReply reply = AttachClient.execute(pid, "jcmd", List.of("No.such_command"),
+                    Duration.ofSeconds(10))) {
+                assertEquals(-1, reply.status());
+                assertEquals("java.lang.IllegalArgumentException: Unknown diagnostic command\n", reply.text());
+            }
+            stop(pid);
+            try {
+                long start = System.nanoTime();
+                AttachException e = assertThrows(AttachException.class,
+                        () -> AttachClient.jcmd(pid, "VM.version", Duration.ofMillis(500)));
+                assertEquals(AttachException.Reason.TIMED_OUT, e.reason(), e.getMessage());
+                assertTrue(System.nanoTime() - start < TimeUnit.SECONDS.toNanos(5), "the time-out was not kept");
+            } finally {
+                signal(pid, "CONT");
+            }
+            try (CommandReply reply = AttachClient.jcmd(pid, "VM.version", Duration.ofSeconds(10))) {
+                assertTrue(reply.text().contains("JDK 17"), "a VM that runs again answers again");
+            }
         }
     }
 
     @Test
-    void refusesWhatItMustNotSignalOrUse() throws Exception {
-        Process sleeper = new ProcessBuilder("sleep", "60").start();
-        try {
-            Launcher.Result r = Launcher.run("jcmd", Long.toString(sleeper.pid()), "VM.version");
-            assertEquals(1, r.exitCode(), r.toString());
-            assertTrue(r.err().contains("is not a Java VM (it maps no libjvm.so): not signalled"), r.toString());
-            assertTrue(sleeper.isAlive(), "a process that is not a VM must never get SIGQUIT");
-        } finally {
-            sleeper.destroyForcibly().waitFor(5, TimeUnit.SECONDS);
-        }
-        // Attach disabled, seen in the performance data and, without them, on the command line.
+    void refusesAVmThatDisabledAttach() throws Exception {
+        // Attach disabled, seen in the performance data and, without them, on the command line (what
+        // is no VM, or a socket that is not the VM's, the C++ attach tests try with fake VMs).
         for (List<String> options : List.of(List.of("-XX:+DisableAttachMechanism"),
                 List.of("-XX:-UsePerfData", "-XX:+DisableAttachMechanism"))) {
             try (JdkVm vm = new JdkVm(options.toArray(String[]::new))) {
@@ -148,59 +180,6 @@ class NoxinspectJcmdTest {
                 assertTrue(r.err().contains("does not accept attach requests (it runs with "
                         + "-XX:+DisableAttachMechanism): not signalled"), options + "\n" + r);
                 assertFalse(Files.exists(Path.of("/tmp/.java_pid" + vm.pid())), options.toString());
-            }
-        }
-    }
-
-    @Test
-    void usesNoSocketThatAnotherUserPlantedUnderTheVmsName() throws Exception {
-        assumeTrue(ROOT, "not root: the socket of another user is planted by the root run only");
-        try (JdkVm vm = new JdkVm()) {
-            Path socket = Path.of("/tmp/.java_pid" + vm.pid());
-            String server = "import socket, sys\n"
-                    + "s = socket.socket(socket.AF_UNIX); s.bind(sys.argv[1]); s.listen(5)\n"
-                    + "print('READY', flush=True)\n"
-                    + "s.settimeout(float(sys.argv[2]))\n"
-                    + "try:\n    s.accept(); print('CONNECTED', flush=True)\n"
-                    + "except socket.timeout:\n    print('NOBODY', flush=True)\n";
-            Process planted = new ProcessBuilder("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-                    "/usr/bin/python3", "-c", server, socket.toString(), "3").redirectErrorStream(true).start();
-            BufferedReader said = new BufferedReader(new InputStreamReader(planted.getInputStream(), StandardCharsets.UTF_8));
-            try {
-                assertEquals("READY", said.readLine());
-                Launcher.Result r = Launcher.run("jcmd", Integer.toString(vm.pid()), "VM.version");
-                assertEquals(1, r.exitCode(), r.toString());
-                assertTrue(r.err().contains(socket + " belongs to user id 65534, not to the VM's user"), r.toString());
-                assertEquals("NOBODY", said.readLine(), "the planted socket was connected to");
-            } finally {
-                planted.destroyForcibly().waitFor(5, TimeUnit.SECONDS);
-                Files.deleteIfExists(socket);
-            }
-        }
-    }
-
-    @Test
-    void reachesAVmInItsOwnPidAndMountNamespaces() throws Exception {
-        assumeTrue(ROOT, "not root: no pid and mount namespaces can be made for the VM");
-        // The class folder lies outside /tmp, which the VM's own tmpfs hides.
-        Process unshare = new ProcessBuilder("unshare", "--pid", "--mount", "--fork", "--kill-child", "--mount-proc",
-                "bash", "-c", "mount -t tmpfs tmpfs /tmp && exec \"$0\" \"$@\"", JAVA, "-cp", JdkVm.testClasses(),
-                JdkVm.MAIN_CLASS).redirectError(ProcessBuilder.Redirect.INHERIT).start();
-        try {
-            String ready = new BufferedReader(new InputStreamReader(unshare.getInputStream(), StandardCharsets.UTF_8))
-                    .readLine();
-            assumeTrue(ready != null, "unshare could not start a VM in new namespaces here");
-            assertEquals("READY 1", ready, "the VM is pid 1 of its own namespace");
-            String children = Files.readString(Path.of("/proc", Long.toString(unshare.pid()), "task",
-                    Long.toString(unshare.pid()), "children")).trim();
-            int hostPid = Integer.parseInt(children);
-            Case c = new Case(Agreement.SAME, words("jcmd", hostPid, "VM.version"), words("VM.version"));
-            assertAgree(c, Launcher.run(c.ours().toArray(String[]::new)), jcmd(hostPid, c.jcmd()));
-            assertFalse(Files.exists(Path.of("/tmp/.java_pid1")), "the VM's socket is in its own /tmp");
-        } finally {
-            unshare.destroy();
-            if (!unshare.waitFor(5, TimeUnit.SECONDS)) {
-                unshare.destroyForcibly().waitFor(5, TimeUnit.SECONDS);
             }
         }
     }
@@ -216,6 +195,7 @@ class NoxinspectJcmdTest {
             Launcher.Result r = Launcher.run("attach", Long.toString(vm.pid()), "refresh=500,pol=20");
             assertEquals(2, r.exitCode(), r.toString());
             assertTrue(r.err().contains("unknown agent option 'pol'"), r.toString());
+            assertFalse(r.err().contains("\tat "), r.toString());
             assertFalse(Files.exists(Path.of("/tmp/.java_pid" + vm.pid())), "the VM was attached");
 
             Launcher.Result good = Launcher.run("attach", Long.toString(vm.pid()), "refresh=500,poll=20");
@@ -231,5 +211,69 @@ class NoxinspectJcmdTest {
 
     private static int uid() throws IOException {
         return (Integer) Files.getAttribute(Path.of("/proc/self/"), "unix:uid");
+    }
+
+    private static void signal(int pid, String signal) throws IOException, InterruptedException {
+        assertEquals(0, new ProcessBuilder("kill", "-" + signal, Integer.toString(pid)).start().waitFor());
+    }
+
+    /** Stops the VM and waits until every one of its threads has stopped (a stop is not immediate). */
+    private static void stop(int pid) throws IOException, InterruptedException {
+        signal(pid, "STOP");
+        Path tasks = Path.of("/proc", Integer.toString(pid), "task");
+        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(10);
+        while (true) {
+            boolean all = true;
+            try (java.util.stream.Stream<Path> list = Files.list(tasks)) {
+                for (Path task : list.toList()) {
+                    all &= Files.readString(task.resolve("status")).contains("\nState:\tT");
+                }
+            }
+            if (all) {
+                return;
+            }
+            if (System.nanoTime() - deadline > 0) {
+                fail("VM pid " + pid + " did not stop");
+            }
+            Thread.sleep(2);
+        }
+    }
+
+    /** Where the client put the trigger file of {@code pid}: the VM's working folder or /tmp. */
+    private static Path awaitTrigger(int pid) throws InterruptedException {
+        String name = ".attach_pid" + pid;
+        List<Path> places = List.of(Path.of(System.getProperty("user.dir"), name), Path.of("/tmp", name));
+        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(10);
+        while (System.nanoTime() - deadline < 0) {
+            for (Path p : places) {
+                if (Files.exists(p)) {
+                    return p;
+                }
+            }
+            Thread.sleep(5);
+        }
+        return fail("no trigger file " + name + " appeared");
+    }
+
+    @Test
+    void aVmThatEndsDuringTheAttachIsReportedAndItsTriggerRemoved() throws Exception {
+        try (JdkVm vm = new JdkVm()) {
+            stop(vm.pid());  // it takes the signal but cannot start its listener
+            CompletableFuture<CommandReply> attach = CompletableFuture.supplyAsync(() -> {
+                try {
+                    return AttachClient.jcmd(vm.pid(), "VM.version", Duration.ofSeconds(30));
+                } catch (AttachException e) {
+                    throw new java.util.concurrent.CompletionException(e);
+                }
+            });
+            Path trigger = awaitTrigger(vm.pid());
+            signal(vm.pid(), "KILL");
+            // Well before the attach's own 30 s time-out.
+            ExecutionException e = assertThrows(ExecutionException.class, () -> attach.get(10, TimeUnit.SECONDS));
+            AttachException cause = (AttachException) e.getCause();
+            assertEquals(AttachException.Reason.GONE, cause.reason(), cause.getMessage());
+            assertEquals("VM pid " + vm.pid() + " ended during the attach", cause.getMessage());
+            assertFalse(Files.exists(trigger), "the trigger file " + trigger + " was left behind");
+        }
     }
 }

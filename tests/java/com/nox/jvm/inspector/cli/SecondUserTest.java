@@ -9,16 +9,10 @@ import static org.junit.jupiter.api.Assumptions.assumeTrue;
 import com.nox.jvm.inspector.host.Host;
 import com.nox.jvm.inspector.natives.NativeLibrary;
 import com.nox.jvm.inspector.testing.JdkVm;
+import com.nox.jvm.inspector.testing.Vmsim;
 
-import java.io.BufferedReader;
-import java.io.IOException;
-import java.io.InputStreamReader;
-import java.nio.charset.StandardCharsets;
 import java.util.List;
 import java.util.Map;
-import java.util.concurrent.CompletableFuture;
-import java.util.concurrent.TimeUnit;
-import java.util.concurrent.TimeoutException;
 
 import org.junit.jupiter.api.Test;
 
@@ -35,64 +29,15 @@ class SecondUserTest {
         return "root".equals(System.getProperty("user.name"));
     }
 
-    /** vmsim run as nobody; its output lines, READY first. */
-    static final class OtherUsersVmsim implements AutoCloseable {
-        final Process process;
-        final BufferedReader out;
-        final String ready;
-
-        OtherUsersVmsim(String... args) throws IOException {
-            List<String> command = new java.util.ArrayList<>(AS_NOBODY);
-            command.add(System.getProperty("nox.vmsim", "vmsim"));
-            command.addAll(List.of(args));
-            process = new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.INHERIT).start();
-            out = new BufferedReader(new InputStreamReader(process.getInputStream(), StandardCharsets.UTF_8));
-            ready = out.readLine();
-            if (ready == null || !ready.startsWith("READY ")) {
-                close();
-                throw new IOException("vmsim as nobody did not start: " + ready);
-            }
-        }
-
-        /** The next line vmsim prints within {@code millis}; null when none comes. */
-        String nextLine(long millis) throws Exception {
-            CompletableFuture<String> line = CompletableFuture.supplyAsync(() -> {
-                try {
-                    return out.readLine();
-                } catch (IOException e) {
-                    return null;
-                }
-            });
-            try {
-                return line.get(millis, TimeUnit.MILLISECONDS);
-            } catch (TimeoutException e) {
-                return null;
-            }
-        }
-
-        @Override
-        public void close() {
-            process.destroy();
-            try {
-                if (!process.waitFor(10, TimeUnit.SECONDS)) {
-                    process.destroyForcibly();
-                }
-            } catch (InterruptedException e) {
-                process.destroyForcibly();
-                Thread.currentThread().interrupt();
-            }
-        }
-    }
-
     @Test
     void anotherUsersControlAreaNamingRootsVmNeitherHidesItNorTakesItsRequests() throws Exception {
         assumeTrue(isRoot(), "needs root to run a second user (setpriv): skipped");
         try (JdkVm vm = new JdkVm(List.of(), List.of(), "spoofed")) {
             NoxinspectHotSpotTest.awaitListed(vm);
             int pid = vm.pid();
-            try (OtherUsersVmsim spoof = new OtherUsersVmsim("--set", "pid=" + pid, "--set", "vm_version=forged",
+            try (Vmsim spoof = new Vmsim(AS_NOBODY, "--set", "pid=" + pid, "--set", "vm_version=forged",
                     "--set", "jar_main_class=forged.Main", "--set", "committed_java_heap_size=1")) {
-                String spoofPid = spoof.ready.replaceAll(".* id=([0-9]+) .*", "$1");
+                String spoofPid = Integer.toString(spoof.id());
                 Map<String, String> list = Launcher.flatJson(Launcher.run("--json", "list").out());
                 int own = -1;
                 int claim = -1;
@@ -124,10 +69,13 @@ class SecondUserTest {
                 assertNull(ServeTest.value(metrics, "jvm_memory_used_bytes", "cluster_id=\"" + spoofPid + "\""),
                         "no figure of root's VM under the other user's cluster: " + metrics);
 
-                for (String target : List.of(Integer.toString(pid), "process:" + spoofPid + ":0")) {
-                    Launcher.Result exit = Launcher.run("exit", target, "0");
+                // Root's VM by pid is a stock VM (no control area of its own); the other user's slot is not its VM.
+                Map<String, String> refusals = Map.of(Integer.toString(pid), "noxinspect: VM pid " + pid
+                        + " takes no requests", "process:" + spoofPid + ":0", "noxinspect: no live VM ");
+                for (Map.Entry<String, String> refusal : refusals.entrySet()) {
+                    Launcher.Result exit = Launcher.run("exit", refusal.getKey(), "0");
                     assertEquals(CliError.REFUSED, exit.exitCode(), exit.toString());
-                    assertTrue(exit.err().startsWith("noxinspect: no live VM "), exit.toString());
+                    assertTrue(exit.err().startsWith(refusal.getValue()), exit.toString());
                 }
                 assertNull(spoof.nextLine(500), "no request reached the other user's file");
                 assertTrue(ProcessHandle.of(pid).map(ProcessHandle::isAlive).orElse(false), "root's VM runs on");

@@ -3,231 +3,338 @@ package com.nox.jvm.inspector.cli;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
+import static org.junit.jupiter.api.Assumptions.assumeTrue;
 
+import com.nox.jvm.inspector.host.HostSnapshot;
 import com.nox.jvm.inspector.testing.JdkVm;
 import com.nox.jvm.inspector.testing.PlantedFiles;
 import com.nox.jvm.inspector.testing.Vmsim;
 
+import java.io.IOException;
+import java.nio.file.FileSystems;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.nio.file.StandardWatchEventKinds;
+import java.nio.file.WatchEvent;
+import java.nio.file.WatchKey;
+import java.nio.file.WatchService;
+import java.nio.file.Watchable;
+import java.nio.file.attribute.PosixFilePermissions;
+import java.util.ArrayList;
+import java.util.List;
 import java.util.Map;
+import java.util.concurrent.TimeUnit;
 
 import org.junit.jupiter.api.Test;
 
 /**
- * {@code noxinspect watch} as a real process: VMs that run when it starts, VMs of process and
- * instance clusters that appear, end on request, on SIGTERM and killed outright. Instance
- * clusters 56 and 57 are this class's own.
+ * {@code noxinspect watch} as a real process: VMs of process and instance clusters and JDK VMs
+ * known by their performance data that run when it starts, appear, change, end on request, on
+ * SIGTERM and killed outright; a neighbour who plants, touches and deletes names under /tmp (by a
+ * second user when this runs as root); and which performance-data folders it follows. Instance clusters 56 and 57 are this class's own.
  */
 class WatchTest {
+    private static final String USER = System.getProperty("user.name");
+    private static final Path PERF_DATA = Path.of("/tmp", "hsperfdata_" + USER);
+    private static final Path DAEMONS = Path.of("/tmp/hsperfdata_daemon");
+    private static final HostSnapshot EMPTY = HostSnapshot.of(List.of(), Map.of(), List.of());
     /** Generous bounds for a loaded host; the benchmark measures the real latency. */
     private static final double SECONDS = 5;
 
-    /**
-     * The line of {@code event} for {@code pid}, among the lines already read or the next ones
-     * (the order of events of different VMs is not fixed, so no line is thrown away).
-     */
-    private static LongRunning.Line await(LongRunning watch, String event, long pid) throws InterruptedException {
-        return await(watch, event, event, pid);
+    private static boolean tells(LongRunning.Line line, String event, String orEvent, long pid) {
+        String text = line.text();
+        return (text.contains("\"event\":\"" + event + "\",") || text.contains("\"event\":\"" + orEvent + "\","))
+                && text.contains("\"pid\":" + pid + ",");
     }
 
-    /** As await, for either of two events. */
-    private static LongRunning.Line await(LongRunning watch, String event, String orEvent, long pid)
-            throws InterruptedException {
-        String wanted = "\"event\":\"" + event + "\",";
-        String orWanted = "\"event\":\"" + orEvent + "\",";
-        String wantedPid = "\"pid\":" + pid + ",";
+    /**
+     * The fields of the line of {@code event} (or {@code orEvent}) for {@code pid}, among the lines
+     * already read or the next ones (the order of events of different VMs is not fixed).
+     */
+    private static Map<String, String> await(LongRunning watch, String event, String orEvent, long pid)
+            throws Exception {
         for (LongRunning.Line line : watch.seen()) {
-            if ((line.text().contains(wanted) || line.text().contains(orWanted)) && line.text().contains(wantedPid)) {
-                return line;
+            if (tells(line, event, orEvent, pid)) {
+                return Launcher.flatJson(line.text());
             }
         }
         long deadline = System.nanoTime() + (long) (SECONDS * 1e9);
-        while (true) {
-            double left = (deadline - System.nanoTime()) / 1e9;
-            if (left <= 0) {
-                throw new AssertionError("watch reported no '" + event + "' of pid " + pid + " within " + SECONDS
-                        + " s; it printed: " + watch.seen());
-            }
+        for (double left = SECONDS; left > 0; left = (deadline - System.nanoTime()) / 1e9) {
             LongRunning.Line line = watch.poll(left);
-            if (line != null && (line.text().contains(wanted) || line.text().contains(orWanted))
-                    && line.text().contains(wantedPid)) {
-                return line;
+            if (line != null && tells(line, event, orEvent, pid)) {
+                return Launcher.flatJson(line.text());
             }
         }
+        throw new AssertionError("watch reported no '" + event + "' of pid " + pid + " within " + SECONDS
+                + " s; it printed: " + watch.seen());
     }
 
-    /**
-     * Waits until watch runs: a VM started now is reported, as present when watch's first pass
-     * sees it, else as appeared.
-     */
-    private static void awaitStarted(LongRunning watch) throws Exception {
-        try (Vmsim marker = new Vmsim("--type", "process")) {
-            await(watch, "present", "appeared", marker.pid());
-        }
+    private static Map<String, String> await(LongRunning watch, String event, long pid) throws Exception {
+        return await(watch, event, event, pid);
+    }
+
+    /** How many lines read so far tell {@code event} of {@code pid}. */
+    private static long told(LongRunning watch, String event, long pid) {
+        return watch.seen().stream().filter(l -> tells(l, event, event, pid)).count();
+    }
+
+    private static void assertCluster(String cluster, Map<String, String> fields) {
+        assertEquals("\"" + cluster + "\"", fields.get("cluster"), fields.toString());
     }
 
     @Test
-    void processVmsAppearAndVanish() throws Exception {
-        try (Vmsim before = new Vmsim("--type", "process");
-             LongRunning watch = new LongRunning("--json", "watch")) {
-            LongRunning.Line present = await(watch, "present", before.pid());
-            Map<String, String> fields = Launcher.flatJson(present.text());
-            assertEquals("\"process:" + before.pid() + "\"", fields.get("cluster"));
-            assertEquals("0", fields.get("slot"));
-            assertTrue(fields.containsKey("time") && fields.containsKey("vmId"), fields.toString());
-
-            Vmsim after = new Vmsim("--type", "process");
-            try {
-                await(watch, "appeared", after.pid());
-            } finally {
-                after.close();
-            }
-            await(watch, "vanished", after.pid());
-            before.close();
-            await(watch, "vanished", before.pid());
-        }
-    }
-
-    /**
-     * JDK VMs known by their performance data: one running before watch is present, one started
-     * later appears once live and vanishes when it ends, one killed outright (its file stays)
-     * vanishes too; all with the cluster "hotspot" and no cluster id, slot or VM id.
-     */
-    @Test
-    void hotSpotVmsAppearAndVanish() throws Exception {
-        String user = System.getProperty("user.name");
-        JdkVm killed = null;
-        try (JdkVm before = new JdkVm();
-             LongRunning watch = new LongRunning("--json", "watch")) {
-            assertTrue(before.awaitPerfDataFile(user), "the first JDK VM published no performance data");
-            Map<String, String> present = Launcher.flatJson(await(watch, "present", "appeared", before.pid()).text());
-            assertEquals("\"hotspot\"", present.get("cluster"), present.toString());
-            assertEquals("\"hotspot\"", present.get("clusterType"), present.toString());
-            assertEquals("null", present.get("slot"), present.toString());
-            assertEquals("null", present.get("vmId"), present.toString());
-
-            JdkVm after = new JdkVm();
-            try {
-                Map<String, String> appeared = Launcher.flatJson(await(watch, "appeared", after.pid()).text());
-                assertEquals("\"hotspot\"", appeared.get("cluster"), appeared.toString());
-            } finally {
-                after.close();
-            }
-            await(watch, "vanished", after.pid());
-
-            killed = new JdkVm();
-            await(watch, "appeared", killed.pid());
-            ProcessHandle.of(killed.pid()).ifPresent(ProcessHandle::destroyForcibly);
-            await(watch, "vanished", killed.pid());
-            for (LongRunning.Line line : watch.seen()) {
-                assertFalse(line.text().contains("\"pid\":" + after.pid() + ",") && line.text().contains("\"cluster\":\"process"),
-                        "a JDK VM without a control area is told only as hotspot: " + line.text());
-            }
-            long told = watch.seen().stream().filter(l -> l.text().contains("\"pid\":" + before.pid() + ",")).count();
-            assertEquals(1, told, "the running JDK VM is told once: " + watch.seen());
-        } finally {
-            if (killed != null) {
-                killed.close();
-                // A VM killed outright leaves its performance-data file behind.
-                Files.deleteIfExists(killed.perfDataFile(user));
-            }
-        }
-    }
-
-    /**
-     * A VM that publishes both a control area and performance data is told once, under the
-     * model's merged identity (its control area, with both sources), whether it runs when watch
-     * starts or its performance data shows after its control area (then it is told as changed).
-     * As in OneVmEverywhereTest, a simulated VM publishes the control area and a copy of a real
-     * JDK VM's file, planted under its pid, plays its performance data.
-     */
-    @Test
-    void aVmWithBothSourcesIsToldOnceUnderItsMergedIdentity() throws Exception {
-        String user = System.getProperty("user.name");
-        try (Vmsim sim = new Vmsim("--type", "process");
+    void vmsAreToldOnceUnderTheirMergedIdentityAsTheyComeChangeAndGo() throws Exception {
+        // Before watch starts: a process VM, an instance cluster with a dead slot, a simulated VM
+        // with a copy of a JDK VM's performance data under its pid (started before that VM, so
+        // the two sources are one VM), and the JDK VM itself.
+        try (Vmsim process = new Vmsim("--type", "process");
+             Vmsim instance = new Vmsim("--type", "instance", "--id", "57", "--slots", "3", "--dead", "1");
+             Vmsim both = new Vmsim("--type", "process");
              JdkVm jdk = new JdkVm();
              PlantedFiles planted = new PlantedFiles()) {
             NoxinspectHotSpotTest.awaitListed(jdk);
-            byte[] perfData = Files.readAllBytes(jdk.perfDataFile(user));
-            planted.file(Path.of("/tmp", "hsperfdata_" + user, Long.toString(sim.pid())), perfData);
+            planted.file(PERF_DATA.resolve(Long.toString(both.pid())), Files.readAllBytes(jdk.perfDataFile(USER)));
             try (LongRunning watch = new LongRunning("--json", "watch")) {
-                Map<String, String> present = Launcher.flatJson(await(watch, "present", sim.pid()).text());
-                assertEquals("\"process:" + sim.pid() + "\"", present.get("cluster"), present.toString());
-                assertEquals("\"hotspot\"", present.get("sources.1"), present.toString());
+                Map<String, String> present = await(watch, "present", process.pid());
+                assertCluster("process:" + process.pid(), present);
+                assertEquals("0", present.get("slot"));
+                assertTrue(present.containsKey("time") && present.containsKey("vmId"), present.toString());
+                int[] slots = instance.slotPids();
+                await(watch, "present", slots[0]);
+                await(watch, "present", slots[2]);
+                Map<String, String> hotspot = await(watch, "present", jdk.pid());
+                for (String key : List.of("cluster", "clusterType")) {
+                    assertEquals("\"hotspot\"", hotspot.get(key), hotspot.toString());
+                }
+                assertEquals("null", hotspot.get("slot"), hotspot.toString());
+                assertEquals("null", hotspot.get("vmId"), hotspot.toString());
+                Map<String, String> merged = await(watch, "present", both.pid());
+                assertCluster("process:" + both.pid(), merged);
+                assertEquals("\"hotspot\"", merged.get("sources.1"), merged.toString());
+                if (SecondUserTest.isRoot()) {
+                    forgeDeletions(watch, process.pid(), jdk.pid());  // told of below: no VM ends by them
+                }
+
+                // A VM that gains performance data after its control area is the same VM, changed.
                 try (Vmsim later = new Vmsim("--type", "process")) {
                     await(watch, "appeared", later.pid());
-                    planted.file(Path.of("/tmp", "hsperfdata_" + user, Long.toString(later.pid())), perfData);
-                    Map<String, String> changed = Launcher.flatJson(await(watch, "changed", later.pid()).text());
-                    assertEquals("\"process:" + later.pid() + "\"", changed.get("cluster"), changed.toString());
-                    assertEquals("\"hotspot\"", changed.get("sources.1"), changed.toString());
+                    try (JdkVm after = new JdkVm()) {
+                        assertCluster("hotspot", await(watch, "appeared", after.pid()));
+                        NoxinspectHotSpotTest.awaitListed(after);
+                        planted.file(PERF_DATA.resolve(Long.toString(later.pid())),
+                                Files.readAllBytes(after.perfDataFile(USER)));
+                        Map<String, String> changed = await(watch, "changed", later.pid());
+                        assertCluster("process:" + later.pid(), changed);
+                        assertEquals("\"hotspot\"", changed.get("sources.1"), changed.toString());
+                        after.close();
+                        await(watch, "vanished", after.pid());
+                    }
                     later.close();
                     await(watch, "vanished", later.pid());
-                    for (long pid : new long[] {sim.pid(), later.pid()}) {
-                        for (LongRunning.Line line : watch.seen()) {
-                            assertFalse(line.text().contains("\"pid\":" + pid + ",")
-                                    && line.text().contains("\"cluster\":\"hotspot\""),
-                                    "a VM with a control area is told under it only: " + line.text());
-                        }
-                    }
-                    assertEquals(1, watch.seen().stream().filter(l -> l.text().contains("\"pid\":" + sim.pid() + ","))
-                            .count(), "told once: " + watch.seen());
+                    assertEquals(0, watch.seen().stream().filter(l -> l.text().contains("\"cluster\":\"hotspot\"")
+                            && (tells(l, "present", "changed", both.pid()) || tells(l, "appeared", "changed", later.pid())))
+                            .count(), "a VM with a control area is told under it only: " + watch.seen());
+                }
+
+                // Instance VMs appear and end one by one, the first on request.
+                try (Vmsim more = new Vmsim("--type", "instance", "--id", "56", "--slots", "2")) {
+                    int[] pids = more.slotPids();
+                    await(watch, "appeared", pids[0]);
+                    await(watch, "appeared", pids[1]);
+                    Launcher.Result exit = Launcher.run("exit", "instance:56:0", "3");
+                    assertEquals(0, exit.exitCode(), exit.toString());
+                    await(watch, "vanished", pids[0]);
+                    more.close();
+                    await(watch, "vanished", pids[1]);
+                }
+
+                // VMs killed outright vanish, though their files stay until the next scan.
+                Vmsim victim = new Vmsim("--type", "process");
+                Path file = Path.of(victim.field("file"));
+                try {
+                    await(watch, "appeared", victim.pid());
+                    assertTrue(ProcessHandle.of(victim.pid()).map(ProcessHandle::destroyForcibly).orElse(false));
+                    await(watch, "vanished", victim.pid());
+                } finally {
+                    victim.close();
+                    victim.removeEventSets();  // killed outright, vmsim could not remove them
+                    Launcher.run("list");
+                }
+                assertFalse(Files.exists(file), "the stale file of the killed VM is removed by the next list");
+                JdkVm killed = new JdkVm();
+                try {
+                    await(watch, "appeared", killed.pid());
+                    ProcessHandle.of(killed.pid()).ifPresent(ProcessHandle::destroyForcibly);
+                    await(watch, "vanished", killed.pid());
+                } finally {
+                    killed.close();
+                    Files.deleteIfExists(killed.perfDataFile(USER));
+                }
+
+                instance.close();
+                await(watch, "vanished", slots[0]);
+                await(watch, "vanished", slots[2]);
+                assertEquals(0, told(watch, "vanished", process.pid()), "a forged deletion ended a VM: " + watch.seen());
+                process.close();
+                await(watch, "vanished", process.pid());
+                for (long pid : new long[] {jdk.pid(), both.pid()}) {
+                    assertEquals(1, watch.seen().stream().filter(l -> l.text().contains("\"pid\":" + pid + ","))
+                            .count(), "a running VM is told once: " + watch.seen());
                 }
             }
         }
     }
 
+    /** Runs a shell script as nobody when root (a second user), else as this user; returns it started. */
+    private static Process script(String script) throws IOException {
+        List<String> command = new ArrayList<>(SecondUserTest.isRoot() ? SecondUserTest.AS_NOBODY : List.of());
+        command.addAll(List.of("sh", "-c", script));
+        return new ProcessBuilder(command).redirectErrorStream(true).start();
+    }
+
+    private static String uid() throws IOException {
+        return SecondUserTest.isRoot() ? "65534" : Files.getAttribute(Path.of("/proc/self"), "unix:uid").toString();
+    }
+
+    /**
+     * Another user creates and deletes a control-area name of its own under the pid of our
+     * simulated VM, and a performance-data file under the pid of our JDK VM in its own folder, while
+     * watch reads on for a second.
+     */
+    private static void forgeDeletions(LongRunning watch, long sim, long jdk) throws Exception {
+        Path folder = Path.of("/tmp/hsperfdata_nobody");
+        boolean made = !Files.exists(folder);
+        try {
+            Process forger = script("mkdir -p -m 700 " + folder + "; for i in 1 2 3; do : > /tmp/nox_jvm_65534_" + sim
+                    + "; : > " + folder + "/" + jdk + "; sleep 0.1; rm -f /tmp/nox_jvm_65534_" + sim + " " + folder
+                    + "/" + jdk + "; sleep 0.1; done");
+            assertTrue(forger.waitFor(20, TimeUnit.SECONDS) && forger.exitValue() == 0,
+                    new String(forger.getInputStream().readAllBytes()));
+            for (long end = System.nanoTime() + 1_000_000_000L; System.nanoTime() < end; ) {
+                watch.poll(0.05);
+            }
+        } finally {
+            if (made) {
+                Files.deleteIfExists(folder);
+            }
+        }
+    }
+
+    /**
+     * 2,000 empty control-area names, 400 of them touched every 2 s (by a second user when this
+     * runs as root): VMs started meanwhile are still reported (how soon is the benchmark's to say).
+     */
     @Test
-    void instanceVmsAppearAndVanishOneByOne() throws Exception {
+    void aStormOfNamesDoesNotKeepNewVmsFromBeingReported() throws Exception {
+        int base = Integer.parseInt(Files.readString(Path.of("/proc/sys/kernel/pid_max")).trim()) + 1000;
+        String names = "/tmp/nox_jvm_" + uid() + "_";
+        String touched = "$(i=0; while [ $i -lt 400 ]; do echo " + names + "$((" + base + " + i * 5)); i=$((i+1)); done)";
+        Process storm = script("i=0; while [ $i -lt 2000 ]; do : > " + names + "$((" + base + " + i)); i=$((i+1)); done; "
+                + "echo READY; t=\"" + touched + "\"; while :; do touch $t; sleep 2; done");
         try (LongRunning watch = new LongRunning("--json", "watch")) {
-            awaitStarted(watch);
-            try (Vmsim instance = new Vmsim("--type", "instance", "--id", "56", "--slots", "2")) {
-                int[] pids = instance.slotPids();
-                await(watch, "appeared", pids[0]);
-                await(watch, "appeared", pids[1]);
-                Launcher.Result exit = Launcher.run("exit", "instance:56:0", "3");
-                assertEquals(0, exit.exitCode(), exit.toString());
-                await(watch, "vanished", pids[0]);
-                instance.close();
-                await(watch, "vanished", pids[1]);
+            assertTrue(new String(storm.getInputStream().readNBytes(6)).startsWith("READY"), "the storm did not start");
+            try (Vmsim marker = new Vmsim("--type", "process")) {
+                watch.nextContaining("\"pid\":" + marker.pid() + ",", 20);
             }
+            Thread.sleep(2500);  // at least one round of touches
+            for (int round = 0; round < 3; round++) {
+                try (Vmsim vm = new Vmsim("--type", "process")) {
+                    await(watch, "appeared", vm.pid());
+                }
+                Thread.sleep(700);
+            }
+        } finally {
+            storm.destroyForcibly();
+            storm.waitFor(10, TimeUnit.SECONDS);
+            for (int i = 0; i < 2000; i++) {
+                Files.deleteIfExists(Path.of(names + (base + i)));
+            }
+        }
+    }
+    /** A key that gives one overflow event, as the JDK does when the kernel's event queue overflowed. */
+    private static final class Overflowed implements WatchKey {
+        @Override
+        public boolean isValid() {
+            return true;
+        }
+
+        @Override
+        public List<WatchEvent<?>> pollEvents() {
+            return List.of(new WatchEvent<Object>() {
+                @Override
+                public WatchEvent.Kind<Object> kind() {
+                    return StandardWatchEventKinds.OVERFLOW;
+                }
+
+                @Override
+                public int count() {
+                    return 1;
+                }
+
+                @Override
+                public Object context() {
+                    return null;
+                }
+            });
+        }
+
+        @Override
+        public boolean reset() {
+            return true;
+        }
+
+        @Override
+        public void cancel() {
+        }
+
+        @Override
+        public Watchable watchable() {
+            return WatchedFiles.TMP;
         }
     }
 
     @Test
-    void aKilledVmVanishesThoughItsFileStays() throws Exception {
-        try (LongRunning watch = new LongRunning("watch")) {
-            Vmsim victim = new Vmsim("--type", "process");
-            long pid = victim.pid();
-            Path file = Path.of(victim.field("file"));
-            try {
-                // Present when watch's first pass already saw it, else appeared.
-                LongRunning.Line found = watch.nextContaining("process:" + pid + ":0", SECONDS);
-                assertTrue(found.text().contains("appeared") || found.text().contains("present"), found.text());
-                assertTrue(ProcessHandle.of(pid).map(ProcessHandle::destroyForcibly).orElse(false));
-                LongRunning.Line vanished = watch.nextContaining("process:" + pid + ":0", SECONDS);
-                assertTrue(vanished.text().contains("vanished"), vanished.text());
-            } finally {
-                victim.close();
-                victim.removeEventSets();  // killed outright, vmsim could not remove them
-                // A VM killed outright leaves its file; the next scan of the files removes it.
-                Launcher.run("list");
-            }
-            assertFalse(Files.exists(file), "the stale file of the killed VM is removed by the next list");
+    void aFolderIsFollowedOnlyAsTheReaderTakesItAndAfterLostEventsToo() throws Exception {
+        assumeTrue(SecondUserTest.isRoot(), "needs root to make another user's folder and process: skipped");
+        assumeTrue(!Files.exists(DAEMONS), DAEMONS + " exists: skipped");
+        Process daemon = new ProcessBuilder("setpriv", "--reuid=1", "--regid=1", "--clear-groups", "sleep", "60").start();
+        // Until it runs sleep, the process may still be root's.
+        Path comm = Path.of("/proc/" + daemon.pid() + "/comm");
+        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(10);
+        while (!Files.readString(comm).strip().equals("sleep") && System.nanoTime() < deadline) {
+            Thread.sleep(5);
         }
-    }
-
-    @Test
-    void anInstanceClusterThatStartsWithWatchIsPresent() throws Exception {
-        try (Vmsim instance = new Vmsim("--type", "instance", "--id", "57", "--slots", "3", "--dead", "1");
-             LongRunning watch = new LongRunning("--json", "watch")) {
-            int[] pids = instance.slotPids();
-            await(watch, "present", pids[0]);
-            await(watch, "present", pids[2]);
-            awaitStarted(watch);
-            instance.close();
-            await(watch, "vanished", pids[0]);
-            await(watch, "vanished", pids[2]);
+        Path file = DAEMONS.resolve(Long.toString(daemon.pid()));
+        record Case(String what, String mode, int folderOwner, boolean followed) {
+        }
+        List<Case> cases = List.of(new Case("another owner than the user named", "rwx------", 0, false),
+                new Case("writable by others", "rwxrwxrwx", 1, false),
+                new Case("the user's own folder, made while events were lost", "rwx------", 1, true));
+        try (WatchService service = FileSystems.getDefault().newWatchService()) {
+            for (Case c : cases) {
+                WatchedFiles files = new WatchedFiles(service);
+                Files.createDirectory(DAEMONS, PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString(c.mode)));
+                Files.setPosixFilePermissions(DAEMONS, PosixFilePermissions.fromString(c.mode));
+                Files.write(file, new byte[64]);
+                Files.setAttribute(file, "unix:uid", 1);
+                Files.setAttribute(DAEMONS, "unix:uid", c.folderOwner);
+                // No event of the folder's making reaches the files: an overflow stands for it.
+                files.take(new Overflowed(), EMPTY, System.nanoTime());
+                assertTrue(files.resyncWanted(), c.what);
+                files.resync(EMPTY, System.nanoTime());
+                assertFalse(files.resyncWanted(), c.what);
+                assertEquals(c.followed, files.perfDataPending((int) daemon.pid()), c.what);
+                List<Integer> wanted = files.perfDataWanted(EMPTY, System.nanoTime());
+                assertEquals(c.followed, wanted.contains((int) daemon.pid()), c.what + ": " + wanted);
+                assertEquals(wanted.size(), wanted.stream().distinct().count(), "each pid once: " + wanted);
+                Files.delete(file);
+                Files.delete(DAEMONS);
+            }
+        } finally {
+            Files.deleteIfExists(file);
+            Files.deleteIfExists(DAEMONS);
+            daemon.destroyForcibly();
+            daemon.waitFor(10, TimeUnit.SECONDS);
         }
     }
 }

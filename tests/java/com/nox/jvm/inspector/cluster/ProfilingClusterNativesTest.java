@@ -5,7 +5,6 @@ import static org.junit.jupiter.api.Assertions.assertArrayEquals;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertNotNull;
-import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.nox.jvm.inspector.cluster.natives.ProfilingClusterNatives;
@@ -47,29 +46,6 @@ class ProfilingClusterNativesTest {
         byte[] bytes() {
             return Arrays.copyOf(buffer.array(), buffer.position());
         }
-    }
-
-    @Test
-    void detailedRecordOfFourSlotsWithOnlySlotTwoLive() throws Exception {
-        try (Vmsim vm = new Vmsim("--type", "instance", "--id", "80", "--slots", "4", "--live", "2",
-                "--set", "2:vm_id=4242")) {
-            int pid = vm.slotPids()[2];
-            byte[] record = ProfilingClusterNatives.getClusterDetailedInfo0(80);
-            assertArrayEquals(new Expected().ints(4, 2, pid, 4242, -1).bytes(), record);
-            assertEquals(20, record.length);
-            assertEquals(4, ProfilingClusterNatives.getMaxVms0(80));
-            assertEquals(new ClusterDetails(4, List.of(new ClusterDetails.LiveVm(2, pid, 4242))),
-                    ClusterDetails.decode(record));
-            // Empty slots and indexes outside the cluster are refused.
-            for (int slot : new int[] {-1, 0, 1, 3, 4}) {
-                assertFalse(ProfilingClusterNatives.isValidVm0(INSTANCE, 80, slot), "slot " + slot);
-                assertNull(ProfilingClusterNatives.getVmStateInfo0(INSTANCE, 80, slot), "slot " + slot);
-            }
-            assertTrue(ProfilingClusterNatives.isValidVm0(INSTANCE, 80, 2));
-            assertEquals(4242, ProfilingClusterNatives.getUniqueId0(INSTANCE, 80, 2));
-        }
-        assertNull(ProfilingClusterNatives.getClusterDetailedInfo0(80));
-        assertEquals(-1, ProfilingClusterNatives.getMaxVms0(80));
     }
 
     @ParameterizedTest
@@ -182,37 +158,6 @@ class ProfilingClusterNativesTest {
 
             assertTrue(ProfilingClusterNatives.exit0(PROCESS, pid, 0, 7));
             assertEquals(7, vm.waitExit());
-        }
-    }
-
-    @Test
-    void aVmWithoutClientSendsTheEmptyString() throws Exception {
-        try (Vmsim vm = new Vmsim("--set", "debugging_client=")) {
-            VmDebugInfo info = VmDebugInfo.decode(ProfilingClusterNatives.getVmDebugInfo0(PROCESS, vm.id(), 0));
-            assertEquals("", info.debuggingClient());
-        }
-    }
-
-    @Test
-    void aSlotWhoseProcessDiedIsRefusedByEveryPerVmNative() throws Exception {
-        try (Vmsim vm = new Vmsim("--type", "instance", "--id", "81", "--slots", "2", "--dead", "1")) {
-            assertTrue(ProfilingClusterNatives.isValidVm0(INSTANCE, 81, 0));
-            for (int slot : new int[] {1, 2}) {
-                assertFalse(ProfilingClusterNatives.isValidVm0(INSTANCE, 81, slot));
-                assertEquals(-1, ProfilingClusterNatives.getUniqueId0(INSTANCE, 81, slot));
-                assertNull(ProfilingClusterNatives.getVmDebugInfo0(INSTANCE, 81, slot));
-                assertNull(ProfilingClusterNatives.getVmStateInfo0(INSTANCE, 81, slot));
-                assertNull(ProfilingClusterNatives.getVmStartInfo0(INSTANCE, 81, slot));
-                assertNull(ProfilingClusterNatives.getVmTimeInfo0(INSTANCE, 81, slot));
-                assertNull(ProfilingClusterNatives.getVmMemoryInfo0(INSTANCE, 81, slot));
-                assertFalse(ProfilingClusterNatives.startDebug0(INSTANCE, 81, slot, 0));
-                assertFalse(ProfilingClusterNatives.stopDebug0(INSTANCE, 81, slot));
-                assertFalse(ProfilingClusterNatives.exit0(INSTANCE, 81, slot, 3));
-            }
-            // The instance VM in slot 0 leaves on request with its code.
-            int pid = vm.slotPids()[0];
-            assertTrue(ProfilingClusterNatives.exit0(INSTANCE, 81, 0, 9));
-            assertEquals("EXITED slot=0 pid=" + pid + " code=9", vm.waitFor("EXITED"));
         }
     }
 

@@ -15,13 +15,15 @@ import java.util.List;
 import java.util.concurrent.ConcurrentLinkedQueue;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.TimeUnit;
+
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
 
 /**
  * A close from other threads while threads are blocked in the same socket: every blocked call
  * comes back with a SocketException (a read too, not as the end of the stream), the native socket
- * is freed only after the last caller has left it, and no descriptor is left behind.
+ * is freed only after the last caller has left it, and no descriptor is left behind. Sockets
+ * dropped without close release their descriptors (and a server its socket file), once.
  */
 class FileSocketCloseTest {
     /** Only a hang detector: a released thread returns in microseconds. */
@@ -134,5 +136,57 @@ class FileSocketCloseTest {
             }
             assertEquals(before, SocketPaths.openDescriptors(), "descriptors left open");
         }
+    }
+
+
+    @Test
+    void droppedSocketsConnectionsAndServersReleaseEverything() throws Exception {
+        new FileSocket().close(); // the classes and the Cleaner's thread, before the count is taken
+        int before = SocketPaths.openDescriptors();
+        for (int i = 0; i < 4000; i++) new FileSocket(); // an unconnected socket owns a descriptor
+        assertDescriptorsReturnTo(before, "after 4000 dropped sockets");
+        List<String> serverPaths = new ArrayList<>();
+        for (int i = 0; i < 200; i++) {
+            serverPaths.add(paths.next("dropped"));
+            FileServerSocket server = new FileServerSocket(new FileSocketAddress(serverPaths.get(i)), 0, false);
+            FileSocket client = new FileSocket(server.getAddress(), 0);
+            server.accept().getOutputStream().write(1);
+            assertEquals(1, client.getInputStream().read());
+        }
+        assertDescriptorsReturnTo(before, "after 200 dropped servers with a connection each");
+        for (String path : serverPaths) assertFalse(Files.exists(Path.of(path)), "a dropped server's socket file stays: " + path);
+    }
+
+    @Test
+    void closedSocketsAreNotReleasedTwice() throws Exception {
+        int before = SocketPaths.openDescriptors();
+        for (int i = 0; i < 1000; i++) {
+            FileSocketImpl impl = new FileSocketImpl();
+            if (i % 2 == 0) {
+                impl.close();
+            } else {
+                impl.close0();
+                impl.destroy0(); // the natives alone, as a caller of the raw operations does
+            }
+        }
+        // The Cleaner runs for every one of them; a second release of a native socket would
+        // free its memory twice and close a number that another socket may hold by then.
+        try (FileSocket keeper = new FileSocket()) {
+            assertDescriptorsReturnTo(before + 1, "after 1000 closed sockets were collected");
+            assertFalse(keeper.isClosed());
+            assertEquals(0, keeper.impl().available0(), "a live socket's descriptor was closed by a stray release");
+        }
+    }
+
+    /** Collects garbage until the count is back, at most 10 seconds. */
+    private static void assertDescriptorsReturnTo(int expected, String when) throws Exception {
+        long deadline = System.nanoTime() + 10_000_000_000L;
+        int now = SocketPaths.openDescriptors();
+        while (now > expected && System.nanoTime() < deadline) {
+            System.gc();
+            Thread.sleep(20);
+            now = SocketPaths.openDescriptors();
+        }
+        assertTrue(now <= expected, "descriptors did not return to " + expected + " " + when + ": " + now + " open");
     }
 }

@@ -5,20 +5,29 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
+import static org.junit.jupiter.api.Assertions.fail;
 
 import java.io.IOException;
 import java.io.InputStream;
+import java.io.OutputStream;
 import java.net.SocketException;
 import java.net.SocketTimeoutException;
 import java.nio.ByteBuffer;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.List;
 import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.TimeUnit;
+
 import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.function.Executable;
 
-/** The socket classes users see: streams, time-outs, failures, and what happens after close. */
+/**
+ * The socket classes users see: streams, time-outs, failures, and what happens after close; and
+ * ours against a Unix-domain socket that nobody here wrote (socat as server and as client, which
+ * relays between its standard streams and the socket).
+ */
 class FileSocketStreamsTest {
     private final SocketPaths paths = new SocketPaths();
 
@@ -140,29 +149,6 @@ class FileSocketStreamsTest {
         }
     }
 
-    @Test
-    void connectRefusesAPathLongerThanTheSocketAddressHolds() throws Exception {
-        String prefix = "/tmp/noxfs_" + ProcessHandle.current().pid() + "_long_";
-        String longest = prefix + "x".repeat(107 - prefix.length());
-        String longer = longest + "_another_server";
-        try (FileServerSocket server = new FileServerSocket(new FileSocketAddress(longest), 0, false)) {
-            for (int timeout : new int[] {0, 1000}) {
-                FileSocketException e = assertThrows(FileSocketException.class,
-                        () -> new FileSocket(new FileSocketAddress(longer), timeout), "timeout " + timeout);
-                assertEquals("File name too long", e.getMessage());
-            }
-            // The first connection the server accepts is the one that names it exactly.
-            try (FileSocket exact = new FileSocket(new FileSocketAddress(longest), 1000);
-                    FileSocket accepted = server.accept()) {
-                exact.getOutputStream().write(42);
-                accepted.setSoTimeout(2000);
-                assertEquals(42, accepted.getInputStream().read(), "the server accepted a connection made to another path");
-            }
-        } finally {
-            Files.deleteIfExists(Path.of(longest));
-        }
-    }
-
     /** The raw transfers refuse a range outside their array or buffer before they touch it. */
     @Test
     void rawTransfersCheckTheirRanges() throws Exception {
@@ -188,5 +174,85 @@ class FileSocketStreamsTest {
             assertThrows(IllegalArgumentException.class, () -> s.writeDirect0(ByteBuffer.allocate(8), 0, 8, 0));
             assertEquals(8192, s.available0(), "no refused call took a byte");
         }
+    }
+
+    @Test
+    void socatAsServerAndAsClient() throws Exception {
+        for (boolean peerServes : new boolean[] {true, false}) {
+            String path = paths.next("socat");
+            List<String> command = List.of("socat", "-t", "30", peerServes ? "UNIX-LISTEN:" + path : "STDIO",
+                    peerServes ? "STDIO" : "UNIX-CONNECT:" + path);
+            long seed = peerServes ? 13 : 14;
+            if (peerServes) {
+                Process process = start(command);
+                try {
+                    exchange(connectWhenListening(path, process), process, seed);
+                } finally {
+                    process.destroyForcibly();
+                }
+                continue;
+            }
+            try (FileServerSocket server = new FileServerSocket(new FileSocketAddress(path), 0, true)) {
+                Process process = start(command);
+                try {
+                    exchange(server.accept(), process, seed);
+                } finally {
+                    process.destroyForcibly();
+                }
+            }
+        }
+    }
+
+    private static Process start(List<String> command) throws IOException {
+        return new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.INHERIT).start();
+    }
+
+    /** The peer binds before it listens: retry a refused connect while the peer runs. */
+    private static FileSocket connectWhenListening(String path, Process peer) throws Exception {
+        for (int attempt = 0; attempt < 1000; attempt++) {
+            if (!peer.isAlive()) fail("the peer ended with " + peer.exitValue());
+            if (Files.exists(Path.of(path))) {
+                try {
+                    return new FileSocket(new FileSocketAddress(path), 1000);
+                } catch (FileSocketException notYet) {
+                    // bound but not listening yet
+                }
+            }
+            Thread.sleep(10);
+        }
+        fail("the peer never listened on " + path);
+        return null;
+    }
+
+    /**
+     * Feeds fromPeer into the peer's standard input while ours sends toPeer; both sides must
+     * receive the other's mebibyte byte for byte.
+     */
+    private static void exchange(FileSocket ours, Process peer, long seed) throws Exception {
+        byte[] fromPeer = SocketPaths.randomBytes(SocketPaths.MIB, seed);
+        byte[] toPeer = SocketPaths.randomBytes(SocketPaths.MIB, seed + 100);
+        CompletableFuture<byte[]> peerOutput = CompletableFuture.supplyAsync(() -> {
+            try {
+                return peer.getInputStream().readAllBytes();
+            } catch (IOException e) {
+                throw new RuntimeException(e);
+            }
+        });
+        CompletableFuture<Void> feed = CompletableFuture.runAsync(() -> {
+            try (OutputStream stdin = peer.getOutputStream()) {
+                stdin.write(fromPeer);
+            } catch (IOException e) {
+                throw new RuntimeException(e);
+            }
+        });
+        try (FileSocket socket = ours) {
+            CompletableFuture<Void> sent = SocketPaths.writeAsync(socket.getOutputStream(), toPeer);
+            assertArrayEquals(fromPeer, SocketPaths.readExactly(socket.getInputStream(), SocketPaths.MIB));
+            sent.get(60, TimeUnit.SECONDS);
+        }
+        feed.get(60, TimeUnit.SECONDS);
+        assertArrayEquals(toPeer, peerOutput.get(60, TimeUnit.SECONDS));
+        if (!peer.waitFor(60, TimeUnit.SECONDS)) fail("the peer did not end");
+        assertEquals(0, peer.exitValue());
     }
 }

@@ -56,10 +56,13 @@ class HotSpotContainersTest {
 
         ContainedVm(List<String> vmOptions, String argument) throws Exception {
             List<String> command = new ArrayList<>(UNSHARE);
-            command.addAll(List.of("bash", "-c", "mount -t tmpfs tmpfs /tmp || exit 1; sleep 600 & exec \"$0\" \"$@\"",
+            // The test classes may lie under /tmp, which the VM's own tmpfs hides: they are
+            // bound to /mnt of the VM's mount namespace first.
+            command.addAll(List.of("bash", "-c", "mount --bind \"$0\" /mnt && mount -t tmpfs tmpfs /tmp || exit 1; "
+                    + "sleep 600 & exec \"$1\" \"${@:2}\"", JdkVm.testClasses(),
                     Path.of(System.getProperty("java.home"), "bin", "java").toString()));
             command.addAll(vmOptions);
-            command.addAll(List.of("-cp", JdkVm.testClasses(), JdkVm.MAIN_CLASS, argument));
+            command.addAll(List.of("-cp", "/mnt", JdkVm.MAIN_CLASS, argument));
             unshare = new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.INHERIT).start();
             try {
                 String line = new BufferedReader(new InputStreamReader(unshare.getInputStream(),
@@ -119,7 +122,7 @@ class HotSpotContainersTest {
     }
 
     @Test
-    void aVmInItsOwnNamespacesIsListedUnderTheHostsPidWithJcmdsCounters() throws Exception {
+    void aVmInItsOwnNamespacesIsListedUnderTheHostsPidAndItsFilesReadByOurRules() throws Exception {
         try (ContainedVm vm = new ContainedVm(List.of("-XX:+UseSerialGC", "-Xmx64m"), "contained")) {
             HotSpotVm listed = awaitListed(vm.hostPid);
             assertEquals(1, listed.namespacePid());
@@ -144,6 +147,43 @@ class HotSpotContainersTest {
             String info = noxinspect("info", pid);
             assertTrue(info.lines().anyMatch(l -> l.matches("\\s*pid in ns\\W+1")), info);
             assertTrue(noxinspect("counters", pid, "sun.rt.javaCommand").contains(JdkVm.MAIN_CLASS + " contained"));
+            // noxinspect jcmd reaches it through its own /tmp, as the JDK's jcmd does.
+            Process jcmd = new ProcessBuilder(Path.of(System.getProperty("java.home"), "bin", "jcmd").toString(), pid,
+                    "VM.version").start();
+            String theirs = new String(jcmd.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+            assertTrue(jcmd.waitFor(60, TimeUnit.SECONDS) && jcmd.exitValue() == 0, theirs);
+            assertEquals(theirs.substring(theirs.indexOf('\n') + 1), noxinspect("jcmd", pid, "VM.version"));
+            assertFalse(Files.exists(Path.of("/tmp/.java_pid1")), "the VM's socket is in its own /tmp");
+
+            // Files in the VM's /tmp follow the rules of our own.
+            Path folder = vm.tmp().resolve("hsperfdata_" + USER);
+            byte[] content = Files.readAllBytes(folder.resolve("1"));
+            // The sleeper started before the VM whose file is copied.
+            int sleeper = vm.sleeperNamespacePid();
+            assertTrue(sleeper > 1 && sleeper != vm.sleeperHostPid, "the sleeper's pids: " + sleeper);
+            Path planted = folder.resolve(Integer.toString(sleeper));
+            UserPrincipal nobody = folder.getFileSystem().getUserPrincipalLookupService().lookupPrincipalByName("nobody");
+            record Plant(String what, boolean listed, ThrowingAction make) {
+            }
+            List<Plant> plants = List.of(
+                    new Plant("a link to the VM's file", false, () -> Files.createSymbolicLink(planted, Path.of("1"))),
+                    new Plant("a file of another owner", false, () -> {
+                        Files.write(planted, content);
+                        Files.setOwner(planted, nobody);
+                    }),
+                    new Plant("a file of the folder's owner", true, () -> Files.write(planted, content)));
+            for (Plant plant : plants) {
+                Files.deleteIfExists(planted);
+                plant.make().run();
+                boolean found = inspector.vms().stream()
+                        .anyMatch(v -> v.pid() == vm.sleeperHostPid && v.namespacePid() == sleeper);
+                assertEquals(plant.listed(), found, plant.what());
+                assertEquals(plant.listed(), inspector.figures(vm.sleeperHostPid).isPresent(), plant.what());
+            }
+            // A name that no process of the namespace has.
+            Files.move(planted, folder.resolve("99"));
+            assertFalse(inspector.vms().stream().anyMatch(v -> v.namespacePid() == 99), inspector.vms().toString());
+            assertFalse(Files.exists(planted, LinkOption.NOFOLLOW_LINKS));
         }
         // Ended with its namespace: no longer listed.
         assertFalse(inspector.snapshot().vms().stream().anyMatch(f -> f.namespacePid() == 1 && f.javaCommand()
@@ -174,41 +214,6 @@ class HotSpotContainersTest {
             assertEquals(USER, found.user());
             assertEquals(Optional.empty(), pass.figures(vm.hostPid));
             assertEquals(Optional.empty(), pass.withoutPerfData(vm.sleeperHostPid), "sleep is no VM");
-        }
-    }
-
-    @Test
-    void filesInAContainersTmpFollowTheRulesOfOurOwn() throws Exception {
-        try (ContainedVm vm = new ContainedVm(List.of(), "planter")) {
-            awaitListed(vm.hostPid);
-            Path folder = vm.tmp().resolve("hsperfdata_" + USER);
-            byte[] content = Files.readAllBytes(folder.resolve("1"));
-            // The sleeper started before the VM whose file is copied.
-            int sleeper = vm.sleeperNamespacePid();
-            assertTrue(sleeper > 1 && sleeper != vm.sleeperHostPid, "the sleeper's pids: " + sleeper);
-            Path planted = folder.resolve(Integer.toString(sleeper));
-            UserPrincipal nobody = folder.getFileSystem().getUserPrincipalLookupService().lookupPrincipalByName("nobody");
-            record Plant(String what, boolean listed, ThrowingAction make) {
-            }
-            List<Plant> plants = List.of(
-                    new Plant("a link to the VM's file", false, () -> Files.createSymbolicLink(planted, Path.of("1"))),
-                    new Plant("a file of another owner", false, () -> {
-                        Files.write(planted, content);
-                        Files.setOwner(planted, nobody);
-                    }),
-                    new Plant("a file of the folder's owner", true, () -> Files.write(planted, content)));
-            for (Plant plant : plants) {
-                Files.deleteIfExists(planted);
-                plant.make().run();
-                boolean listed = inspector.vms().stream()
-                        .anyMatch(v -> v.pid() == vm.sleeperHostPid && v.namespacePid() == sleeper);
-                assertEquals(plant.listed(), listed, plant.what());
-                assertEquals(plant.listed(), inspector.figures(vm.sleeperHostPid).isPresent(), plant.what());
-            }
-            // A name that no process of the namespace has.
-            Files.move(planted, folder.resolve("99"));
-            assertFalse(inspector.vms().stream().anyMatch(v -> v.namespacePid() == 99), inspector.vms().toString());
-            assertFalse(Files.exists(planted, LinkOption.NOFOLLOW_LINKS));
         }
     }
 

@@ -112,10 +112,6 @@ public final class AgentVm implements AutoCloseable {
         return process;
     }
 
-    public List<String> command() {
-        return command;
-    }
-
     public Path controlAreaFile() {
         return Path.of("/tmp/nox_jvm_" + euid() + "_" + pid);
     }

@@ -71,6 +71,16 @@ public final class JdkVm implements AutoCloseable {
         return new long[] {Long.parseLong(parts[0]), Long.parseLong(parts[1]), Long.parseLong(parts[2])};
     }
 
+    /** Makes the VM allocate until young collections have run and left survivors (see SleepingVm). */
+    public void churn() throws IOException {
+        in.write("churn\n");
+        in.flush();
+        String line = out.readLine();
+        if (line == null || !line.startsWith("CHURNED")) {
+            throw new IOException("the JDK VM did not allocate: " + line);
+        }
+    }
+
     /** Runs a full collection in the VM (its collector then publishes its heap figures afresh). */
     public void gc() throws IOException {
         in.write("gc\n");
@@ -96,30 +106,6 @@ public final class JdkVm implements AutoCloseable {
             Thread.sleep(20);
         }
         return false;
-    }
-
-    /** What {@code jcmd PID PerfCounter.print} prints, as name to value (strings without quotes). */
-    public java.util.Map<String, String> jcmdCounters() throws IOException, InterruptedException {
-        Process jcmd = new ProcessBuilder(Path.of(System.getProperty("java.home"), "bin", "jcmd").toString(),
-                Integer.toString(pid), "PerfCounter.print").redirectErrorStream(true).start();
-        String text = new String(jcmd.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
-        if (!jcmd.waitFor(30, TimeUnit.SECONDS) || jcmd.exitValue() != 0) {
-            jcmd.destroyForcibly();
-            throw new IOException("jcmd failed: " + text);
-        }
-        java.util.Map<String, String> counters = new java.util.LinkedHashMap<>();
-        for (String line : text.split("\n")) {
-            int eq = line.indexOf('=');
-            if (eq <= 0 || line.startsWith(pid + ":")) {
-                continue;
-            }
-            String value = line.substring(eq + 1);
-            if (value.length() >= 2 && value.startsWith("\"") && value.endsWith("\"")) {
-                value = value.substring(1, value.length() - 1);
-            }
-            counters.put(line.substring(0, eq), value);
-        }
-        return counters;
     }
 
     @Override

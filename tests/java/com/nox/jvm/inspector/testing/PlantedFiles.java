@@ -2,13 +2,12 @@ package com.nox.jvm.inspector.testing;
 
 import java.io.IOException;
 import java.nio.file.Files;
-import java.nio.file.LinkOption;
 import java.nio.file.Path;
 import java.util.ArrayDeque;
 import java.util.Deque;
 
 /**
- * Files and folders a test plants under /tmp, removed (newest first) when closed, also when the
+ * Files and links a test plants under /tmp, removed (newest first) when closed, also when the
  * test fails. Only what was planted here is ever removed.
  */
 public final class PlantedFiles implements AutoCloseable {
@@ -24,16 +23,6 @@ public final class PlantedFiles implements AutoCloseable {
         Files.createSymbolicLink(path, target);
         planted.push(path);
         return path;
-    }
-
-    /** Creates the folder when it does not exist; false (nothing planted) when it does. */
-    public boolean folder(Path path) throws IOException {
-        if (Files.exists(path, LinkOption.NOFOLLOW_LINKS)) {
-            return false;
-        }
-        Files.createDirectory(path);
-        planted.push(path);
-        return true;
     }
 
     @Override

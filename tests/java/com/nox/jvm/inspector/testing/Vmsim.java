@@ -33,7 +33,12 @@ public final class Vmsim implements AutoCloseable {
     private final Map<String, String> fields = new HashMap<>();
 
     public Vmsim(String... args) throws IOException {
-        List<String> command = new ArrayList<>();
+        this(List.of(), args);
+    }
+
+    /** {@code prefix} goes before the vmsim command (setpriv, to run it as another user). */
+    public Vmsim(List<String> prefix, String... args) throws IOException {
+        List<String> command = new ArrayList<>(prefix);
         command.add(System.getProperty("nox.vmsim", "vmsim"));
         command.addAll(Arrays.asList(args));
         process = new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.INHERIT).start();
@@ -92,16 +97,10 @@ public final class Vmsim implements AutoCloseable {
         }
     }
 
-    /** Sends one byte to vmsim's standard input (a vmsim started with --flap starts cutting its file). */
-    public void poke() throws IOException {
-        process.getOutputStream().write('g');
-        process.getOutputStream().flush();
-    }
-
-    /** The next line vmsim prints; null at the end of its output or after {@link #WAIT_SECONDS}. */
-    public String nextLine() throws IOException {
+    /** The next line vmsim prints; null at the end of its output or after {@code millis}. */
+    public String nextLine(long millis) throws IOException {
         try {
-            String line = lines.poll(WAIT_SECONDS, TimeUnit.SECONDS);
+            String line = lines.poll(millis, TimeUnit.MILLISECONDS);
             if (line == END) {
                 lines.add(END);  // every later call sees the end too
                 return null;
@@ -121,7 +120,10 @@ public final class Vmsim implements AutoCloseable {
     public String waitFor(String prefix) throws IOException {
         long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(WAIT_SECONDS);
         while (System.nanoTime() < deadline) {
-            String line = nextLine();
+            String line = nextLine(TimeUnit.NANOSECONDS.toMillis(Math.max(0, deadline - System.nanoTime())));
+            if (line == null && System.nanoTime() >= deadline) {
+                break;
+            }
             if (line == null) {
                 return "(vmsim pid " + process.pid() + " ended its output before a line starting with \"" + prefix + "\")";
             }

@@ -30,6 +30,11 @@ final class CliError extends RuntimeException {
         return new CliError(BROKEN, message);
     }
 
+    /** Not a failure: a command that follows something ends because it ended (exit code 0, the message said). */
+    static CliError ended(String message) {
+        return new CliError(0, message);
+    }
+
     int exitCode() {
         return exitCode;
     }

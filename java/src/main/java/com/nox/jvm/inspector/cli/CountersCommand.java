@@ -9,7 +9,8 @@ import java.util.Optional;
 
 /**
  * {@code noxinspect counters PID [NAME ...]}: a HotSpot VM's performance counters, every one or
- * those named, as the JDK's {@code jcmd PID PerfCounter.print} prints them (name=value, strings in
+ * those named, every one whose name begins with PREFIX for a NAME given as PREFIX*, as the JDK's
+ * {@code jcmd PID PerfCounter.print} prints them (name=value, strings in
  * quotes). Names and values come from the VM's file and are made printable like any other text.
  */
 final class CountersCommand {
@@ -29,9 +30,21 @@ final class CountersCommand {
         out.textOr(new Doc().put("pid", pid).put("counters", docs), lines);
     }
 
+    /** The counters named, in the order named; a name ending in '*' stands for every counter that begins with the rest. */
     private static List<PerfCounter> named(Host host, int pid, List<String> names) {
+        List<PerfCounter> all = names.stream().anyMatch(n -> n.endsWith("*"))
+                ? host.counters(pid).orElseThrow(() -> noVm(pid)) : List.of();
         List<PerfCounter> shown = new ArrayList<>();
         for (String name : names) {
+            if (name.endsWith("*")) {
+                String prefix = name.substring(0, name.length() - 1);
+                List<PerfCounter> matching = all.stream().filter(c -> c.name().startsWith(prefix)).toList();
+                if (matching.isEmpty()) {
+                    throw CliError.refused("VM pid " + pid + " has no counter that begins with " + prefix);
+                }
+                shown.addAll(matching);
+                continue;
+            }
             Optional<PerfCounter> counter = host.counter(pid, name);
             if (counter.isEmpty()) {
                 throw host.publishesPerfData(pid) ? CliError.refused("VM pid " + pid + " has no counter " + name)

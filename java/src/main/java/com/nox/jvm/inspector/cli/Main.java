@@ -20,7 +20,9 @@ import java.util.List;
 public final class Main {
     static final String USAGE = """
             usage: noxinspect [--json] COMMAND
-              list                          the Java VMs on this host (control areas and HotSpot performance data)
+              list [-q] [-m] [-v] [-u USER] [-c TEXT]  the Java VMs on this host (control areas and HotSpot
+                                            performance data); -q pids only, -m main's arguments, -v the
+                                            VM's arguments, -u one user's VMs, -c main classes with TEXT
               info VM                       start, time, memory and debugging records of one VM
               debug start VM [--suspend N]  ask the VM to start debugging (suspend policy N, default 0)
               debug stop VM                 ask the VM to stop debugging
@@ -31,13 +33,18 @@ public final class Main {
               watch                         VMs appearing and vanishing, one line each, until interrupted
               attach PID [OPTIONS]          load nox-agent.jar into a running VM (own, or any as root), so it
                                             publishes a control area (OPTIONS e.g. refresh=500,tag=web)
-              counters PID [NAME ...]       a HotSpot VM's performance counters (all, or those named)
+              counters PID [NAME ...]       a HotSpot VM's performance counters (all, those named, or
+                                            those that begin with PREFIX when a NAME is PREFIX*)
+              stat [-t] PID [INTERVAL [COUNT]]  a HotSpot VM's collector figures as jstat -gcutil and
+                                            -gccause print them, every INTERVAL (ms, or 2s), COUNT times
+              top [-d S] [-s KEY] [-u USER] [-c TEXT] [-n N] [-b]  every VM in a live table: CPU, GC,
+                                            heap, threads (keys: q quits, c m g t l u p U n sort, r reverses)
               jcmd [--timeout S] PID [COMMAND [ARGS]]  run a diagnostic command in a HotSpot VM, as jcmd does
               threads PID [ARGS]            its thread dump (Thread.print)
               histo PID [ARGS]              its class histogram (GC.class_histogram)
               flags PID                     all its flags with their origins (VM.flags -all)
               props PID                     its system properties (VM.system_properties)
-              help                          this text
+              help                          this text (--version: the inspector's version)
             VM is a pid, or type:id:slot with type process (1) or instance (2), e.g. instance:84:0.
             --json writes the result as JSON on stdout; messages always go to stderr.
             Exit codes: 0 done, 1 no such VM or request refused, 2 wrong command line,
@@ -65,6 +72,10 @@ public final class Main {
             switch (arg) {
                 case "--json" -> json = true;
                 case "-h", "--help" -> help = true;
+                case "--version" -> {
+                    out.print(version());
+                    return 0;
+                }
                 default -> words.add(arg);
             }
         }
@@ -78,16 +89,25 @@ public final class Main {
             command.run();
             return 0;
         } catch (CliError e) {
-            err.println("noxinspect: " + Text.printable(e.getMessage()));
-            if (e.exitCode() == CliError.USAGE) {
-                err.print(USAGE);
-            }
+            // A wrong command line gets one line and where to look, not the whole usage text.
+            err.println("noxinspect: " + Text.printable(e.getMessage())
+                    + (e.exitCode() == CliError.USAGE ? " (noxinspect help lists the commands)" : ""));
             return e.exitCode();
         } catch (MalformedRecordException e) {
             err.println("noxinspect: a VM published a record the inspector cannot read: "
                     + Text.printable(e.getMessage()));
             return CliError.BROKEN;
         }
+    }
+
+    /** The inspector's version (from its jar), the library it would load and the Java that runs it. */
+    static String version() {
+        String version = Main.class.getPackage().getImplementationVersion();
+        String library = System.getProperty("nox.inspector.library");
+        return "noxinspect " + (version == null ? "(version unknown: not run from its jar)" : version) + "\n"
+                + "library " + (library == null || library.isEmpty() ? "noxjvm_inspector from java.library.path" : library)
+                + "\n" + "java " + System.getProperty("java.vm.name") + " " + System.getProperty("java.vm.version")
+                + "\n";
     }
 
     /** Checks the command line completely before anything is asked of a VM. */
@@ -100,7 +120,7 @@ public final class Main {
         Output output = new Output(out, json);
         Host host = new Host();
         return switch (name) {
-            case "list" -> noArguments(name, rest, () -> ListCommand.run(host.snapshot(), output));
+            case "list" -> ListCommand.parse(rest, host, output);
             case "boards" -> noArguments(name, rest, () -> BoardsCommand.run(host.boards(), output));
             case "info" -> parseInfo(rest, host, output);
             case "exit" -> parseExit(rest, host, output);
@@ -110,6 +130,8 @@ public final class Main {
             case "attach" -> Attach.parse(rest, json, out);
             case "jcmd", "threads", "histo", "flags", "props" -> Jcmd.parse(name, rest, json, out);
             case "counters" -> parseCounters(rest, host, output);
+            case "stat" -> StatCommand.parse(rest, host, output);
+            case "top" -> TopCommand.parse(rest, host, output, out);
             default -> throw CliError.usage("unknown command '" + name + "'");
         };
     }

@@ -74,6 +74,20 @@ final class Output {
         out.flush();
     }
 
+    /**
+     * One line of a stream that a command writes as it goes (stat, top): JSON, the Doc on one
+     * line (nothing when it is null); text, the line as it is (nothing when it is null). Flushed,
+     * so that a pipe sees each line at once.
+     */
+    void streamLine(Doc doc, String text) {
+        if (json && doc != null) {
+            out.print(json(doc, false));
+        } else if (!json && text != null) {
+            out.println(text);
+        }
+        out.flush();
+    }
+
     /** JSON: the Doc; text: these lines. */
     void textOr(Doc doc, List<String> lines) {
         if (json) {

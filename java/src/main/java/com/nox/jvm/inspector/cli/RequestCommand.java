@@ -69,8 +69,8 @@ final class RequestCommand {
         }
         String named = target.pid() != null ? "no live VM with pid " + vm.pid() : "no live VM in " + target.ref();
         if (vm.controlArea().isEmpty()) {
-            return refuse(named + " (a HotSpot VM that publishes only performance data, which takes no requests"
-                    + claims(snapshot, vm.pid()) + ")");
+            return refuse("VM pid " + vm.pid() + " takes no requests: a stock HotSpot VM publishes no control area"
+                    + claims(snapshot, vm.pid()) + "; run `noxinspect attach " + vm.pid() + "` to give it one");
         }
         return refuse(named + " that takes requests: the control area in " + vm.ref().orElseThrow()
                 + " names pid " + vm.pid() + " but belongs to uid " + vm.controlArea().get().ownerUid()

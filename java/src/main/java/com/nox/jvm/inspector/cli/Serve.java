@@ -9,8 +9,12 @@ import java.io.PrintStream;
 import java.net.BindException;
 import java.net.InetAddress;
 import java.net.InetSocketAddress;
+import java.net.NetworkInterface;
 import java.net.UnknownHostException;
 import java.nio.charset.StandardCharsets;
+import java.util.ArrayList;
+import java.util.Collections;
+import java.util.List;
 import java.util.concurrent.CompletableFuture;
 import java.util.concurrent.CountDownLatch;
 
@@ -34,6 +38,9 @@ final class Serve {
     private final Host host = new Host();
     private final Object passLock = new Object();
     private CompletableFuture<HostSnapshot> passInFlight;
+    /** What the page at / charts: a point per VM for every pass. */
+    private final PageHistory history = new PageHistory();
+    private final Page page = new Page(history, this::pass);
 
     private final String bind;
     private final int port;
@@ -75,7 +82,7 @@ final class Serve {
             bound = server.address();
         } catch (BindException e) {
             throw CliError.refused("cannot listen on " + bind + " port " + port + ": " + e.getMessage()
-                    + " (another program may hold the port; choose another with --port)");
+                    + " (" + bindHint(address) + ")");
         } catch (IOException e) {
             throw CliError.refused("cannot listen on " + bind + " port " + port + ": " + e.getMessage());
         }
@@ -88,6 +95,28 @@ final class Serve {
         return server;
     }
 
+    /** Why a bind failed, as far as can be told: an address the host does not have, a low port, or a port taken. */
+    private String bindHint(InetAddress address) {
+        try {
+            if (!address.isAnyLocalAddress() && NetworkInterface.getByInetAddress(address) == null) {
+                List<String> own = new ArrayList<>();
+                for (NetworkInterface nic : Collections.list(NetworkInterface.getNetworkInterfaces())) {
+                    for (InetAddress a : Collections.list(nic.getInetAddresses())) {
+                        own.add(a.getHostAddress().replaceFirst("%.*", ""));
+                    }
+                }
+                return "this host has no address " + address.getHostAddress() + "; its addresses are "
+                        + String.join(", ", own) + ", and 0.0.0.0 listens on all of them";
+            }
+        } catch (IOException e) {
+            // the host's addresses cannot be listed: say what is likely
+        }
+        if (port > 0 && port < 1024) {
+            return "ports below 1024 are root's; choose another with --port";
+        }
+        return "another program may hold the port; choose another with --port";
+    }
+
     private void handle(ServeExchange exchange) throws IOException {
         try (exchange) {
             String method = exchange.getRequestMethod();
@@ -97,13 +126,12 @@ final class Serve {
                 reply(exchange, 405, "text/plain; charset=utf-8", "only GET and HEAD\n");
                 return;
             }
-            if (path.equals("/")) {
-                reply(exchange, 200, "text/plain; charset=utf-8",
-                        "noxinspect: the Java VMs of this host as metrics at /metrics\n");
+            if (Page.serves(path)) {
+                page.answer(exchange, path, exchange.getRequestURI().getRawQuery());
                 return;
             }
             if (!path.equals("/metrics")) {
-                reply(exchange, 404, "text/plain; charset=utf-8", "not found; the metrics are at /metrics\n");
+                reply(exchange, 404, "text/plain; charset=utf-8", "not found; the metrics are at /metrics, the page at /\n");
                 return;
             }
             Exposition format = Exposition.forAccept(exchange.getRequestHeaders().getFirst("Accept"));
@@ -135,7 +163,9 @@ final class Serve {
         }
         if (mine != null) {
             try {
-                mine.complete(host.snapshot());
+                HostSnapshot snapshot = host.snapshot();
+                history.record(snapshot);
+                mine.complete(snapshot);
             } catch (Throwable t) {
                 mine.completeExceptionally(t);
             } finally {

@@ -63,9 +63,18 @@ record Target(Integer pid, VmRef ref) {
         if (pid == null) {
             return CliError.refused("no live VM in " + ref);
         }
-        return CliError.refused("no live VM with pid " + pid + (Host.processExists(pid)
-                ? " (the process publishes no control area and no performance data that this user may read)"
-                : " (no such process)"));
+        if (!Host.processExists(pid)) {
+            return CliError.refused("no live VM with pid " + pid + " (no such process)");
+        }
+        int owner = Host.processOwner(pid);
+        int self = Host.processOwner((int) ProcessHandle.current().pid());
+        if (owner >= 0 && self != 0 && owner != self) {
+            return CliError.refused("no live VM with pid " + pid + " that this user may read: the process is owned by uid "
+                    + owner + ", which this user may not read (its performance data and control area are that user's)");
+        }
+        return CliError.refused("no live VM with pid " + pid
+                + " (the process publishes no control area and no performance data: not a Java VM, or one started"
+                + " with -XX:-UsePerfData; `noxinspect attach " + pid + "` gives a VM of this user a control area)");
     }
 
     @Override

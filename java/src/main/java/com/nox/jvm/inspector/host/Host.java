@@ -164,6 +164,11 @@ public final class Host {
         return hotspot.figures(pid).isPresent();
     }
 
+    /** The uid that owns the process, -1 when there is no such process. */
+    public static int processOwner(int pid) {
+        return new Processes().owner(pid).uid();
+    }
+
     /** Whether a process with this pid exists. */
     public static boolean processExists(int pid) {
         return pid > 0 && InspectorNatives.isProcessAlive0(pid) != 0;

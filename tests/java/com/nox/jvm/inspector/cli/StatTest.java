@@ -1,0 +1,127 @@
+package com.nox.jvm.inspector.cli;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import com.nox.jvm.inspector.testing.JdkVm;
+
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.LinkedHashMap;
+import java.util.List;
+import java.util.Map;
+import java.util.concurrent.TimeUnit;
+
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.ValueSource;
+
+/**
+ * noxinspect stat against the JDK's own jstat -gccause (which prints the -gcutil columns and the
+ * causes), on real VMs of three collectors, after young collections that left survivors, so
+ * that the figures have values (the survivor spaces' among them, which alternate).
+ */
+class StatTest {
+
+    /** One sample line read by the header's columns: numbers split at blanks, then the two causes by position. */
+    static Map<String, String> row(String header, String line) {
+        int causes = header.indexOf("LGCC");
+        int current = header.indexOf("GCC", causes + 4);
+        String[] names = header.substring(0, causes).trim().split("\\s+");
+        String[] values = line.substring(0, causes).trim().split("\\s+");
+        assertEquals(names.length, values.length, header + "\n" + line);
+        Map<String, String> row = new LinkedHashMap<>();
+        for (int i = 0; i < names.length; i++) {
+            row.put(names[i], values[i]);
+        }
+        row.put("LGCC", line.substring(causes, Math.min(current, line.length())).trim());
+        row.put("GCC", line.length() > current ? line.substring(current).trim() : "");
+        return row;
+    }
+
+    static Map<String, String> sample(String out) {
+        String[] lines = out.split("\n");
+        assertEquals(2, lines.length, out);
+        return row(lines[0], lines[1]);
+    }
+
+    static Map<String, String> jstat(int pid) throws Exception {
+        Path jstat = Path.of(System.getProperty("java.home"), "bin", "jstat");
+        Process p = new ProcessBuilder(jstat.toString(), "-gccause", Integer.toString(pid)).redirectErrorStream(true)
+                .start();
+        String out = new String(p.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+        assertTrue(p.waitFor(60, TimeUnit.SECONDS) && p.exitValue() == 0, out);
+        return sample(out);
+    }
+
+    static Map<String, String> stat(int pid) throws Exception {
+        Launcher.Result r = Launcher.run("stat", Integer.toString(pid));
+        assertEquals(0, r.exitCode(), r.toString());
+        return sample(r.out());
+    }
+
+    /**
+     * Ours, jstat's, ours again: when both of ours agree the VM stood still meanwhile, and jstat's
+     * must be the same line. An idle VM stands still; a few tries allow for a stray collection.
+     */
+    @ParameterizedTest
+    @ValueSource(strings = {"-XX:+UseSerialGC", "-XX:+UseParallelGC", "-XX:+UseG1GC"})
+    void sameFiguresAsJstat(String collector) throws Exception {
+        try (JdkVm vm = new JdkVm(collector, "-Xmx64m")) {
+            NoxinspectHotSpotTest.awaitListed(vm);
+            vm.churn();
+            List<String> moved = new ArrayList<>();
+            for (int attempt = 0; attempt < 5; attempt++) {
+                Map<String, String> before = stat(vm.pid());
+                Map<String, String> reference = jstat(vm.pid());
+                Map<String, String> after = stat(vm.pid());
+                if (before.equals(after)) {
+                    assertEquals(reference, before, collector);
+                    assertTrue(Integer.parseInt(before.get("YGC")) > 0, before.toString());
+                    assertTrue(!before.get("S0").equals(before.get("S1")), "one survivor space in use: " + before);
+                    return;
+                }
+                moved.add(before + " -> " + after);
+            }
+            throw new AssertionError("the VM never stood still: " + moved);
+        }
+    }
+
+    /** An interval and a count: that many samples, one JSON object per line, on the VM's clock at least the interval apart. */
+    @Test
+    void samplesOnScheduleAsJsonLines() throws Exception {
+        try (JdkVm vm = new JdkVm("-XX:+UseSerialGC")) {
+            NoxinspectHotSpotTest.awaitListed(vm);
+            Launcher.Result r = Launcher.run("--json", "stat", Integer.toString(vm.pid()), "100ms", "20");
+            assertEquals(0, r.exitCode(), r.toString());
+            String[] lines = r.out().split("\n");
+            assertEquals(20, lines.length, r.out());
+            double first = 0;
+            double last = 0;
+            for (int i = 0; i < lines.length; i++) {
+                Map<String, String> flat = Launcher.flatJson(lines[i]);
+                assertEquals(Integer.toString(vm.pid()), flat.get("pid"), lines[i]);
+                assertEquals("\"No GC\"", flat.get("cause"), lines[i]);
+                assertEquals("null", flat.get("concurrentCollections"), lines[i]);
+                double uptime = Double.parseDouble(flat.get("uptime"));
+                first = i == 0 ? uptime : first;
+                assertTrue(uptime >= last, r.out());
+                last = uptime;
+            }
+            // The VM's clock ticks in 50 ms steps (its sampler publishes it), hence the margin.
+            assertTrue(last - first >= 1.9 - 0.1, r.out());
+        }
+    }
+
+    /** A VM without performance data (bad command lines: NoxinspectTest). */
+    @Test
+    void refusals() throws Exception {
+        try (JdkVm hidden = new JdkVm("-XX:-UsePerfData")) {
+            Launcher.Result r = Launcher.run("stat", Integer.toString(hidden.pid()));
+            assertEquals(1, r.exitCode(), r.toString());
+            assertTrue(r.err().contains("no HotSpot VM with pid " + hidden.pid() + " publishes performance data"),
+                    r.toString());
+        }
+    }
+}

@@ -1,0 +1,211 @@
+package com.nox.jvm.inspector.testing;
+
+import java.io.BufferedReader;
+import java.io.IOException;
+import java.io.InputStreamReader;
+import java.net.URI;
+import java.net.http.HttpClient;
+import java.net.http.WebSocket;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.Comparator;
+import java.util.List;
+import java.util.Map;
+import java.util.concurrent.CompletableFuture;
+import java.util.concurrent.CompletionStage;
+import java.util.concurrent.ConcurrentHashMap;
+import java.util.concurrent.CopyOnWriteArrayList;
+import java.util.concurrent.TimeUnit;
+import java.util.concurrent.atomic.AtomicInteger;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
+import java.util.stream.Stream;
+
+/**
+ * Debian's chromium, headless, with a fresh profile and no network of its own, driven through the
+ * DevTools protocol over a WebSocket (java.net.http). It opens one page; every request the page
+ * makes is recorded (Network.requestWillBeSent). Closing ends the browser and removes its profile.
+ */
+public final class HeadlessChromium implements AutoCloseable {
+    public static final Path CHROMIUM = Path.of("/usr/bin/chromium");
+    private static final Pattern DEVTOOLS = Pattern.compile("DevTools listening on (ws://\\S+)");
+    private static final Pattern REQUEST_URL = Pattern.compile("\"request\":\\{\"url\":\"((?:[^\"\\\\]|\\\\.)*+)\"");
+
+    private final Path profile;
+    private final Process browser;
+    private final WebSocket socket;
+    private final AtomicInteger ids = new AtomicInteger();
+    private final Map<Integer, CompletableFuture<String>> answers = new ConcurrentHashMap<>();
+    private final List<String> requests = new CopyOnWriteArrayList<>();
+    private final String sessionId;
+
+    public HeadlessChromium() throws Exception {
+        profile = Files.createTempDirectory("nox-chromium-profile");
+        browser = new ProcessBuilder(CHROMIUM.toString(), "--headless", "--no-sandbox", "--disable-gpu",
+                "--disable-quic", "--no-first-run", "--disable-background-networking", "--disable-component-update",
+                "--disable-sync", "--user-data-dir=" + profile, "--remote-debugging-port=0", "--window-size=1280,900",
+                "about:blank").redirectOutput(ProcessBuilder.Redirect.DISCARD).start();
+        String url = devtoolsUrl();
+        socket = HttpClient.newHttpClient().newWebSocketBuilder().buildAsync(URI.create(url), new Listener())
+                .get(20, TimeUnit.SECONDS);
+        String created = call(null, "Target.createTarget", "{\"url\":\"about:blank\"}");
+        String target = field(created, "targetId");
+        sessionId = field(call(null, "Target.attachToTarget", "{\"targetId\":\"" + target + "\",\"flatten\":true}"),
+                "sessionId");
+        call(sessionId, "Network.enable", "{}");
+        call(sessionId, "Page.enable", "{}");
+    }
+
+    private String devtoolsUrl() throws Exception {
+        BufferedReader err = new BufferedReader(new InputStreamReader(browser.getErrorStream(), StandardCharsets.UTF_8));
+        CompletableFuture<String> found = new CompletableFuture<>();
+        Thread reader = new Thread(() -> {
+            try {
+                for (String line = err.readLine(); line != null; line = err.readLine()) {
+                    Matcher m = DEVTOOLS.matcher(line);
+                    if (m.find()) {
+                        found.complete(m.group(1));
+                    }
+                }
+            } catch (IOException e) {
+                // the browser ended
+            }
+            found.completeExceptionally(new IOException("chromium ended without a DevTools address"));
+        }, "chromium-stderr");
+        reader.setDaemon(true);
+        reader.start();
+        return found.get(30, TimeUnit.SECONDS);
+    }
+
+    /** Opens {@code url} in the page. */
+    public void navigate(String url) throws Exception {
+        call(sessionId, "Page.navigate", "{\"url\":\"" + url + "\"}");
+    }
+
+    /** The value of a JavaScript expression that yields a string. */
+    public String evaluate(String expression) throws Exception {
+        String answer = call(sessionId, "Runtime.evaluate",
+                "{\"expression\":" + quote(expression) + ",\"returnByValue\":true}");
+        return field(answer, "value");
+    }
+
+    /** A PNG of the page as it is drawn now. */
+    public byte[] screenshot() throws Exception {
+        return java.util.Base64.getDecoder().decode(field(call(sessionId, "Page.captureScreenshot", "{}"), "data"));
+    }
+
+    /** The URL of every request the page has made so far. */
+    public List<String> requests() {
+        return new ArrayList<>(requests);
+    }
+
+    private String call(String session, String method, String params) throws Exception {
+        int id = ids.incrementAndGet();
+        CompletableFuture<String> answer = new CompletableFuture<>();
+        answers.put(id, answer);
+        String message = "{\"id\":" + id + (session == null ? "" : ",\"sessionId\":\"" + session + "\"")
+                + ",\"method\":\"" + method + "\",\"params\":" + params + "}";
+        socket.sendText(message, true).get(10, TimeUnit.SECONDS);
+        String text = answer.get(30, TimeUnit.SECONDS);
+        if (text.contains("\"error\":")) {
+            throw new IOException(method + ": " + text);
+        }
+        return text;
+    }
+
+    /** The string value of the first member named {@code name} (scanned by hand: a screenshot is megabytes). */
+    static String field(String json, String name) throws IOException {
+        String key = "\"" + name + "\":\"";
+        int start = json.indexOf(key);
+        if (start < 0) {
+            throw new IOException("no " + name + " in " + json);
+        }
+        start += key.length();
+        int end = start;
+        while (end < json.length() && json.charAt(end) != '"') {
+            end += json.charAt(end) == '\\' ? 2 : 1;
+        }
+        return unquote(json.substring(start, Math.min(end, json.length())));
+    }
+
+    private static String unquote(String text) {
+        StringBuilder sb = new StringBuilder();
+        for (int i = 0; i < text.length(); i++) {
+            char c = text.charAt(i);
+            if (c != '\\') {
+                sb.append(c);
+                continue;
+            }
+            char next = text.charAt(++i);
+            switch (next) {
+                case 'n' -> sb.append('\n');
+                case 't' -> sb.append('\t');
+                case 'u' -> {
+                    sb.append((char) Integer.parseInt(text.substring(i + 1, i + 5), 16));
+                    i += 4;
+                }
+                default -> sb.append(next);
+            }
+        }
+        return sb.toString();
+    }
+
+    private static String quote(String text) {
+        StringBuilder sb = new StringBuilder("\"");
+        for (char c : text.toCharArray()) {
+            if (c == '"' || c == '\\') {
+                sb.append('\\').append(c);
+            } else if (c < 0x20) {
+                sb.append(String.format("\\u%04x", (int) c));
+            } else {
+                sb.append(c);
+            }
+        }
+        return sb.append('"').toString();
+    }
+
+    private final class Listener implements WebSocket.Listener {
+        private final StringBuilder partial = new StringBuilder();
+
+        @Override
+        public CompletionStage<?> onText(WebSocket webSocket, CharSequence data, boolean last) {
+            partial.append(data);
+            if (last) {
+                String message = partial.toString();
+                partial.setLength(0);
+                Matcher id = Pattern.compile("^\\{\"id\":([0-9]+),").matcher(message);
+                if (id.find()) {
+                    CompletableFuture<String> answer = answers.remove(Integer.parseInt(id.group(1)));
+                    if (answer != null) {
+                        answer.complete(message);
+                    }
+                } else if (message.contains("\"method\":\"Network.requestWillBeSent\"")) {
+                    Matcher url = REQUEST_URL.matcher(message);
+                    if (url.find()) {
+                        requests.add(unquote(url.group(1)));
+                    }
+                }
+            }
+            webSocket.request(1);
+            return null;
+        }
+    }
+
+    @Override
+    public void close() throws Exception {
+        try {
+            socket.abort();
+        } finally {
+            browser.destroy();
+            if (!browser.waitFor(10, TimeUnit.SECONDS)) {
+                browser.destroyForcibly();
+                browser.waitFor(5, TimeUnit.SECONDS);
+            }
+            try (Stream<Path> files = Files.walk(profile)) {
+                files.sorted(Comparator.reverseOrder()).forEach(p -> p.toFile().delete());
+            }
+        }
+    }
+}
