@@ -243,6 +243,10 @@ class NoxinspectTest {
         List<String[]> cases = new ArrayList<>();
         cases.add(new String[] {"no live VM with pid " + plain
             + " (the process publishes no control area and no performance data", "info", Long.toString(plain)});
+        for (String command : List.of("stat", "counters")) {
+            cases.add(new String[] {"no HotSpot VM with pid " + plain + " publishes performance data (not a Java VM",
+                command, Long.toString(plain)});
+        }
         String stock = "VM pid " + self + " takes no requests: a stock HotSpot VM publishes no control area; run "
                 + "`noxinspect attach " + self + "` to give it one";
         cases.add(new String[] {stock, "debug", "start", Long.toString(self)});
@@ -251,6 +255,10 @@ class NoxinspectTest {
             // init is root's: a user who may not read its files is told so, not that it publishes nothing.
             cases.add(new String[] {"no live VM with pid 1 that this user may read: the process is owned by uid 0,"
                 + " which this user may not read", "info", "1"});
+            for (String command : List.of("stat", "counters")) {
+                cases.add(new String[] {"no HotSpot VM with pid 1 that this user may read: the process is owned by"
+                    + " uid 0, which this user may not read", command, "1"});
+            }
         }
         cases.add(new String[] {"no live VM in slot 0 of instance cluster 89", "info", "instance:89:0"});
         cases.add(new String[] {"no live VM in slot 0 of process cluster " + self, "debug", "stop",

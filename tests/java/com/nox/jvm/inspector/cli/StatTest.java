@@ -113,15 +113,4 @@ class StatTest {
             assertTrue(last - first >= 1.9 - 0.1, r.out());
         }
     }
-
-    /** A VM without performance data (bad command lines: NoxinspectTest). */
-    @Test
-    void refusals() throws Exception {
-        try (JdkVm hidden = new JdkVm("-XX:-UsePerfData")) {
-            Launcher.Result r = Launcher.run("stat", Integer.toString(hidden.pid()));
-            assertEquals(1, r.exitCode(), r.toString());
-            assertTrue(r.err().contains("no HotSpot VM with pid " + hidden.pid() + " publishes performance data"),
-                    r.toString());
-        }
-    }
 }

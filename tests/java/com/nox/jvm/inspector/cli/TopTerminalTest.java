@@ -1,6 +1,7 @@
 package com.nox.jvm.inspector.cli;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 import static org.junit.jupiter.api.Assumptions.assumeTrue;
 
@@ -12,6 +13,7 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
+import java.util.Map;
 import java.util.concurrent.TimeUnit;
 import java.util.function.Predicate;
 
@@ -108,6 +110,30 @@ class TopTerminalTest {
                     && !s.contains("noxinspect top"));
         } finally {
             tmux("kill-server");
+        }
+    }
+
+    /** Output that is not a terminal gets one plain table per refresh (or one JSON object per line), no escapes. */
+    @Test
+    void plainTablesWhenNotATerminal() throws Exception {
+        try (JdkVm vm = new JdkVm("-XX:+UseSerialGC")) {
+            NoxinspectHotSpotTest.awaitListed(vm);
+            String pid = Integer.toString(vm.pid());
+            Launcher.Result text = Launcher.run("top", "-n", "2", "-d", "0.2", "-s", "pid");
+            assertEquals(0, text.exitCode(), text.toString());
+            assertFalse(text.out().contains("\033"), text.out());
+            List<String> lines = text.out().lines().toList();
+            assertEquals(2, lines.stream().filter(l -> l.startsWith("noxinspect top ")).count(), text.out());
+            assertEquals(2, lines.stream().filter(l -> l.trim().startsWith("PID USER")).count(), text.out());
+            // The second refresh has a CPU share for the VM: a difference of two readings.
+            String row = lines.stream().filter(l -> l.trim().startsWith(pid + " ")).reduce((x, y) -> y).orElseThrow();
+            assertTrue(row.trim().split(" +")[2].matches("[0-9]+(\\.[0-9])?"), row);
+
+            Launcher.Result json = Launcher.run("--json", "top", "-n", "1", "-c", "SleepingVm");
+            assertEquals(0, json.exitCode(), json.toString());
+            Map<String, String> flat = Launcher.flatJson(json.out());
+            assertTrue(flat.containsValue(pid), json.out());
+            assertEquals(1, json.out().lines().count(), json.out());
         }
     }
 }

@@ -56,6 +56,6 @@ final class CountersCommand {
     }
 
     private static CliError noVm(int pid) {
-        return CliError.refused("no HotSpot VM with pid " + pid + " publishes performance data that this user may read");
+        return Target.noPerformanceData(pid);
     }
 }

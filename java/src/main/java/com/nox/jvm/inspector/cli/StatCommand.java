@@ -123,8 +123,7 @@ final class StatCommand {
     }
 
     private CliError noVm() {
-        return CliError.refused("no HotSpot VM with pid " + pid + " publishes performance data that this user may read"
-                + (Host.processExists(pid) ? "" : " (no such process)"));
+        return Target.noPerformanceData(pid);
     }
 
     private String header() {

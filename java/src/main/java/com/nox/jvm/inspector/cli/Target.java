@@ -63,18 +63,34 @@ record Target(Integer pid, VmRef ref) {
         if (pid == null) {
             return CliError.refused("no live VM in " + ref);
         }
+        String named = "no live VM with pid " + pid;
+        return unreadable(pid, named).orElseGet(() -> CliError.refused(named
+                + " (the process publishes no control area and no performance data: not a Java VM, or one started"
+                + " with -XX:-UsePerfData; `noxinspect attach " + pid + "` gives a VM of this user a control area)"));
+    }
+
+    /** The refusal for a pid without performance data this user may read (stat, counters). */
+    static CliError noPerformanceData(int pid) {
+        String named = "no HotSpot VM with pid " + pid;
+        return unreadable(pid, named).orElseGet(() -> CliError.refused(named
+                + " publishes performance data (not a Java VM, or one started with -XX:-UsePerfData)"));
+    }
+
+    /**
+     * The refusal when the process is not there or is another user's, whose files this user may
+     * not read (root reads every user's); empty when neither is so.
+     */
+    private static Optional<CliError> unreadable(int pid, String named) {
         if (!Host.processExists(pid)) {
-            return CliError.refused("no live VM with pid " + pid + " (no such process)");
+            return Optional.of(CliError.refused(named + " (no such process)"));
         }
         int owner = Host.processOwner(pid);
         int self = Host.processOwner((int) ProcessHandle.current().pid());
         if (owner >= 0 && self != 0 && owner != self) {
-            return CliError.refused("no live VM with pid " + pid + " that this user may read: the process is owned by uid "
-                    + owner + ", which this user may not read (its performance data and control area are that user's)");
+            return Optional.of(CliError.refused(named + " that this user may read: the process is owned by uid "
+                    + owner + ", which this user may not read (its performance data and control area are that user's)"));
         }
-        return CliError.refused("no live VM with pid " + pid
-                + " (the process publishes no control area and no performance data: not a Java VM, or one started"
-                + " with -XX:-UsePerfData; `noxinspect attach " + pid + "` gives a VM of this user a control area)");
+        return Optional.empty();
     }
 
     @Override
