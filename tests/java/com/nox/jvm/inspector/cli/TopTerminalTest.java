@@ -21,7 +21,7 @@ import org.junit.jupiter.api.Test;
 
 /**
  * noxinspect top in a real terminal: a tmux session of 60 columns on a server of its own, driven
- * with send-keys and read with capture-pane.
+ * with send-keys and read with capture-pane; and without a terminal, where it prints plain tables.
  */
 class TopTerminalTest {
     private static final Path TMUX = Path.of("/usr/bin/tmux");
@@ -129,11 +129,14 @@ class TopTerminalTest {
             String row = lines.stream().filter(l -> l.trim().startsWith(pid + " ")).reduce((x, y) -> y).orElseThrow();
             assertTrue(row.trim().split(" +")[2].matches("[0-9]+(\\.[0-9])?"), row);
 
-            Launcher.Result json = Launcher.run("--json", "top", "-n", "1", "-c", "SleepingVm");
+            String uid = Files.getAttribute(Path.of("/proc/self"), "unix:uid").toString();
+            Launcher.Result json = Launcher.run("--json", "top", "-n", "1", "-c", "SleepingVm", "-u", uid);
             assertEquals(0, json.exitCode(), json.toString());
             Map<String, String> flat = Launcher.flatJson(json.out());
             assertTrue(flat.containsValue(pid), json.out());
             assertEquals(1, json.out().lines().count(), json.out());
+            Launcher.Result none = Launcher.run("--json", "top", "-n", "1", "-u", "no-such-user-here");
+            assertEquals("{\"vms\":[]}", none.out().replaceAll("\\s|\"time\":[0-9]+,", ""), none.toString());
         }
     }
 }

@@ -21,7 +21,7 @@ import java.util.function.ToDoubleFunction;
  */
 final class TopTable {
     /** One VM's row. Numbers that are not known are negative. */
-    record Row(int pid, String user, String mainClass, long heapUsed, long heapMax, double cpuPercent,
+    record Row(int pid, int uid, String user, String mainClass, long heapUsed, long heapMax, double cpuPercent,
                double gcPercent, long threads, long classes, long uptime) {
         double heapPercent() {
             return heapUsed >= 0 && heapMax > 0 ? heapUsed * 100.0 / heapMax : -1;
@@ -115,7 +115,7 @@ final class TopTable {
             HotSpotFigures perf = vm.hotspot().orElse(null);
             long classes = perf == null || perf.classesLoaded() < 0 ? -1
                     : perf.classesLoaded() - Math.max(0, perf.classesUnloaded());
-            rows.add(new Row(vm.pid(), vm.user(), vm.mainClass(), vm.heap().used(), vm.heap().max(),
+            rows.add(new Row(vm.pid(), vm.uid(), vm.user(), vm.mainClass(), vm.heap().used(), vm.heap().max(),
                     load.cpuPercent(), load.gcPercent(), perf == null ? -1 : perf.threadsLive(), classes,
                     vm.uptimeSeconds(nowSeconds)));
         }
@@ -124,7 +124,8 @@ final class TopTable {
 
     /** The rows whose user is {@code user} (name or uid; null: any) and whose main class contains {@code main}. */
     static List<Row> filter(List<Row> rows, String user, String main) {
-        return rows.stream().filter(r -> user == null || r.user().equals(user))
+        return rows.stream()
+                .filter(r -> user == null || r.user().equals(user) || user.equals(Integer.toString(r.uid())))
                 .filter(r -> main == null || r.mainClass().contains(main)).toList();
     }
 
