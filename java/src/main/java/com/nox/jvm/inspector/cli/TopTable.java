@@ -97,7 +97,8 @@ final class TopTable {
     private static final Column THREADS = new Column("THR", 4, true, r -> count(r.threads()));
     private static final Column CLASSES = new Column("CLASSES", 7, true, r -> count(r.classes()));
     private static final Column UPTIME = new Column("UPTIME", 7, true, r -> Human.duration(r.uptime()));
-    private static final Column MAIN = new Column("MAIN-CLASS", 10, false, Row::mainClass);
+    private static final Column MAIN = new Column("MAIN-CLASS", 10, false,
+            r -> r.mainClass().isEmpty() ? "-" : r.mainClass());
 
     private static final List<Column> COLUMNS = List.of(PID, USER, CPU, HEAP_PERCENT, HEAP, GC, THREADS, CLASSES,
             UPTIME, MAIN);
@@ -171,7 +172,7 @@ final class TopTable {
             String pad = " ".repeat(w - cell.length());
             line.append(c.right() ? pad + cell : c == MAIN ? cell : cell + pad);
         }
-        return cut(line.toString(), width);
+        return cut(line.toString(), width).stripTrailing();
     }
 
     /** The text cut to {@code width} columns; a cut text ends in '+'. */
