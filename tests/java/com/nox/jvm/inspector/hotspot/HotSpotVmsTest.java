@@ -97,6 +97,7 @@ class HotSpotVmsTest {
         JdkVm ending = new JdkVm(List.of(), List.of(), "ending");
         try (JdkVm a = new JdkVm(List.of(), List.of("-XX:+UseSerialGC", "-Xmx128m"), "first", "argument");
              JdkVm b = new JdkVm(List.of(), List.of("-Xmx96m"), "second");
+             JdkVm third = new JdkVm(List.of(), List.of("-XX:+UseParallelGC", "-Xmx256m"), "third");
              JdkVm without = new JdkVm(List.of(), List.of("-XX:-UsePerfData"), "without")) {
             HotSpotVm first = awaitListed(a);
             awaitListed(b);
@@ -120,6 +121,23 @@ class HotSpotVmsTest {
             assertTrue(f.classesLoaded() > 300, "classes " + f.classesLoaded());
             assertTrue(f.threadsLive() >= 1 && f.threadsLive() <= f.threadsPeak(), f.toString());
             assertTrue(f.uptimeSeconds() > 0 && f.uptimeSeconds() < 120, "uptime " + f.uptimeSeconds());
+
+            // Heap used within the VM's own readings, for each collector's counters (Serial, G1,
+            // Parallel). Answering a reading allocates a little; the counters follow the heap at
+            // the VM's own pace (some at each sample, some at allocation of a new region).
+            awaitListed(third);
+            Thread.sleep(200);  // the VM samples some of its counters every 50 ms
+            for (JdkVm vm : List.of(a, b, third)) {
+                long[] before = vm.heap();
+                HotSpotFigures h = inspector.figures(vm.pid()).orElseThrow();
+                long[] after = vm.heap();
+                long slack = 2L << 20;
+                assertTrue(h.heapUsed() >= Math.min(before[0], after[0]) - slack
+                        && h.heapUsed() <= Math.max(before[0], after[0]) + slack, h + ": the VM's own readings "
+                        + before[0] + " and " + after[0]);
+                assertTrue(h.heapCommitted() >= Math.min(before[1], after[1]) - slack, h + " vs " + before[1]);
+                assertTrue(h.heapMax() >= before[2], h + " vs " + before[2]);
+            }
 
             // jcmd attaches, which starts threads in the VM: take its reading twice, ours between.
             Map<String, String> before = JcmdCounters.print(a.pid());
@@ -171,29 +189,6 @@ class HotSpotVmsTest {
             assertEquals(Optional.empty(), inspector.figures(endingPid));
         } finally {
             ending.close();
-        }
-    }
-
-    @Test
-    void heapUsedIsWithinTheVmsOwnReading() throws Exception {
-        for (String collector : List.of("-XX:+UseSerialGC", "-XX:+UseParallelGC", "-XX:+UseG1GC")) {
-            try (JdkVm vm = new JdkVm(List.of(), List.of(collector, "-Xmx256m"), "heap")) {
-                awaitListed(vm);
-                Thread.sleep(200);  // the VM samples some of its counters every 50 ms
-                long[] before = vm.heap();
-                HotSpotFigures f = inspector.figures(vm.pid()).orElseThrow();
-                long[] after = vm.heap();
-                // Answering a reading allocates a little; the counters follow the heap at the VM's
-                // own pace (some at each sample, some at allocation of a new region).
-                long slack = 2L << 20;
-                long low = Math.min(before[0], after[0]) - slack;
-                long high = Math.max(before[0], after[0]) + slack;
-                assertTrue(f.heapUsed() >= low && f.heapUsed() <= high, collector + ": heap used " + f.heapUsed()
-                        + ", the VM's own readings " + before[0] + " and " + after[0]);
-                assertTrue(f.heapCommitted() >= Math.min(before[1], after[1]) - slack, collector + ": committed "
-                        + f.heapCommitted() + " vs " + before[1]);
-                assertTrue(f.heapMax() >= before[2], collector + ": max " + f.heapMax() + " vs " + before[2]);
-            }
         }
     }
 

@@ -13,8 +13,7 @@ import java.nio.charset.StandardCharsets;
  * <ul>
  * <li>{@code readings}: one line "READINGS" with its own MXBean figures (heap committed, used and
  * maximum in bytes, start time in epoch milliseconds, GC count, process CPU time in ns);</li>
- * <li>{@code gc}: runs {@code System.gc()} and prints "GC";</li>
- * <li>{@code exit N}: ends with status N.</li>
+ * <li>{@code gc}: runs {@code System.gc()} and prints "GC".</li>
  * </ul>
  * The end of standard input ends it with status 0.
  */
@@ -32,8 +31,6 @@ public final class AgentTarget {
             } else if (line.equals("gc")) {
                 System.gc();
                 System.out.println("GC");
-            } else if (line.startsWith("exit ")) {
-                System.exit(Integer.parseInt(line.substring(5).trim()));
             }
             System.out.flush();
         }

@@ -23,7 +23,7 @@ import java.util.concurrent.TimeUnit;
  */
 public final class AgentVm implements AutoCloseable {
     /** The heap of every test VM: fixed, so committed and maximum stay put while a test compares them. */
-    public static final String HEAP = "64m";
+    private static final String HEAP = "64m";
 
     private final Process process;
     private final long pid;
@@ -120,7 +120,7 @@ public final class AgentVm implements AutoCloseable {
         return Path.of("/tmp/nox_jvm_profiling_server_" + euid() + "_" + pid);
     }
 
-    public static int euid() {
+    private static int euid() {
         try {
             return (Integer) Files.getAttribute(Path.of("/proc/self/"), "unix:uid");
         } catch (IOException e) {
@@ -129,7 +129,7 @@ public final class AgentVm implements AutoCloseable {
     }
 
     /** Sends one command line to the VM. */
-    public void send(String line) throws IOException {
+    private void send(String line) throws IOException {
         in.write(line + "\n");
         in.flush();
     }
