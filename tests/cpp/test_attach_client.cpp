@@ -61,31 +61,21 @@ int listen_at(const std::string& path) {
     return fd;
 }
 
-// Reads one request (five NUL-terminated strings) and answers it by its command name.
+// Reads one request (five NUL-terminated strings) and answers it by its command name: "echo"
+// with the request (NULs as '|'), "silent" never, the others with a reply of their own.
 void answer_one(int listener) {
     int fd = accept(listener, nullptr, nullptr);
     if (fd < 0) return;
     std::string request;
     char c;
-    int strings = 0;
-    while (strings < 5 && read(fd, &c, 1) == 1) {
-        request += c;
-        if (c == '\0') strings++;
-    }
+    for (int strings = 0; strings < 5 && read(fd, &c, 1) == 1; strings += c == '\0') request += c;
     std::string name = request.size() > 2 ? std::string(request.c_str() + 2) : "";
-    std::string reply;
-    if (name == "echo") {
-        reply = "0\n" + request;
-        for (char& r : reply) r = r == '\0' ? '|' : r;
-    } else if (name == "fail") {
-        reply = "-1\nit failed\n";
-    } else if (name == "garbage") {
-        reply = "x1\n";
-    } else if (name == "big") {
-        reply = "0\n" + std::string(1 << 20, 'b');
-    } else if (name == "silent") {
-        while (read(fd, &c, 1) > 0) {
-        }
+    std::string reply = name == "echo" ? "0\n" + request
+                        : name == "fail" ? "-1\nit failed\n"
+                        : name == "garbage" ? "x1\n"
+                        : name == "big" ? "0\n" + std::string(1 << 20, 'b') : "";
+    for (char& r : reply) r = r == '\0' ? '|' : r;
+    while (name == "silent" && read(fd, &c, 1) > 0) {
     }
     for (size_t done = 0; done < reply.size();) {
         ssize_t n = write(fd, reply.data() + done, reply.size() - done);
@@ -93,10 +83,6 @@ void answer_one(int listener) {
         done += static_cast<size_t>(n);
     }
     close(fd);
-}
-
-[[noreturn]] void serve_forever(int listener) {
-    for (;;) answer_one(listener);
 }
 
 bool trigger_present() {
@@ -133,7 +119,7 @@ bool trigger_present() {
         if (!triggered || listener >= 0 || behaviour == Behaviour::IGNORE) continue;
         if (behaviour == Behaviour::OTHER_SERVER && fork() == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
-            serve_forever(listen_at(socket_path));
+            for (int other = listen_at(socket_path);;) answer_one(other);
         }
         if (behaviour == Behaviour::ANSWER) listener = listen_at(socket_path);
     }

@@ -1,5 +1,5 @@
-// One VM's per-VM area: every field's size guard at its exact boundary in both widths, texts cut
-// by their capacity or by the end of the block, the instance area's figures, and the requests:
+// One VM's per-VM area: every field's size guard at its exact boundary in both widths (with the
+// instance area's figures), texts cut by their capacity or by the end of the block, and the requests:
 // their flags, the order in which a request's stores reach the VM, and what a simulated VM does
 // with them. Offsets and thresholds come from the published tables, not from the library's
 // layout structures.
@@ -125,6 +125,11 @@ std::vector<std::string> publish_every_field(const char* width) {
     for (const char* extra : {"to_port=7010", "user_time=902", "processing_time=903"}) {
         args.insert(args.end(), {"--set", extra});
     }
+    // The instance area: entry 0 of each heap array is the cluster's figure, entry 1 lies behind it.
+    for (const char* figure : {"shared_pool_size=65536", "heap_size.0=1000", "heap_size.1=1", "heap_size_allocated.0=2000",
+                               "heap_size_allocated.1=1", "heap_size_peak.0=3000", "heap_size_peak.1=1"}) {
+        args.insert(args.end(), {"--ica-set", figure});
+    }
     return args;
 }
 
@@ -160,6 +165,12 @@ void check_every_guard(const char* width) {
     EXPECT_EQ(vm.pid(), ControlAreaImpl_CL<arch>(area, pid_offset).get_pid());
     EXPECT_EQ(-1, ControlAreaImpl_CL<arch>(area, pid_offset - 1).get_pid());
     EXPECT_TRUE(ControlAreaImpl_CL<arch>(area, 0).is_valid());  // the eyecatcher has no size test
+    InstanceControlArea_CL* instance = manager.get_instance_control_area();
+    EXPECT_EQ(65536u, instance->get_shared_pool_size()) << width;
+    EXPECT_EQ(1000u, instance->get_global_memory()) << width;
+    EXPECT_EQ(2000u, instance->get_global_allocated_memory()) << width;
+    EXPECT_EQ(3000u, instance->get_global_memory_peak()) << width;
+    EXPECT_EQ(1, instance->get_attach_count()) << width;
 }
 
 // The VM side of a request, observed without a race. The area's first 128 bytes (request flags,
@@ -267,24 +278,6 @@ TEST(ControlAreaGuards, TextsEndAtTheirCapacityOrWhereTheBlockEnds) {
     EXPECT_EQ("0123456789", text(cut.get_vm_version()));
     EXPECT_EQ("<null>", text(cut.get_vm_tag()));
     EXPECT_EQ(-1, ControlAreaImpl_CL<Bit64>(block.data() + 14290 - 122, 46072, 122).get_vm_id());
-}
-
-TEST(InstanceControlArea, FiguresOfTheCluster) {
-    for (const char* width : {"32", "64"}) {
-        // Entry 0 of each heap array is the cluster's figure; entry 1 lies right behind it.
-        Vmsim vm({"--type", "process", "--width", width, "--ica-set", "shared_pool_size=65536", "--ica-set",
-                  "heap_size.0=1000", "--ica-set", "heap_size.1=1",  "--ica-set", "heap_size_allocated.0=2000",
-                  "--ica-set", "heap_size_allocated.1=1", "--ica-set", "heap_size_peak.0=3000", "--ica-set",
-                  "heap_size_peak.1=1"});
-        ControlAreaManager_CL manager(process_cluster(vm));
-        ASSERT_TRUE(manager.is_valid());
-        InstanceControlArea_CL* instance = manager.get_instance_control_area();
-        EXPECT_EQ(65536u, instance->get_shared_pool_size()) << width;
-        EXPECT_EQ(1000u, instance->get_global_memory()) << width;
-        EXPECT_EQ(2000u, instance->get_global_allocated_memory()) << width;
-        EXPECT_EQ(3000u, instance->get_global_memory_peak()) << width;
-        EXPECT_EQ(1, instance->get_attach_count()) << width;
-    }
 }
 
 TEST(ControlAreaRequests, ParametersAreStoredBeforeTheFlagIsRaised) {

@@ -104,11 +104,20 @@ std::vector<unsigned char> single(int type, int id, int slot, VmRecordKind kind)
     return std::vector<unsigned char>(buffer.data(), buffer.data() + buffer.size());
 }
 
-TEST(HostPass, RecordsEqualWhatTheSingleNativesReturn) {
+// Every kind of cluster in one pass: a process cluster with chosen texts, an instance cluster
+// with an ended VM in its middle slot, two more instance clusters and two more process clusters
+// for the order, a refused block and a block that promises 2^31 - 1 slots.
+TEST(HostPass, EveryClusterInOrderWithWhatTheSingleNativesReturn) {
     noxtest::Vmsim process({"--type", "process", "--set", "vm_tag=pass-test", "--set", "jar_main_class=a.B"});
     noxtest::Vmsim instance({"--type", "instance", "--id", "51", "--slots", "3", "--dead", "1"});
+    noxtest::Vmsim high({"--type", "instance", "--id", "53"});
+    noxtest::Vmsim low({"--type", "instance", "--id", "52"});
+    noxtest::Vmsim second({"--type", "process"});
+    noxtest::Vmsim broken({"--type", "process", "--eyecatcher", "0x12345678"});
+    noxtest::Vmsim hostile({"--type", "process", "--max-vm-nr", "2147483647"});
     std::vector<PassCluster> clusters = run_pass();
 
+    const VmRecordKind kinds[] = {VM_RECORD_START, VM_RECORD_TIME, VM_RECORD_MEMORY, VM_RECORD_DEBUG};
     const PassCluster* own = find(clusters, 1, process.pid());
     ASSERT_NE(own, nullptr) << "the process cluster of vmsim " << process.pid() << " is not in the pass";
     EXPECT_TRUE(own->attachable);
@@ -116,71 +125,44 @@ TEST(HostPass, RecordsEqualWhatTheSingleNativesReturn) {
     ASSERT_EQ(own->vms.size(), 1u);
     EXPECT_EQ(own->vms[0].pid, process.pid());
     EXPECT_GT(own->vms[0].process_start, 0);
-    const VmRecordKind kinds[] = {VM_RECORD_START, VM_RECORD_TIME, VM_RECORD_MEMORY, VM_RECORD_DEBUG};
+    EXPECT_EQ(own->vms[0].vm_id, query_unique_id(1, process.pid(), 0));
     for (int k = 0; k < 4; k++) {
         ASSERT_TRUE(own->vms[0].present[k]) << "record " << k;
         EXPECT_EQ(own->vms[0].records[k], single(1, process.pid(), 0, kinds[k])) << "record " << k;
     }
-    EXPECT_EQ(own->vms[0].vm_id, query_unique_id(1, process.pid(), 0));
-
     const PassCluster* segment = find(clusters, 2, 51);
     ASSERT_NE(segment, nullptr) << "instance cluster 51 is not in the pass";
     EXPECT_EQ(segment->slots, 3);
     std::vector<int> pids = instance.slot_pids();
     ASSERT_EQ(segment->vms.size(), 2u) << "slot 1 holds an ended VM and must not be listed";
-    EXPECT_EQ(segment->vms[0].slot, 0);
-    EXPECT_EQ(segment->vms[1].slot, 2);
-    EXPECT_EQ(segment->vms[0].pid, pids[0]);
-    EXPECT_EQ(segment->vms[1].pid, pids[2]);
-    for (const PassVm& vm : segment->vms) {
-        for (int k = 0; k < 4; k++) {
-            EXPECT_EQ(vm.records[k], single(2, 51, vm.slot, kinds[k])) << "slot " << vm.slot << " record " << k;
-        }
+    for (int i = 0; i < 2; i++) {
+        const PassVm& vm = segment->vms[i];
+        EXPECT_EQ(vm.slot, 2 * i);
+        EXPECT_EQ(vm.pid, pids[2 * i]);
+        for (int k = 0; k < 4; k++) EXPECT_EQ(vm.records[k], single(2, 51, vm.slot, kinds[k])) << "slot " << vm.slot << " record " << k;
     }
-}
+    // A refused block is listed while its file exists, without VMs; so is a hostile slot count.
+    for (const noxtest::Vmsim* vm : {&broken, &hostile}) {
+        const PassCluster* refused = find(clusters, 1, vm->pid());
+        ASSERT_NE(refused, nullptr) << vm->ready_line();
+        EXPECT_EQ(refused->slots, 0) << vm->ready_line();
+        EXPECT_TRUE(refused->vms.empty()) << vm->ready_line();
+    }
+    EXPECT_FALSE(find(clusters, 1, broken.pid())->attachable);
+    EXPECT_EQ(find(clusters, 1, broken.pid())->version, -1);
 
-TEST(HostPass, InstanceClustersByIdThenProcessClustersByPid) {
-    noxtest::Vmsim first({"--type", "process"});
-    noxtest::Vmsim second({"--type", "process"});
-    noxtest::Vmsim third({"--type", "process"});
-    noxtest::Vmsim high({"--type", "instance", "--id", "53"});
-    noxtest::Vmsim low({"--type", "instance", "--id", "52"});
-    std::vector<PassCluster> clusters = run_pass();
+    // Instance clusters by id, then process clusters by pid.
+    EXPECT_NE(find(clusters, 2, 52), nullptr);
+    EXPECT_NE(find(clusters, 2, 53), nullptr);
+    EXPECT_NE(find(clusters, 1, second.pid()), nullptr);
     bool process_seen = false;
     for (size_t i = 0; i < clusters.size(); i++) {
         if (clusters[i].type == 1) process_seen = true;
-        if (clusters[i].type == 2) {
-            EXPECT_FALSE(process_seen) << "instance cluster after a process cluster";
-        }
+        EXPECT_FALSE(clusters[i].type == 2 && process_seen) << "instance cluster after a process cluster";
         if (i > 0 && clusters[i].type == clusters[i - 1].type) {
             EXPECT_LT(clusters[i - 1].id, clusters[i].id) << "clusters of one type out of order";
         }
     }
-    EXPECT_NE(find(clusters, 2, 52), nullptr);
-    EXPECT_NE(find(clusters, 2, 53), nullptr);
-    for (const noxtest::Vmsim* vm : {&first, &second, &third}) {
-        EXPECT_NE(find(clusters, 1, vm->pid()), nullptr) << "vmsim " << vm->pid();
-    }
-}
-
-TEST(HostPass, RefusedProcessBlockIsListedWithoutVms) {
-    noxtest::Vmsim broken({"--type", "process", "--eyecatcher", "0x12345678"});
-    std::vector<PassCluster> clusters = run_pass();
-    const PassCluster* own = find(clusters, 1, broken.pid());
-    ASSERT_NE(own, nullptr) << "a process cluster is listed while its file exists";
-    EXPECT_FALSE(own->attachable);
-    EXPECT_EQ(own->version, -1);
-    EXPECT_EQ(own->slots, 0);
-    EXPECT_TRUE(own->vms.empty());
-}
-
-TEST(HostPass, HostileSlotCountYieldsNoVmsAndNoCrash) {
-    noxtest::Vmsim hostile({"--type", "process", "--max-vm-nr", "2147483647"});
-    std::vector<PassCluster> clusters = run_pass();
-    const PassCluster* own = find(clusters, 1, hostile.pid());
-    ASSERT_NE(own, nullptr);
-    EXPECT_EQ(own->slots, 0);
-    EXPECT_TRUE(own->vms.empty());
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
-// The parser of performance-data blocks: synthetic blocks with chosen defects, and real files
-// of sleeping JDK 17 VMs (the fuzz seeds). Then the figures computed from a block.
+// The parser of performance-data blocks: synthetic blocks in both byte orders with chosen
+// defects, and real files of sleeping JDK 17 VMs (the fuzz seeds). Then the figures computed
+// from a block.
 #include "hotspotFigures.h"
 #include "perfDataBlock.h"
 #include "perfDataBuffer.h"
@@ -16,7 +17,9 @@ using noxtest::PerfDataBlock;
 
 namespace {
 
-std::vector<std::string> names_of(const std::vector<unsigned char>& bytes) {
+typedef std::vector<unsigned char> Bytes;
+
+std::vector<std::string> names_of(const Bytes& bytes) {
     PerfDataBuffer block(bytes.data(), bytes.size());
     std::vector<std::string> names;
     PerfDataCursor cursor;
@@ -25,15 +28,15 @@ std::vector<std::string> names_of(const std::vector<unsigned char>& bytes) {
     return names;
 }
 
-std::string text_of(const PerfCounter& c) {
-    return std::string(reinterpret_cast<const char*>(c.bytes), c.bytes_length);
+std::string text_of(const unsigned char* bytes, size_t length) {
+    return std::string(reinterpret_cast<const char*>(bytes), length);
 }
 
 std::string text_of(const PerfText_CL& t) {
-    return std::string(reinterpret_cast<const char*>(t.bytes), t.length);
+    return text_of(t.bytes, t.length);
 }
 
-PerfDataBlock three_counters(bool little_endian = true) {
+PerfDataBlock three_counters(bool little_endian) {
     PerfDataBlock b(little_endian);
     b.add_long("sun.os.hrt.frequency", 1000000000, 6, 1)
         .add_string("sun.rt.javaCommand", "demo.Main --port 80")
@@ -41,99 +44,85 @@ PerfDataBlock three_counters(bool little_endian = true) {
     return b;
 }
 
+// The figures of a block; their texts point into `bytes`, which the caller keeps.
+HotSpotFigures_CL figures_of(const PerfDataBlock& b, Bytes* bytes) {
+    *bytes = b.bytes();
+    HotSpotFigures_CL f;
+    read_hotspot_figures(PerfDataBuffer(bytes->data(), bytes->size()), &f);
+    return f;
+}
+
 }  // namespace
 
-TEST(PerfDataBuffer, ReadsLongsAndStringsOfASyntheticBlock) {
-    std::vector<unsigned char> bytes = three_counters().bytes(4096);
-    PerfDataBuffer block(bytes.data(), bytes.size());
-    ASSERT_TRUE(block.is_valid());
-    EXPECT_TRUE(block.is_accessible());
-    EXPECT_TRUE(block.little_endian());
-    EXPECT_EQ(2, block.major_version());
-    EXPECT_EQ(3, block.entry_count());
-    PerfCounter c;
-    ASSERT_TRUE(block.find("sun.os.hrt.frequency", &c));
-    EXPECT_TRUE(c.is_long());
-    EXPECT_EQ(1000000000, c.long_value);
-    EXPECT_EQ(6, c.units);
-    EXPECT_EQ(1, c.variability);
-    ASSERT_TRUE(block.find("sun.rt.javaCommand", &c));
-    EXPECT_TRUE(c.is_bytes());
-    EXPECT_EQ("demo.Main --port 80", text_of(c));
-    ASSERT_TRUE(block.find("java.threads.live", &c));
-    EXPECT_EQ(-7, c.long_value);
-    EXPECT_FALSE(block.find("java.threads", &c));  // a prefix is not the name
-    EXPECT_FALSE(block.find("nothing.here", &c));
-}
+TEST(PerfDataBuffer, ReadsBothByteOrdersAndRefusesBadPrologues) {
+    for (bool little : {true, false}) {
+        PerfDataBlock b = three_counters(little);
+        const Bytes padded = b.bytes(4096), good = b.bytes();
+        PerfDataBuffer block(padded.data(), padded.size());
+        ASSERT_TRUE(block.is_valid()) << little;
+        EXPECT_TRUE(block.is_accessible());
+        EXPECT_EQ(little, block.little_endian());
+        EXPECT_EQ(2, block.major_version());
+        EXPECT_EQ(3, block.entry_count());
+        PerfCounter c;
+        ASSERT_TRUE(block.find("sun.os.hrt.frequency", &c));
+        EXPECT_TRUE(c.is_long());
+        EXPECT_EQ(1000000000, c.long_value);
+        EXPECT_EQ(6, c.units);
+        EXPECT_EQ(1, c.variability);
+        ASSERT_TRUE(block.find("sun.rt.javaCommand", &c));
+        EXPECT_TRUE(c.is_bytes());
+        EXPECT_EQ("demo.Main --port 80", text_of(c.bytes, c.bytes_length));
+        ASSERT_TRUE(block.find("java.threads.live", &c));
+        EXPECT_EQ(-7, c.long_value);
+        EXPECT_EQ(3, c.variability);
+        EXPECT_FALSE(block.find("java.threads", &c));  // a prefix is not the name
+        Bytes closed = three_counters(little).accessible(false).bytes();
+        EXPECT_FALSE(PerfDataBuffer(closed.data(), closed.size()).is_accessible());
+        EXPECT_TRUE(PerfDataBuffer(closed.data(), closed.size()).is_valid());
 
-TEST(PerfDataBuffer, ReadsBigEndianBlocks) {
-    std::vector<unsigned char> bytes = three_counters(false).bytes();
-    PerfDataBuffer block(bytes.data(), bytes.size());
-    ASSERT_TRUE(block.is_valid());
-    EXPECT_FALSE(block.little_endian());
-    PerfCounter c;
-    ASSERT_TRUE(block.find("sun.os.hrt.frequency", &c));
-    EXPECT_EQ(1000000000, c.long_value);
-    ASSERT_TRUE(block.find("java.threads.live", &c));
-    EXPECT_EQ(-7, c.long_value);
-}
-
-TEST(PerfDataBuffer, RefusesAWrongMagicByteOrderOrVersion) {
-    const std::vector<unsigned char> good = three_counters().bytes();
-    struct Spoil {
-        size_t at;
-        unsigned char value;
-    } spoils[] = {{0, 0xCB}, {3, 0x00}, {4, 2}, {5, 1}, {5, 3}};
-    for (const Spoil& s : spoils) {
-        std::vector<unsigned char> bytes = good;
-        bytes[s.at] = s.value;
-        EXPECT_FALSE(PerfDataBuffer(bytes.data(), bytes.size()).is_valid()) << "byte " << s.at;
+        // Spoiled prologue bytes (magic, byte order, version) and fields: refused, or a walk
+        // bounded by what the block really holds.
+        struct Spoil {
+            size_t at;
+            int32_t value;
+            bool whole_int;
+            bool valid;
+            size_t names;
+        } spoils[] = {
+            {0, 0xCB, false, false, 0}, {3, 0x00, false, false, 0}, {4, 2, false, false, 0},
+            {5, 1, false, false, 0},    {5, 3, false, false, 0},
+            {8, 0x7fffffff, true, true, 3},                            // used beyond the copy
+            {8, -5, true, false, 0},
+            {24, static_cast<int32_t>(good.size()) + 8, true, false, 0},  // first entry beyond used
+            {24, 8, true, false, 0},                                   // first entry in the prologue
+            {28, -1, true, false, 0},
+            {28, 1, true, true, 1},                                    // the count bounds the walk
+            {28, 1000000, true, true, 3},                              // ... and the used size too
+        };
+        for (const Spoil& s : spoils) {
+            Bytes bytes = good;
+            if (s.whole_int) {
+                b.put_int(bytes, s.at, s.value);
+            } else {
+                bytes[s.at] = static_cast<unsigned char>(s.value);
+            }
+            PerfDataBuffer spoiled(bytes.data(), bytes.size());
+            EXPECT_EQ(s.valid, spoiled.is_valid()) << "at " << s.at << " " << s.value;
+            EXPECT_EQ(s.names, names_of(bytes).size()) << "at " << s.at << " " << s.value;
+            EXPECT_EQ(!(s.at == 8 && s.valid), spoiled.holds_used() || !s.valid) << s.at;
+        }
+        EXPECT_TRUE(block.holds_used());
     }
+    Bytes good = three_counters(true).bytes();
     EXPECT_FALSE(PerfDataBuffer(good.data(), 31).is_valid());
     EXPECT_FALSE(PerfDataBuffer(nullptr, 0).is_valid());
 }
 
-TEST(PerfDataBuffer, NotAccessibleUntilTheVmSaysSo) {
-    std::vector<unsigned char> bytes = three_counters().accessible(false).bytes();
-    PerfDataBuffer block(bytes.data(), bytes.size());
-    EXPECT_TRUE(block.is_valid());
-    EXPECT_FALSE(block.is_accessible());
-}
-
-TEST(PerfDataBuffer, PrologueFieldsOutsideTheBlockAreRefusedOrCut) {
-    PerfDataBlock b = three_counters();
-    std::vector<unsigned char> bytes = b.bytes();
-    EXPECT_TRUE(PerfDataBuffer(bytes.data(), bytes.size()).holds_used());
-    b.put_int(bytes, 8, 0x7fffffff);  // used beyond the copy: the walk stops at the copy's end
-    EXPECT_EQ(3u, names_of(bytes).size());
-    EXPECT_FALSE(PerfDataBuffer(bytes.data(), bytes.size()).holds_used());
-    bytes = b.bytes();
-    b.put_int(bytes, 24, static_cast<int32_t>(bytes.size()) + 8);  // first entry beyond used
-    EXPECT_FALSE(PerfDataBuffer(bytes.data(), bytes.size()).is_valid());
-    bytes = b.bytes();
-    b.put_int(bytes, 24, 8);  // first entry inside the prologue
-    EXPECT_FALSE(PerfDataBuffer(bytes.data(), bytes.size()).is_valid());
-    bytes = b.bytes();
-    b.put_int(bytes, 28, -1);
-    EXPECT_FALSE(PerfDataBuffer(bytes.data(), bytes.size()).is_valid());
-    bytes = b.bytes();
-    b.put_int(bytes, 8, -5);
-    EXPECT_FALSE(PerfDataBuffer(bytes.data(), bytes.size()).is_valid());
-}
-
-TEST(PerfDataBuffer, EntryCountBoundsTheWalk) {
-    PerfDataBlock b = three_counters();
-    std::vector<unsigned char> bytes = b.bytes();
-    b.put_int(bytes, 28, 1);
-    EXPECT_EQ(std::vector<std::string>{"sun.os.hrt.frequency"}, names_of(bytes));
-    b.put_int(bytes, 28, 1000000);  // more than there are: the walk ends at the used size
-    EXPECT_EQ(3u, names_of(bytes).size());
-}
-
 TEST(PerfDataBuffer, AnEntryThatDoesNotFitEndsTheWalk) {
-    PerfDataBlock b = three_counters();
-    const std::vector<unsigned char> good = b.bytes();
-    size_t second = b.entry_offset(1);
+    PerfDataBlock b = three_counters(true);
+    const Bytes good = b.bytes();
+    const size_t first = b.entry_offset(0), second = b.entry_offset(1);
     struct Spoil {
         const char* what;
         size_t field;
@@ -150,70 +139,55 @@ TEST(PerfDataBuffer, AnEntryThatDoesNotFitEndsTheWalk) {
         {"data offset inside the header", 16, 0},
     };
     for (const Spoil& s : spoils) {
-        std::vector<unsigned char> bytes = good;
+        Bytes bytes = good;
         b.put_int(bytes, second + s.field, s.value);
         EXPECT_EQ(std::vector<std::string>{"sun.os.hrt.frequency"}, names_of(bytes)) << s.what;
     }
-    std::vector<unsigned char> bytes = good;
+    Bytes bytes = good;
     bytes[second + 12] = 'I';  // a type HotSpot never writes
     EXPECT_EQ(1u, names_of(bytes).size());
     // A name that runs to the end of its entry without a terminator.
     bytes = good;
-    size_t first = b.entry_offset(0);
     for (size_t i = first + 20; i < second; i++) bytes[i] = 'x';
     EXPECT_TRUE(names_of(bytes).empty());
     // A long whose 8 bytes do not fit in its entry.
     bytes = good;
     b.put_int(bytes, first + 16, static_cast<int32_t>(second - first - 4));
     EXPECT_TRUE(names_of(bytes).empty());
-}
-
-TEST(PerfDataBuffer, AStringWithoutTerminatorEndsAtItsVector) {
-    PerfDataBlock b;
-    b.add_string("sun.rt.javaCommand", "Main");
-    std::vector<unsigned char> bytes = b.bytes();
-    size_t entry = b.entry_offset(0);
-    b.put_int(bytes, entry + 8, 4);  // the vector holds "Main" without its NUL
-    PerfDataBuffer block(bytes.data(), bytes.size());
+    // A string whose vector holds "Main" without its NUL ends at its vector.
+    PerfDataBlock one;
+    one.add_string("sun.rt.javaCommand", "Main");
+    bytes = one.bytes();
+    one.put_int(bytes, one.entry_offset(0) + 8, 4);
     PerfCounter c;
-    ASSERT_TRUE(block.find("sun.rt.javaCommand", &c));
-    EXPECT_EQ("Main", text_of(c));
+    ASSERT_TRUE(PerfDataBuffer(bytes.data(), bytes.size()).find("sun.rt.javaCommand", &c));
+    EXPECT_EQ("Main", text_of(c.bytes, c.bytes_length));
 }
 
-TEST(PerfDataBuffer, ReadsTheFilesOfRealVms) {
+TEST(PerfDataBuffer, RealFilesAndEveryPrefixOfOne) {
     for (const char* collector : {"g1", "serial", "parallel"}) {
-        std::vector<unsigned char> bytes = noxtest::real_vm_file(collector);
+        Bytes bytes = noxtest::real_vm_file(collector);
         PerfDataBuffer block(bytes.data(), bytes.size());
         ASSERT_TRUE(block.is_accessible()) << collector;
         std::vector<std::string> names = names_of(bytes);
         EXPECT_EQ(static_cast<size_t>(block.entry_count()), names.size()) << collector;
         EXPECT_GT(names.size(), 150u) << collector;
-        PerfCounter c;
-        ASSERT_TRUE(block.find("java.property.java.vm.version", &c));
-        EXPECT_EQ(0u, text_of(c).find("17.")) << text_of(c);
-        ASSERT_TRUE(block.find("sun.os.hrt.frequency", &c));
-        EXPECT_EQ(1000000000, c.long_value);
     }
-}
-
-TEST(PerfDataBuffer, EveryPrefixOfARealFileIsReadSafely) {
-    std::vector<unsigned char> whole = noxtest::real_vm_file("serial");
+    Bytes whole = noxtest::real_vm_file("serial");
     PerfDataBuffer full(whole.data(), whole.size());
-    size_t used = full.used();
-    for (size_t length = 0; length <= used + 8; length++) {
+    for (size_t length = 0; length <= full.used() + 8; length++) {
         // A copy of exactly `length` bytes on the heap: a read past it is an AddressSanitizer error.
-        std::vector<unsigned char> prefix(whole.begin(), whole.begin() + length);
-        std::vector<std::string> names = names_of(prefix);
-        EXPECT_LE(names.size(), static_cast<size_t>(full.entry_count()));
-        if (length >= used) {
-            EXPECT_EQ(static_cast<size_t>(full.entry_count()), names.size());
-        }
+        Bytes prefix(whole.begin(), whole.begin() + length);
+        size_t names = names_of(prefix).size();
+        EXPECT_LE(names, static_cast<size_t>(full.entry_count()));
+        EXPECT_TRUE(length < full.used() || names == static_cast<size_t>(full.entry_count())) << length;
     }
 }
 
-TEST(HotSpotFigures, AddsGenerationsAndKeepsCollectors) {
-    PerfDataBlock b;
-    b.add_string("sun.gc.policy.name", "Copy:MSC")
+TEST(HotSpotFigures, SyntheticBlocks) {
+    PerfDataBlock serial;
+    serial.add_string("sun.gc.policy.name", "Copy:MSC")
+        .add_long("sun.os.hrt.frequency", 2500000)  // not every VM counts in nanoseconds
         .add_long("sun.gc.generation.0.capacity", 1000)
         .add_long("sun.gc.generation.0.maxCapacity", 4000)
         .add_long("sun.gc.generation.0.space.0.used", 100)
@@ -233,12 +207,12 @@ TEST(HotSpotFigures, AddsGenerationsAndKeepsCollectors) {
         .add_long("java.cls.sharedLoadedClasses", 360)
         .add_long("java.threads.live", 9)
         .add_string("sun.rt.javaCommand", "app.jar --x");
-    std::vector<unsigned char> bytes = b.bytes();
-    HotSpotFigures_CL f;
-    read_hotspot_figures(PerfDataBuffer(bytes.data(), bytes.size()), &f);
+    Bytes kept;
+    HotSpotFigures_CL f = figures_of(serial, &kept);
     EXPECT_EQ(523, f.heap_used);
     EXPECT_EQ(6000, f.heap_committed);
     EXPECT_EQ(20000, f.heap_max);
+    EXPECT_EQ(2500000, f.tick_frequency);
     ASSERT_EQ(2, f.collector_count);
     EXPECT_EQ("Serial young collection pauses", text_of(f.collectors[0].name));
     EXPECT_EQ(12, f.collectors[0].invocations);
@@ -248,54 +222,45 @@ TEST(HotSpotFigures, AddsGenerationsAndKeepsCollectors) {
     EXPECT_EQ(400, f.classes_loaded);
     EXPECT_EQ(9, f.threads_live);
     EXPECT_EQ("app.jar --x", text_of(f.java_command));
-}
 
-TEST(HotSpotFigures, G1HeapMaximumIsItsLargestGeneration) {
-    PerfDataBlock b;
-    b.add_string("sun.gc.policy.name", "GarbageFirst")
+    // G1's heap maximum is its largest generation's, not their sum.
+    PerfDataBlock g1;
+    g1.add_string("sun.gc.policy.name", "GarbageFirst")
         .add_long("sun.gc.generation.0.maxCapacity", 6000)
         .add_long("sun.gc.generation.1.maxCapacity", 6000);
-    std::vector<unsigned char> bytes = b.bytes();
-    HotSpotFigures_CL f;
-    read_hotspot_figures(PerfDataBuffer(bytes.data(), bytes.size()), &f);
-    EXPECT_EQ(6000, f.heap_max);
-}
+    EXPECT_EQ(6000, figures_of(g1, &kept).heap_max);
 
-TEST(HotSpotFigures, SumsOfHugeFiguresStopAtTheLargestLong) {
-    // A hostile file may publish figures whose sum overflows; the sum stops at INT64_MAX.
+    // A hostile file's figures whose sum overflows: the sum stops at the largest long.
     const int64_t huge = INT64_MAX - 10;
-    PerfDataBlock b;
-    b.add_long("sun.gc.generation.0.space.0.used", huge)
+    PerfDataBlock hostile;
+    hostile.add_long("sun.gc.generation.0.space.0.used", huge)
         .add_long("sun.gc.generation.0.space.1.used", huge)
         .add_long("sun.gc.generation.1.capacity", huge)
         .add_long("sun.gc.generation.0.capacity", 20)
         .add_long("java.cls.loadedClasses", huge)
         .add_long("java.cls.sharedLoadedClasses", huge);
-    std::vector<unsigned char> bytes = b.bytes();
-    HotSpotFigures_CL f;
-    read_hotspot_figures(PerfDataBuffer(bytes.data(), bytes.size()), &f);
+    f = figures_of(hostile, &kept);
     EXPECT_EQ(INT64_MAX, f.heap_used);
     EXPECT_EQ(INT64_MAX, f.heap_committed);
     EXPECT_EQ(INT64_MAX, f.classes_loaded);
-}
 
-TEST(HotSpotFigures, FiguresTheVmDoesNotPublishAreUnknown) {
-    PerfDataBlock b;
-    b.add_long("sun.gc.collector.99.invocations", 5)  // beyond the collectors kept
-        .add_long("sun.gc.generation.7.capacity", 5)    // beyond the generations kept
+    // Figures the VM does not publish, or beyond the collectors and generations kept: unknown.
+    PerfDataBlock none;
+    none.add_long("sun.gc.collector.99.invocations", 5)
+        .add_long("sun.gc.generation.7.capacity", 5)
         .add_long("sun.gc.generation.x.capacity", 5);
-    std::vector<unsigned char> bytes = b.bytes();
-    HotSpotFigures_CL f;
-    read_hotspot_figures(PerfDataBuffer(bytes.data(), bytes.size()), &f);
-    EXPECT_EQ(-1, f.heap_used);
-    EXPECT_EQ(-1, f.heap_committed);
-    EXPECT_EQ(-1, f.heap_max);
-    EXPECT_EQ(-1, f.tick_frequency);
+    f = figures_of(none, &kept);
+    for (int64_t unknown : {f.heap_used, f.heap_committed, f.heap_max, f.tick_frequency}) EXPECT_EQ(-1, unknown);
     EXPECT_EQ(0, f.collector_count);
     EXPECT_EQ(0u, f.java_command.length);
+    HotSpotFigures_CL summary;
+    Bytes empty = PerfDataBlock().bytes();
+    read_hotspot_summary(PerfDataBuffer(empty.data(), empty.size()), &summary);
+    EXPECT_EQ(0u, summary.java_command.length);
+    EXPECT_EQ(-1, summary.begin_millis);
 }
 
-TEST(HotSpotFigures, FiguresOfRealVms) {
+TEST(HotSpotFigures, RealVmsAndTheirSummary) {
     struct Expect {
         const char* file;
         const char* command;
@@ -305,13 +270,16 @@ TEST(HotSpotFigures, FiguresOfRealVms) {
                    {"serial", "Sleep", "Copy:MSC", 2},
                    {"parallel", "Sleep x y z", "ParScav:MSC", 2}};
     for (const Expect& e : expects) {
-        std::vector<unsigned char> bytes = noxtest::real_vm_file(e.file);
-        HotSpotFigures_CL f;
-        read_hotspot_figures(PerfDataBuffer(bytes.data(), bytes.size()), &f);
+        Bytes bytes = noxtest::real_vm_file(e.file);
+        PerfDataBuffer block(bytes.data(), bytes.size());
+        HotSpotFigures_CL f, summary;
+        read_hotspot_figures(block, &f);
+        read_hotspot_summary(block, &summary);
         EXPECT_EQ(e.command, text_of(f.java_command)) << e.file;
         EXPECT_EQ(e.policy, text_of(f.gc_policy)) << e.file;
         EXPECT_EQ(e.collectors, f.collector_count) << e.file;
         EXPECT_EQ("OpenJDK 64-Bit Server VM", text_of(f.vm_name)) << e.file;
+        EXPECT_EQ(0u, text_of(f.vm_version).find("17.")) << e.file;
         EXPECT_EQ(1000000000, f.tick_frequency);
         EXPECT_GT(f.begin_millis, 1600000000000LL);
         EXPECT_GE(f.heap_used, 0);
@@ -319,26 +287,10 @@ TEST(HotSpotFigures, FiguresOfRealVms) {
         EXPECT_GE(f.heap_max, f.heap_committed);
         EXPECT_GT(f.classes_loaded, 100);
         EXPECT_GE(f.threads_live, 1);
+        // The summary agrees with the figures on what it reads, and reads nothing else.
+        EXPECT_EQ(text_of(f.java_command), text_of(summary.java_command)) << e.file;
+        EXPECT_EQ(text_of(f.vm_version), text_of(summary.vm_version)) << e.file;
+        EXPECT_EQ(f.begin_millis, summary.begin_millis) << e.file;
+        EXPECT_EQ(-1, summary.heap_used) << e.file;
     }
-}
-
-TEST(HotSpotFigures, TheSummaryAgreesWithTheFigures) {
-    for (const char* collector : {"g1", "serial", "parallel"}) {
-        std::vector<unsigned char> bytes = noxtest::real_vm_file(collector);
-        PerfDataBuffer block(bytes.data(), bytes.size());
-        HotSpotFigures_CL all;
-        HotSpotFigures_CL summary;
-        read_hotspot_figures(block, &all);
-        read_hotspot_summary(block, &summary);
-        EXPECT_EQ(text_of(all.java_command), text_of(summary.java_command)) << collector;
-        EXPECT_EQ(text_of(all.vm_version), text_of(summary.vm_version)) << collector;
-        EXPECT_EQ(all.begin_millis, summary.begin_millis) << collector;
-        EXPECT_EQ(-1, summary.heap_used) << collector;
-    }
-    PerfDataBlock empty;
-    std::vector<unsigned char> bytes = empty.bytes();
-    HotSpotFigures_CL summary;
-    read_hotspot_summary(PerfDataBuffer(bytes.data(), bytes.size()), &summary);
-    EXPECT_EQ(0u, summary.java_command.length);
-    EXPECT_EQ(-1, summary.begin_millis);
 }

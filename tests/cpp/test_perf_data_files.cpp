@@ -14,6 +14,8 @@
 #include <chrono>
 #include <fcntl.h>
 #include <fstream>
+#include <functional>
+#include <iostream>
 #include <grp.h>
 #include <memory>
 #include <pwd.h>
@@ -173,10 +175,11 @@ TEST(PerfDataFiles, OnlyPlainPidsAreNamesOfVmFiles) {
     EXPECT_EQ(0, J2SE::perf_data_pid_of_name(nullptr));
 }
 
-TEST(PerfDataFiles, ListsTheLiveVmsOfAFolder) {
+TEST(PerfDataFiles, ListsAndReadsTheLiveVmsOfAFolder) {
     Root root;
     noxtest::LiveChild a, b;
-    ASSERT_TRUE(put(root.file(a.pid()), live_block("first.Main")));
+    std::vector<unsigned char> block = live_block("first.Main");
+    ASSERT_TRUE(put(root.file(a.pid()), block));
     ASSERT_TRUE(put(root.file(b.pid()), live_block("second.jar")));
     Seen seen = list(root);
     ASSERT_EQ(2u, seen.pids.size());
@@ -184,17 +187,11 @@ TEST(PerfDataFiles, ListsTheLiveVmsOfAFolder) {
         EXPECT_EQ(own_user(), seen.users[i]);
         EXPECT_EQ(seen.pids[i] == a.pid() ? "first.Main" : "second.jar", seen.commands[i]);
     }
-}
-
-TEST(PerfDataFiles, ReadsOneVmByPid) {
-    Root root;
-    noxtest::LiveChild child;
-    std::vector<unsigned char> block = live_block("Sleep arg1");
-    ASSERT_TRUE(put(root.file(child.pid()), block));
     PerfDataFile file;
     PerfDataVmRef vm;
-    ASSERT_TRUE(PerfDataHost(root.path().c_str()).read_vm(child.pid(), &file, &vm));
-    EXPECT_EQ(child.pid(), vm.pid);
+    PerfDataHost host(root.path().c_str());
+    ASSERT_TRUE(host.read_vm(a.pid(), &file, &vm));
+    EXPECT_EQ(a.pid(), vm.pid);
     EXPECT_EQ(geteuid(), vm.uid);
     // The copy is the used part of the file, not its zeros after it.
     size_t used = PerfDataBuffer(block.data(), block.size()).used();
@@ -202,108 +199,93 @@ TEST(PerfDataFiles, ReadsOneVmByPid) {
     EXPECT_EQ(std::vector<unsigned char>(block.begin(), block.begin() + used),
               std::vector<unsigned char>(file.data(), file.data() + file.size()));
     EXPECT_EQ(block.size(), file.file_size());
-    EXPECT_FALSE(PerfDataHost(root.path().c_str()).read_vm(noxtest::reaped_child_pid(), &file, &vm));
-    EXPECT_FALSE(PerfDataHost(root.path().c_str()).read_vm(0, &file, &vm));
-    EXPECT_FALSE(PerfDataHost(root.path().c_str()).read_vm(-1, &file, &vm));
+    for (int pid : {static_cast<int>(noxtest::reaped_child_pid()), 0, -1}) EXPECT_FALSE(host.read_vm(pid, &file, &vm)) << pid;
 }
 
-TEST(PerfDataFiles, FilesOfEndedVmsAreNotLive) {
-    Root root;
-    int gone = noxtest::reaped_child_pid();
-    ASSERT_TRUE(put(root.file(gone), live_block("gone.Main")));
-    // A live process whose pid a VM used before: the process started after that VM began.
-    noxtest::LiveChild reused;
-    noxtest::PerfDataBlock old;
-    old.add_long("sun.rt.createVmBeginTime", noxtest::now_millis() - 3600 * 1000, 1, 1);
-    ASSERT_TRUE(put(root.file(reused.pid()), old.bytes()));
-    // A VM that never finished publishing.
-    noxtest::LiveChild starting;
-    ASSERT_TRUE(put(root.file(starting.pid()), live_block("starting.Main", false)));
-    EXPECT_TRUE(list(root).pids.empty());
-}
-
-TEST(PerfDataFiles, NamesThatAreNotPidsAreSkipped) {
-    Root root;
-    noxtest::LiveChild child;
-    std::string pid = std::to_string(child.pid());
-    for (const std::string& name : {pid + ".bak", "0" + pid, pid + "x", std::string("+") + pid, std::string("99999999999")}) {
-        ASSERT_TRUE(put(root.folder() + "/" + name, live_block("planted")));
+// Each case spoils one thing of a folder that holds one good VM file under a live child's pid:
+// the VM is then neither listed nor read.
+TEST(PerfDataFiles, WhatIsNotALiveVmsOwnFileIsNeitherListedNorRead) {
+    OthersProcess others;
+    const bool root_user = geteuid() == 0;
+    struct Case {
+        const char* what;
+        bool needs_root;
+        std::function<bool(Root&, int& pid)> spoil;  // may move the VM to another pid
+    };
+    // needs_root: only root can give a file to another user.
+    auto block_at = [](Root& r, int pid, const std::vector<unsigned char>& bytes) { return put(r.file(pid), bytes); };
+    const std::vector<Case> cases = {
+        {"nothing spoiled (the VM is listed)", false, [](Root&, int&) { return true; }},
+        {"a pid that has ended", false, [&](Root& r, int& pid) {
+             unlink(r.file(pid).c_str());
+             pid = noxtest::reaped_child_pid();
+             return block_at(r, pid, live_block("gone.Main"));
+         }},
+        {"a pid reused by a process that started after the VM began", false, [](Root& r, int& pid) {
+             noxtest::PerfDataBlock old;
+             old.add_long("sun.rt.createVmBeginTime", noxtest::now_millis() - 3600 * 1000, 1, 1);
+             return put(r.file(pid), old.bytes());
+         }},
+        {"a VM that never finished publishing", false,
+         [&](Root& r, int& pid) { return block_at(r, pid, live_block("starting.Main", false)); }},
+        {"names that are not plain pids", false, [](Root& r, int& pid) {
+             std::string p = std::to_string(pid);
+             bool ok = unlink(r.file(pid).c_str()) == 0;
+             for (const std::string& name : {p + ".bak", "0" + p, p + "x", "+" + p, std::string("99999999999")}) {
+                 ok = ok && put(r.folder() + "/" + name, live_block("planted"));
+             }
+             return ok;
+         }},
+        {"a link to a file", false, [](Root& r, int& pid) {
+             std::string target = r.path() + "/elsewhere";
+             return rename(r.file(pid).c_str(), target.c_str()) == 0 && symlink(target.c_str(), r.file(pid).c_str()) == 0;
+         }},
+        {"a folder that is a link", false, [](Root& r, int&) {
+             std::string real = r.path() + "/real";
+             return rename(r.folder().c_str(), real.c_str()) == 0 && symlink(real.c_str(), r.folder().c_str()) == 0;
+         }},
+        {"a FIFO (which must not block)", false,
+         [](Root& r, int& pid) { return unlink(r.file(pid).c_str()) == 0 && mkfifo(r.file(pid).c_str(), 0600) == 0; }},
+        {"an empty file", false, [&](Root& r, int& pid) { return block_at(r, pid, {}); }},
+        {"a file shorter than a prologue", false, [&](Root& r, int& pid) {
+             std::vector<unsigned char> block = live_block("x");
+             return block_at(r, pid, std::vector<unsigned char>(block.begin(), block.begin() + 31));
+         }},
+        {"a file larger than any VM writes", false,
+         [](Root& r, int& pid) { return truncate(r.file(pid).c_str(), PerfDataFile::LARGEST_FILE + 1) == 0; }},
+        {"a folder group-writable", false, [](Root& r, int&) { return chmod(r.folder().c_str(), 0775) == 0; }},
+        {"a folder world-writable", false, [](Root& r, int&) { return chmod(r.folder().c_str(), 0757) == 0; }},
+        {"a folder writable by all, sticky", false, [](Root& r, int&) { return chmod(r.folder().c_str(), 01777) == 0; }},
+        {"a file of another user", true, [](Root& r, int& pid) { return chown(r.file(pid).c_str(), NOBODY, NOBODY) == 0; }},
+        {"a folder of another user", true, [](Root& r, int&) { return chown(r.folder().c_str(), NOBODY, NOBODY) == 0; }},
+        {"a folder named after no user", true, [](Root& r, int&) {
+             return rename(r.folder().c_str(), (r.path() + "/hsperfdata_no-such-user-here").c_str()) == 0;
+         }},
+        // A whole, accessible block of a VM that began after its process started: only the owner
+        // of the process tells it apart.
+        {"a file under the pid of another user's process", false, [&](Root& r, int& pid) {
+             unlink(r.file(pid).c_str());
+             pid = others.pid();
+             return block_at(r, pid, live_block("planted under another user's process"));
+         }},
+    };
+    for (const Case& c : cases) {
+        if (c.needs_root && !root_user) continue;
+        if (c.what == cases.back().what && others.pid() == 0) {
+            std::cout << "[ SKIPPED  ] " << c.what << ": no process of another user runs here" << std::endl;
+            continue;
+        }
+        Root root;
+        noxtest::LiveChild child;
+        int pid = child.pid();
+        ASSERT_TRUE(put(root.file(pid), live_block("x")));
+        ASSERT_TRUE(c.spoil(root, pid)) << c.what;
+        bool listed = &c == &cases.front();
+        EXPECT_EQ(listed ? std::vector<int>{pid} : std::vector<int>{}, list(root).pids) << c.what;
+        PerfDataFile file;
+        PerfDataVmRef vm;
+        EXPECT_EQ(listed, PerfDataHost(root.path().c_str()).read_vm(pid, &file, &vm)) << c.what;
     }
-    EXPECT_TRUE(list(root).pids.empty());
-}
-
-TEST(PerfDataFiles, LinksAreNotFollowed) {
-    Root root;
-    noxtest::LiveChild child;
-    std::string target = root.path() + "/elsewhere";
-    ASSERT_TRUE(put(target, live_block("linked")));
-    ASSERT_EQ(0, symlink(target.c_str(), root.file(child.pid()).c_str()));
-    EXPECT_TRUE(list(root).pids.empty());
-    PerfDataFile file;
-    PerfDataVmRef vm;
-    EXPECT_FALSE(PerfDataHost(root.path().c_str()).read_vm(child.pid(), &file, &vm));
-
-    // A folder that is a link to a good folder.
-    noxtest::ScopedDir other;
-    std::string real_folder = other.path() + "/real";
-    ASSERT_EQ(0, mkdir(real_folder.c_str(), 0755));
-    ASSERT_TRUE(put(real_folder + "/" + std::to_string(child.pid()), live_block("in a linked folder")));
-    ASSERT_EQ(0, unlink(root.file(child.pid()).c_str()));
-    ASSERT_EQ(0, rmdir(root.folder().c_str()));
-    ASSERT_EQ(0, symlink(real_folder.c_str(), root.folder().c_str()));
-    EXPECT_TRUE(list(root).pids.empty());
-    EXPECT_FALSE(PerfDataHost(root.path().c_str()).read_vm(child.pid(), &file, &vm));
-}
-
-TEST(PerfDataFiles, AFifoUnderAPidDoesNotBlock) {
-    Root root;
-    noxtest::LiveChild child;
-    ASSERT_EQ(0, mkfifo(root.file(child.pid()).c_str(), 0600));
-    EXPECT_TRUE(list(root).pids.empty());
-    PerfDataFile file;
-    PerfDataVmRef vm;
-    EXPECT_FALSE(PerfDataHost(root.path().c_str()).read_vm(child.pid(), &file, &vm));
-}
-
-TEST(PerfDataFiles, FoldersOthersMayWriteAreSkipped) {
-    Root root;
-    noxtest::LiveChild child;
-    ASSERT_TRUE(put(root.file(child.pid()), live_block("x")));
-    ASSERT_EQ(1u, list(root).pids.size());
-    for (mode_t mode : {0777, 0775, 0757, 01777}) {
-        ASSERT_EQ(0, chmod(root.folder().c_str(), mode));
-        EXPECT_TRUE(list(root).pids.empty()) << std::oct << mode;
-    }
-    ASSERT_EQ(0, chmod(root.folder().c_str(), 0700));
-    EXPECT_EQ(1u, list(root).pids.size());
-}
-
-TEST(PerfDataFiles, FoldersAndFilesOfAnotherOwnerAreSkipped) {
-    if (geteuid() != 0) GTEST_SKIP() << "only root can give a file to another user";
-    Root root;
-    noxtest::LiveChild child;
-    ASSERT_TRUE(put(root.file(child.pid()), live_block("x")));
-    ASSERT_EQ(0, chown(root.file(child.pid()).c_str(), 65534, 65534));
-    EXPECT_TRUE(list(root).pids.empty());
-    ASSERT_EQ(0, chown(root.file(child.pid()).c_str(), 0, 0));
-    ASSERT_EQ(1u, list(root).pids.size());
-    ASSERT_EQ(0, chown(root.folder().c_str(), 65534, 65534));
-    EXPECT_TRUE(list(root).pids.empty());
-    // A folder named after a user who does not exist.
-    std::string nobody_folder = root.path() + "/hsperfdata_no-such-user-here";
-    ASSERT_EQ(0, rename(root.folder().c_str(), nobody_folder.c_str()));
-    EXPECT_TRUE(list(root).pids.empty());
-}
-
-TEST(PerfDataFiles, EmptyShortAndHugeFilesAreRefused) {
-    Root root;
-    noxtest::LiveChild a, b, c;
-    ASSERT_TRUE(put(root.file(a.pid()), {}));
-    std::vector<unsigned char> block = live_block("x");
-    ASSERT_TRUE(put(root.file(b.pid()), std::vector<unsigned char>(block.begin(), block.begin() + 31)));
-    ASSERT_TRUE(put(root.file(c.pid()), block));
-    ASSERT_EQ(0, truncate(root.file(c.pid()).c_str(), PerfDataFile::LARGEST_FILE + 1));
-    EXPECT_TRUE(list(root).pids.empty());
 }
 
 TEST(PerfDataFiles, AFileCutAndRestoredWhileReadIsNeverReadInPart) {
@@ -345,18 +327,6 @@ TEST(PerfDataFiles, AFileCutAndRestoredWhileReadIsNeverReadInPart) {
     stop = true;
     flapper.join();
     EXPECT_GT(whole, 0) << "the file was never read whole in " << reads << " reads";
-}
-
-TEST(PerfDataFiles, AFileUnderThePidOfAnotherUsersProcessIsNotAVm) {
-    Root root;
-    noxtest::LiveChild own;
-    OthersProcess others;
-    if (others.pid() == 0) GTEST_SKIP() << "no process of another user runs on this host";
-    // Both files are whole, accessible blocks of a VM that began after its process started: only
-    // the owner of the process tells them apart.
-    ASSERT_TRUE(put(root.file(own.pid()), live_block("own")));
-    ASSERT_TRUE(put(root.file(others.pid()), live_block("planted under another user's process")));
-    EXPECT_EQ(std::vector<int>{own.pid()}, list(root).pids);
 }
 
 // Someone plants sparse 16 MiB files that claim 16 MiB of counters: under pids that name no

@@ -1,6 +1,10 @@
-// The writer of the byte records that Java decodes with DataInputStream: big-endian numbers,
-// strings with a 2-byte length, and a gate that closes at the first failure so that a record is
-// never written with a hole in it.
+// The byte records that Java decodes with DataInputStream, where no running VM is needed: the
+// writer's big-endian numbers, strings with a 2-byte length and a gate that closes at the first
+// failure (so that a record is never written with a hole in it); the cluster list; and the
+// per-VM natives' answers for clusters that do not exist.
+#include "clusterInfo.h"
+#include "clusterQueries.h"
+#include "clusterRecords.h"
 #include "outputStreams.h"
 
 #include <gtest/gtest.h>
@@ -69,4 +73,35 @@ TEST(RecordWriter, StringsUpTo65535BytesAndNoMore) {
     wrapped.writeString(String_CL{"x", (static_cast<size_t>(1) << 32) + 1});
     EXPECT_FALSE(wrapped.is_ok());
     EXPECT_EQ(0u, other.size());
+}
+
+TEST(ClusterRecords, ThreeClustersMake31BytesWithoutVersions) {
+    J2SE::cvector<ClusterInfo_CL> clusters(8);
+    clusters.push_back(ClusterInfo_CL(true, 0x00060022, CLUSTER_TYPE_INSTANCE, 7));
+    clusters.push_back(ClusterInfo_CL(false, -1, CLUSTER_TYPE_INSTANCE, 12));
+    clusters.push_back(ClusterInfo_CL(true, 0x00060023, CLUSTER_TYPE_PROCESS, 4711));
+    ByteArrayOutputStream_CL buffer(1024);
+    DataOutputStream_CL out(buffer);
+    write_cluster_list(out, clusters);
+    std::vector<unsigned char> expected = {0, 0, 0, 3,                                   // count
+                                           1, 0, 0, 0, 2, 0, 0, 0, 7,                    // instance 7
+                                           0, 0, 0, 0, 2, 0, 0, 0, 12,                   // instance 12
+                                           1, 0, 0, 0, 1, 0, 0, 0x12, 0x67};             // process 4711
+    EXPECT_EQ(expected, bytes_of(buffer));
+}
+
+TEST(ClusterRecords, ClustersThatDoNotExistGiveTheFailureResults) {
+    // Instance id 97 is used by no test; pid 0 and negative pids never name a process cluster.
+    ByteArrayOutputStream_CL buffer(1024);
+    EXPECT_FALSE(query_cluster_details(97, buffer));
+    EXPECT_EQ(query_max_vms(97), -1);
+    for (int type : {0, 1, 2, 3, -1}) {  // unknown, process, instance, and two values of no type
+        for (int id : {97, 0, -1}) {
+            EXPECT_FALSE(query_vm_record(type, id, 0, VM_RECORD_MEMORY, buffer));
+            EXPECT_EQ(query_unique_id(type, id, 0), -1);
+            EXPECT_FALSE(query_is_valid_vm(type, id, 0));
+            EXPECT_FALSE(request_exit(type, id, 0, 1));
+        }
+    }
+    EXPECT_EQ(buffer.size(), 0u);
 }

@@ -1,7 +1,6 @@
-// SharedFile against real files: creation, mapping, one owner per mapping, and the scan of a
-// folder with its rules (whole names only, regular files and sockets only, stale files removed,
-// the newest file per pid, the owner of the process owns its file). Scans run over a private
-// folder of each test, so that tests running in parallel never see each other's files.
+// SharedFile against real files: creation, mapping, one owner per mapping, a scan whose entries
+// vanish under it, and the profiling server's file. The rules of a scan are in
+// test_control_area_scan.cpp.
 #include "sharedFile.h"
 #include "sharedUtils.h"
 #include "testSupport.h"
@@ -26,20 +25,6 @@ using noxtest::LiveChild;
 using noxtest::ScopedDir;
 
 namespace {
-
-std::string name_for(const ScopedDir& dir, int uid, int pid) {
-    return dir.file("nox_jvm_" + std::to_string(uid) + "_" + std::to_string(pid));
-}
-
-std::set<std::string> scan(const ScopedDir& dir, bool write_access) {
-    cvector<SharedFile> files;
-    J2SE::StdStaleSharedFileHandler handler;
-    cstring pattern((dir.path() + "/nox_jvm_%d_%d").c_str());
-    SharedFile::get_shared_files(files, pattern, write_access, false, nullptr, false, handler);
-    std::set<std::string> names;
-    for (int i = 0; i < files.size(); i++) names.insert(files[i].get_file_name().c_str());
-    return names;
-}
 
 // The permissions of the mapping at `address`, as /proc/self/maps shows them ("rw-s").
 std::string mapping_permissions(const void* address) {
@@ -173,78 +158,6 @@ TEST(SharedFile, EachMappingHasOneOwnerThroughMovesAndRetirement) {
     EXPECT_EQ("", noxtest::mapping_path(bytes));
 }
 
-TEST(SharedFileScan, StaleFilesAreDeletedLiveOnesListedAndNothingElseTouched) {
-    ScopedDir dir;
-    LiveChild child, server;
-    pid_t dead = noxtest::reaped_child_pid();
-    std::string live = name_for(dir, 100, child.pid());
-    std::string stale = name_for(dir, 100, dead);
-    std::string empty = name_for(dir, 5, getpid());  // zero-length files are listed; attach refuses them
-    std::string socket_file = name_for(dir, 6, server.pid());
-    ASSERT_TRUE(noxtest::write_file(live, 64) && noxtest::write_file(stale, 64) && noxtest::write_file(empty, 0));
-    ASSERT_TRUE(noxtest::make_socket_file(socket_file));
-    // Entries under a dead pid that are not a VM's file of this family: neither listed nor deleted.
-    ASSERT_EQ(0, mkdir(name_for(dir, 1, dead).c_str(), 0700));
-    ASSERT_EQ(0, mkfifo(name_for(dir, 2, dead).c_str(), 0600));
-    ASSERT_EQ(0, symlink(live.c_str(), name_for(dir, 3, dead).c_str()));
-    std::vector<std::string> kept = {name_for(dir, 1, dead), name_for(dir, 2, dead), name_for(dir, 3, dead)};
-    for (const char* name : {"nox_jvm_1_99999999999", "nox_jvm_99999999999_5", "nox_jvm_1_2147483648", "nox_jvm_1_-5", "nox_jvm_1_0",
-                             "nox_jvm_ 1_5", "nox_jvm_1_", "nox_jvm_x_5", "nox_jvm_monitoringboard_1_5"}) {
-        kept.push_back(dir.file(name));
-        ASSERT_TRUE(noxtest::write_file(kept.back(), 10));
-    }
-    kept.push_back(name_for(dir, 4, dead) + ".bak");
-    ASSERT_TRUE(noxtest::write_file(kept.back(), 10));
-
-    EXPECT_EQ((std::set<std::string>{live, empty, socket_file}), scan(dir, true));
-    EXPECT_FALSE(noxtest::path_exists(stale));
-    for (const std::string& name : kept) EXPECT_TRUE(noxtest::path_exists(name)) << name;
-    child.end();
-    EXPECT_EQ((std::set<std::string>{empty, socket_file}), scan(dir, false));
-    EXPECT_FALSE(noxtest::path_exists(live));
-}
-
-TEST(SharedFileScan, OnlyTheNewestFileOfAPidIsKept) {
-    ScopedDir dir;
-    LiveChild child;
-    std::string older = name_for(dir, geteuid(), child.pid());
-    std::string newer = name_for(dir, geteuid() + 1, child.pid());
-    ASSERT_TRUE(noxtest::write_file(older, 64));
-    std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // change times count in whole seconds
-    ASSERT_TRUE(noxtest::write_file(newer, 64));
-    EXPECT_EQ((std::set<std::string>{newer}), scan(dir, true));
-    EXPECT_FALSE(noxtest::path_exists(older));
-}
-
-TEST(SharedFileScan, FilesOfOtherUsersAreNeitherTakenNorDeleted) {
-    if (geteuid() != 0) GTEST_SKIP() << "needs root to give a file to another user";
-    ScopedDir dir;
-    pid_t dead = noxtest::reaped_child_pid();
-    std::string foreign_stale = name_for(dir, 65534, dead);
-    ASSERT_TRUE(noxtest::write_file(foreign_stale, 10));
-    ASSERT_EQ(0, chown(foreign_stale.c_str(), 65534, 65534));
-    // A newer file planted by another user under a live pid is not that process's file: it is
-    // not listed, it never makes the scan delete the process's own file, and it stays.
-    std::string own = name_for(dir, 0, getpid());
-    ASSERT_TRUE(noxtest::write_file(own, 10));
-    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-    std::string planted = name_for(dir, 65534, getpid());
-    ASSERT_TRUE(noxtest::write_file(planted, 10));
-    ASSERT_EQ(0, chown(planted.c_str(), 65534, 65534));
-    EXPECT_EQ((std::set<std::string>{own}), scan(dir, true));
-    for (const std::string& name : {foreign_stale, own, planted}) EXPECT_TRUE(noxtest::path_exists(name)) << name;
-}
-
-TEST(SharedFileScan, FilesTheCallerCannotOpenAreSkippedNotDeleted) {
-    if (geteuid() == 0) GTEST_SKIP() << "root opens every file; this runs in the unprivileged pass";
-    ScopedDir dir;
-    std::string locked = name_for(dir, 1, getpid());
-    ASSERT_TRUE(noxtest::write_file(locked, 10));
-    ASSERT_EQ(0, chmod(locked.c_str(), 0400));
-    EXPECT_TRUE(scan(dir, true).empty());
-    EXPECT_EQ((std::set<std::string>{locked}), scan(dir, false));
-}
-
 namespace {
 
 // Deletes the other files of the folder while the scan runs, as a concurrent cleaner would.
@@ -267,7 +180,7 @@ TEST(SharedFileScan, VanishingEntriesAndPatternsWithoutAFolderFindNothing) {
     ScopedDir dir;
     std::vector<std::string> names;
     for (int i = 0; i < 20; i++) {
-        names.push_back(name_for(dir, i, getpid()));
+        names.push_back(dir.file("nox_jvm_" + std::to_string(i) + "_" + std::to_string(getpid())));
         ASSERT_TRUE(noxtest::write_file(names.back(), 10));
     }
     VanishingHandler handler(names);

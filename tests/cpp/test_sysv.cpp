@@ -108,39 +108,24 @@ TEST(SystemV, KeysOfClustersAndVmsAndOnlyThose) {
                                                                    nullptr, nullptr).get_map_address());
 }
 
-TEST(SystemV, SharedMemoryAttachesReadWriteAndDetachesOnce) {
+TEST(SystemV, SharedMemoryAttachesReadWriteAndHasOneOwner) {
+    static_assert(!std::is_copy_constructible<SharedMemory>::value, "SharedMemory must not be copyable");
     int key = noxtest::private_ipc_key(1);
     TestSegment segment(key, 12345);
     ASSERT_GE(segment.id(), 0);
-    SharedMemory memory(key);
-    EXPECT_FALSE(memory.detach());
-    ASSERT_TRUE(memory.attach(false, nullptr, nullptr));
-    EXPECT_EQ(12345u, memory.get_map_size());
-    static_cast<char*>(memory.get_map_address())[12344] = 'z';
-    EXPECT_TRUE(memory.detach());
-    EXPECT_FALSE(memory.detach());
-    ASSERT_TRUE(memory.attach(true, nullptr, nullptr));  // the key is kept: attach again
-    EXPECT_EQ('z', static_cast<char*>(memory.get_map_address())[12344]);
-
-    RecordingTrace trace;
-    int missing = noxtest::private_ipc_key(2);
-    EXPECT_FALSE(SharedMemory(missing).attach(false, nullptr, &trace));
-    ASSERT_EQ(1u, trace.errors.size());
-    EXPECT_EQ("SharedMemory::attach: shmget failed (key=" + std::to_string(missing) + ") (2: No such file or directory)",
-              trace.errors[0]);
-}
-
-TEST(SystemV, SharedMemoryHasOneOwner) {
-    static_assert(!std::is_copy_constructible<SharedMemory>::value, "SharedMemory must not be copyable");
-    int key = noxtest::private_ipc_key(31);
-    TestSegment segment(key, 8192);
-    ASSERT_GE(segment.id(), 0);
-    int before = sysv_mappings();
+    const int before = sysv_mappings();
     void* address = nullptr;
     {
         SharedMemory memory(key);
-        ASSERT_TRUE(memory.attach(true, nullptr, nullptr));
+        EXPECT_FALSE(memory.detach());
+        ASSERT_TRUE(memory.attach(false, nullptr, nullptr));
+        EXPECT_EQ(12345u, memory.get_map_size());
+        static_cast<char*>(memory.get_map_address())[12344] = 'z';
+        EXPECT_TRUE(memory.detach());
+        EXPECT_FALSE(memory.detach());
+        ASSERT_TRUE(memory.attach(true, nullptr, nullptr));  // the key is kept: attach again
         address = memory.get_map_address();
+        EXPECT_EQ('z', static_cast<char*>(address)[12344]);
         // Moving hands the attachment over; the source detaches nothing and keeps its key.
         SharedMemory moved(std::move(memory));
         EXPECT_FALSE(memory.detach());
@@ -155,6 +140,13 @@ TEST(SystemV, SharedMemoryHasOneOwner) {
     }
     EXPECT_EQ(before, sysv_mappings());
     EXPECT_EQ(0, noxtest::mapping_count(address));
+
+    RecordingTrace trace;
+    int missing = noxtest::private_ipc_key(2);
+    EXPECT_FALSE(SharedMemory(missing).attach(false, nullptr, &trace));
+    ASSERT_EQ(1u, trace.errors.size());
+    EXPECT_EQ("SharedMemory::attach: shmget failed (key=" + std::to_string(missing) + ") (2: No such file or directory)",
+              trace.errors[0]);
 }
 
 TEST(SystemV, AnEventDrivesTheVmsSemaphoreToZero) {

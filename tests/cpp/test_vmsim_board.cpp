@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -22,21 +23,12 @@ using noxtest::Vmsim;
 
 namespace {
 
-std::vector<std::string> args(std::initializer_list<std::string> list) {
-    return std::vector<std::string>(list);
-}
-
 // Splits "a,b" into its items ("-" is the empty list).
 std::vector<std::string> paths_of(const std::string& text) {
     std::vector<std::string> out;
-    if (text == "-" || text.empty()) return out;
-    size_t start = 0;
-    for (;;) {
-        size_t comma = text.find(',', start);
-        out.push_back(text.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
-        if (comma == std::string::npos) return out;
-        start = comma + 1;
-    }
+    std::istringstream items(text == "-" ? "" : text);
+    for (std::string item; std::getline(items, item, ',');) out.push_back(item);
+    return out;
 }
 
 std::string expected_path(const char* family, int pid) {
@@ -178,17 +170,17 @@ void raise_exit(ControlAreaManager_CL& manager, int slot, int code) {
 // or on SIGTERM).
 TEST(VmsimBoard, ProcessClusterVmPublishesWhatItIsAskedFor) {
     {
-        Vmsim plain(args({"--type", "process"}));
+        Vmsim plain({"--type", "process"});
         EXPECT_EQ("-", plain.field("boards"));
         EXPECT_EQ("-", plain.field("servers"));
         EXPECT_FALSE(noxtest::path_exists(expected_path("monitoringboard_", plain.pid())));
         EXPECT_FALSE(noxtest::path_exists(expected_path("profiling_server_", plain.pid())));
     }
-    EXPECT_THROW(Vmsim(args({"--type", "process", "--board", "63"})), std::runtime_error);
-    EXPECT_THROW(Vmsim(args({"--type", "process", "--board", "many"})), std::runtime_error);
+    EXPECT_THROW(Vmsim({"--type", "process", "--board", "63"}), std::runtime_error);
+    EXPECT_THROW(Vmsim({"--type", "process", "--board", "many"}), std::runtime_error);
     for (bool by_request : {true, false}) {
         Clock::time_point started = Clock::now();
-        Vmsim vm(args({"--type", "process", "--board", by_request ? "4096" : "100", "--profiling-server"}));
+        Vmsim vm({"--type", "process", "--board", by_request ? "4096" : "100", "--profiling-server"});
         std::string board = expected_path("monitoringboard_", vm.pid());
         std::string server = expected_path("profiling_server_", vm.pid());
         EXPECT_EQ(board, vm.field("boards"));
@@ -224,18 +216,20 @@ TEST(VmsimBoard, ProcessClusterVmPublishesWhatItIsAskedFor) {
     }
 }
 
-TEST(VmsimBoard, InstanceClusterOfTwoPublishesOneBoardAndServerPerVm) {
+// An instance cluster: one board and server per live slot, none for the ended VM in slot 1 or
+// for vmsim; a VM that leaves on request or is killed takes its own files, the others' stay; the
+// last one leaving ends the cluster with nothing left.
+TEST(VmsimBoard, InstanceClusterPublishesOneBoardAndServerPerLiveVm) {
     Clock::time_point started = Clock::now();
-    Vmsim vm(args({"--type", "instance", "--id", "65", "--slots", "3", "--dead", "1", "--board", "8192",
-                   "--profiling-server"}));
+    Vmsim vm({"--type", "instance", "--id", "65", "--slots", "4", "--live", "0,2,3", "--dead", "1", "--board", "8192",
+              "--profiling-server"});
     std::vector<int> pids = vm.slot_pids();
-    ASSERT_EQ(3u, pids.size());
+    ASSERT_EQ(4u, pids.size());
     std::vector<std::string> boards = paths_of(vm.field("boards")), servers = paths_of(vm.field("servers"));
-    // One per live slot (0 and 2) in slot order; the dead slot has none.
-    ASSERT_EQ(2u, boards.size());
-    ASSERT_EQ(2u, servers.size());
-    const int live[] = {0, 2};
-    for (size_t i = 0; i < 2; i++) {
+    const int live[] = {0, 2, 3};  // in slot order
+    ASSERT_EQ(3u, boards.size());
+    ASSERT_EQ(3u, servers.size());
+    for (size_t i = 0; i < 3; i++) {
         int pid = pids[live[i]];
         EXPECT_EQ(expected_path("monitoringboard_", pid), boards[i]);
         EXPECT_EQ(expected_path("profiling_server_", pid), servers[i]);
@@ -243,42 +237,21 @@ TEST(VmsimBoard, InstanceClusterOfTwoPublishesOneBoardAndServerPerVm) {
         expect_server(servers[i]);
     }
     EXPECT_FALSE(noxtest::path_exists(expected_path("monitoringboard_", pids[1])));
-    EXPECT_FALSE(noxtest::path_exists(expected_path("monitoringboard_", vm.pid())));  // vmsim is no VM of it
+    EXPECT_FALSE(noxtest::path_exists(expected_path("monitoringboard_", vm.pid())));
 
-    // A VM that leaves on request removes its own files; the other VM's stay.
     ControlAreaManager_CL manager(ClusterInfo_CL(false, -1, CLUSTER_TYPE_INSTANCE, 65));
     ASSERT_TRUE(manager.is_valid());
-    ControlArea_CL* view = manager.get_control_area(0, true);
-    ASSERT_NE(nullptr, view);
-    EXPECT_TRUE(view->get_run_with_monitoring_board());
+    ASSERT_NE(nullptr, manager.get_control_area(0, true));
+    EXPECT_TRUE(manager.get_control_area(0, true)->get_run_with_monitoring_board());
     raise_exit(manager, 2, 4);
     EXPECT_EQ("EXITED slot=2 pid=" + std::to_string(pids[2]) + " code=4", vm.wait_for("EXITED"));
-    EXPECT_FALSE(noxtest::path_exists(boards[1]));
-    EXPECT_FALSE(noxtest::path_exists(servers[1]));
-    EXPECT_TRUE(noxtest::path_exists(boards[0]) && noxtest::path_exists(servers[0]));
-
-    // SIGTERM to vmsim removes the files of the VM that is still running.
-    vm.terminate();
-    EXPECT_FALSE(noxtest::path_exists(boards[0]));
-    EXPECT_FALSE(noxtest::path_exists(servers[0]));
-}
-
-TEST(VmsimBoard, FilesOfAKilledInstanceVmAreRemovedByVmsim) {
-    Vmsim vm(args({"--type", "instance", "--id", "66", "--slots", "2", "--board", "4096", "--profiling-server"}));
-    std::vector<int> pids = vm.slot_pids();
-    std::vector<std::string> boards = paths_of(vm.field("boards")), servers = paths_of(vm.field("servers"));
-    ASSERT_EQ(2u, boards.size());
-    ASSERT_EQ(2u, servers.size());
     ASSERT_EQ(0, kill(pids[0], SIGKILL));
     EXPECT_EQ("EXITED slot=0 pid=" + std::to_string(pids[0]) + " code=" + std::to_string(128 + SIGKILL),
               vm.wait_for("EXITED"));
-    EXPECT_FALSE(noxtest::path_exists(boards[0]) || noxtest::path_exists(servers[0]));
-    EXPECT_TRUE(noxtest::path_exists(boards[1]) && noxtest::path_exists(servers[1]));
-    // The last VM leaving on request ends the cluster, and nothing of it is left.
-    ControlAreaManager_CL manager(ClusterInfo_CL(false, -1, CLUSTER_TYPE_INSTANCE, 66));
-    raise_exit(manager, 1, 0);
-    EXPECT_EQ("EXITED slot=1 pid=" + std::to_string(pids[1]) + " code=0", vm.wait_for("EXITED"));
+    for (int i : {0, 1}) EXPECT_FALSE(noxtest::path_exists(boards[i]) || noxtest::path_exists(servers[i])) << i;
+    EXPECT_TRUE(noxtest::path_exists(boards[2]) && noxtest::path_exists(servers[2]));
+    raise_exit(manager, 3, 0);
+    EXPECT_EQ("EXITED slot=3 pid=" + std::to_string(pids[3]) + " code=0", vm.wait_for("EXITED"));
     EXPECT_EQ(0, vm.wait_exit());
-    EXPECT_FALSE(noxtest::path_exists(boards[1]));
-    EXPECT_FALSE(noxtest::path_exists(servers[1]));
+    EXPECT_FALSE(noxtest::path_exists(boards[2]) || noxtest::path_exists(servers[2]));
 }

@@ -4,19 +4,11 @@
 //
 // Instance-cluster ids are global to the host and ctest runs test cases in parallel, so every
 // test case that publishes an instance cluster uses ids of its own:
-//
-//   ids     test file                        use
-//   10-14   test_control_manager.cpp         ControlAreaHeader.WhichHeadersAreAccepted
-//   15      test_control_manager.cpp         ControlAreaManager.BlockMustHoldEverySlotItPromises
-//   16      test_control_manager.cpp         ControlAreaManager.OnlySlotsInUseAndOnlyLiveVmsAreHandedOut
-//   20      test_control_manager.cpp         ControlAreaManager.ExitRequestEndsOneVmOfAnInstanceCluster
-//   31, 33  test_control_manager.cpp         ClusterDiscovery.ListsWhatIsPublishedInOrderUntilItEnds
-//   35-38   test_control_manager.cpp         ClusterDiscovery.LiveCountDiscountsSlotsOfEndedVms
-//   50      test_control_hostile.cpp         MutatedHeadersThroughARealSegmentAndARealFile (own segment)
-//   51-53   test_host_pass.cpp               HostPass.* (51 records, 52-53 order)
-//   65      test_vmsim_board.cpp             InstanceClusterOfTwoPublishesOneBoardAndServerPerVm
-//   66      test_vmsim_board.cpp             FilesOfAKilledInstanceVmAreRemovedByVmsim
-//   99      test_control_manager.cpp         ClusterDiscovery.ListsWhatIsPublishedInOrderUntilItEnds
+//   10-16, 20  test_control_manager.cpp   ControlAreaHeader.*, ControlAreaManager.*
+//   31-38, 99  test_control_manager.cpp   ClusterDiscovery.*
+//   50         test_control_hostile.cpp   HostileBlocks.MutatedHeadersThroughARealSegmentAndARealFile
+//   51-53      test_host_pass.cpp         HostPass.*
+//   65         test_vmsim_board.cpp       VmsimBoard.InstanceClusterPublishesOneBoardAndServerPerLiveVm
 // Process clusters need no table: their id is vmsim's own pid.
 #ifndef NOX_TESTS_VMSIM_PROCESS_H
 #define NOX_TESTS_VMSIM_PROCESS_H
