@@ -110,6 +110,26 @@ class NoxinspectHotSpotTest {
             assertEquals(Long.toString(80L << 20), flat.get("hotspot.heapMax"));
             assertEquals("\"Serial young collection pauses\"", flat.get("hotspot.collectors.0.name"));
             assertEquals("1000000000", flat.get("hotspot.tickFrequency"));
+            assertTrue(r.out().contains("VM flags (not default; as the VM tells them)\n"), r.out());
+            assertTrue(r.out().matches("(?s).*\n  MaxHeapSize +83886080 \\(command line\\)\n.*"), r.out());
+            assertTrue(r.out().matches("(?s).*\n  MaxNewSize +[0-9]+ \\(ergonomic\\)\n.*"), r.out());
+            assertEquals("\"attach\"", flat.get("flags.source"));
+        }
+    }
+
+    /** A VM that refuses the attach: info shows its command line's flags, and says so. */
+    @Test
+    void infoShowsTheCommandLineFlagsOfAVmThatCannotBeAsked() throws Exception {
+        try (JdkVm vm = new JdkVm(List.of(), List.of("-XX:+DisableAttachMechanism", "-XX:MaxMetaspaceSize=64m"),
+                "noattach")) {
+            awaitListed(vm);
+            Map<String, String> flat = Launcher.flatJson(Launcher.run("--json", "info", Integer.toString(vm.pid())).out());
+            assertEquals("\"command line\"", flat.get("flags.source"), flat.toString());
+            assertEquals(List.of("\"DisableAttachMechanism\"", "\"true\"", "\"MaxMetaspaceSize\"", "\"64m\""),
+                    List.of(flat.get("flags.flags.0.name"), flat.get("flags.flags.0.value"),
+                            flat.get("flags.flags.1.name"), flat.get("flags.flags.1.value")));
+            assertTrue(Launcher.run("info", Integer.toString(vm.pid())).out()
+                    .contains("VM flags (not default; the command line's: the VM could not be asked)\n"));
         }
     }
 

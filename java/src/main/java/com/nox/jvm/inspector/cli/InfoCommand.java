@@ -7,10 +7,13 @@ import com.nox.jvm.inspector.cluster.VmTimeInfo;
 import com.nox.jvm.inspector.host.ControlAreaView;
 import com.nox.jvm.inspector.host.HostVm;
 import com.nox.jvm.inspector.host.Names;
+import com.nox.jvm.inspector.host.VmFlags;
 import com.nox.jvm.inspector.hotspot.GcCollector;
 import com.nox.jvm.inspector.hotspot.HotSpotFigures;
 
 import java.time.Instant;
+import java.util.ArrayList;
+import java.util.List;
 import java.util.Locale;
 import java.util.Optional;
 
@@ -27,8 +30,10 @@ final class InfoCommand {
     private InfoCommand() {
     }
 
+    /** Shows the VM; a HotSpot VM's flags are asked of the VM itself (see {@link VmFlags}). */
     static void run(HostVm vm, Output out) {
-        out.sections(title(vm), render(vm, System.currentTimeMillis() / 1000));
+        out.sections(title(vm), render(vm, System.currentTimeMillis() / 1000,
+                vm.hotspot().map(VmFlags::of).orElse(null)));
     }
 
     static String title(HostVm vm) {
@@ -41,6 +46,11 @@ final class InfoCommand {
     }
 
     static Doc render(HostVm vm, long now) {
+        return render(vm, now, null);
+    }
+
+    /** The VM, with its flags when they were read ({@code flags} null: not read, JSON flags null). */
+    static Doc render(HostVm vm, long now, VmFlags flags) {
         Doc doc = summary(vm, now).put("vm", VmDocs.vm(vm, now));
         Optional<ControlAreaView> area = vm.controlArea();
         doc.put("start", VmDocs.record(area.flatMap(c -> c.figures().start()).orElse(null)))
@@ -50,7 +60,28 @@ final class InfoCommand {
                 .put("hotspot", VmDocs.record(vm.hotspot().orElse(null)));
         area.ifPresent(c -> controlAreaSections(doc, c));
         vm.hotspot().ifPresent(f -> hotspotSections(doc, f));
+        doc.put("flags", flags == null ? null : flags(flags));
+        if (flags != null) {
+            doc.text("VM flags (not default; " + (flags.source().equals(VmFlags.ATTACH) ? "as the VM tells them"
+                    : "the command line's: the VM could not be asked") + ")", flagLines(flags));
+        }
         return doc;
+    }
+
+    private static Doc flags(VmFlags flags) {
+        List<Doc> list = new ArrayList<>();
+        for (VmFlags.Flag f : flags.flags()) {
+            list.add(new Doc().put("name", f.name()).put("value", f.value()).put("origin", f.origin()));
+        }
+        return new Doc().put("source", flags.source()).put("flags", list);
+    }
+
+    private static Doc flagLines(VmFlags flags) {
+        Doc lines = new Doc();
+        for (VmFlags.Flag f : flags.flags()) {
+            lines.text(f.name(), f.value() + " (" + f.origin() + ")");
+        }
+        return flags.flags().isEmpty() ? lines.note("(none)") : lines;
     }
 
     /** The merged facts, as the first lines of the text. */
@@ -133,7 +164,7 @@ final class InfoCommand {
     private static void hotspotSections(Doc doc, HotSpotFigures f) {
         doc.text("HotSpot (performance data)", new Doc().text("VM", f.vmName()).text("version", f.vmVersion())
                 .text("vendor", f.vmVendor()).text("main class", f.mainClass()).text("command", f.javaCommand())
-                .text("VM arguments", f.vmArguments()).text("VM flags", f.vmFlags())
+                .text("VM arguments", f.vmArguments())
                 .text("user", f.user() + " (uid " + f.uid() + ")")
                 .text("pid in ns", f.namespacePid())
                 .text("up", f.uptimeSeconds() < 0 ? null : seconds(f.uptimeSeconds())));
