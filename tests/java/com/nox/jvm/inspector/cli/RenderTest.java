@@ -7,6 +7,8 @@ import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.nox.jvm.inspector.cluster.ClusterType;
+import com.nox.jvm.inspector.cluster.HostPass;
+import com.nox.jvm.inspector.cluster.VmTimeInfo;
 import com.nox.jvm.inspector.host.ControlAreaView;
 import com.nox.jvm.inspector.host.HostSnapshot;
 import com.nox.jvm.inspector.host.HostVm;
@@ -32,13 +34,25 @@ class RenderTest {
     private static final long NOW = ModelFixtures.BEGIN_MILLIS / 1000 + 60;
     private static final String VERSION = "OpenJDK 64-Bit Server VM 17.0.9+9-area";
 
-    /** A VM with both sources in process cluster PID, one known only by its performance data, one of instance cluster 7. */
+    /**
+     * A VM with both sources in process cluster PID, one known only by its performance data, one of
+     * instance cluster 7 whose times are in milliseconds: both of these are this test's process.
+     */
     private static HostSnapshot snapshot(String mainClass) {
-        List<ControlAreaView> areas = List.of(area(ClusterType.INSTANCE, 7, 1, 77, 1000, "v7", "seven.Main", 1),
+        List<ControlAreaView> areas = List.of(inMillis(area(ClusterType.INSTANCE, 7, 1, ALONE, 1000, "v7", "seven.Main", 1)),
                 area(ClusterType.PROCESS, PID, 0, PID, 1000, VERSION, mainClass, 1024));
-        return HostSnapshot.of(areas, Map.of(PID, 1000, 77, 1000),
+        return HostSnapshot.of(areas, Map.of(PID, 1000, ALONE, 1000),
                 List.of(hotspot(PID, 1000, "perf.Main", 512, 2048, 4096, 300),
                         startUnknown(hotspot(ALONE, 1000, "alone.Main", 5, 6, 7, 300))));
+    }
+
+    /** The view with the process start unknown and its CPU time in milliseconds as the kernel counts it. */
+    private static ControlAreaView inMillis(ControlAreaView view) {
+        long millis = (long) (com.nox.jvm.inspector.host.ProcessCpu.seconds(ALONE, 0) * 1000);
+        HostPass.VmFigures f = view.figures();
+        return new ControlAreaView(view.cluster(), new HostPass.VmFigures(f.vm(), 0, f.start(),
+                java.util.Optional.of(new VmTimeInfo(millis, millis / 3, millis - millis / 3, millis)), f.memory(),
+                f.debug()), view.ownerUid());
     }
 
     /** The figures with the process start unknown (any process of the pid is the VM's). */

@@ -6,6 +6,7 @@ import com.nox.jvm.inspector.cluster.HostPass;
 import com.nox.jvm.inspector.cluster.VmDebugInfo;
 import com.nox.jvm.inspector.cluster.VmMemoryInfo;
 import com.nox.jvm.inspector.cluster.VmTimeInfo;
+import com.nox.jvm.inspector.host.ControlAreaUnits;
 import com.nox.jvm.inspector.host.HostSnapshot;
 import com.nox.jvm.inspector.host.HostVm;
 import com.nox.jvm.inspector.host.Names;
@@ -18,6 +19,7 @@ import java.util.ArrayList;
 import java.util.HashSet;
 import java.util.List;
 import java.util.Optional;
+import java.util.OptionalDouble;
 import java.util.Set;
 import java.util.function.Function;
 import java.util.function.ToLongFunction;
@@ -102,13 +104,22 @@ final class Metrics {
                     vm -> memory(vm, VmMemoryInfo::numberOfFullGcs)),
             vm("nox_vm_gc_duration_vm_units", Type.COUNTER, null,
                     "Time spent in garbage collections, in the unit the VM publishes (not known, not converted)",
-                    vm -> memory(vm, VmMemoryInfo::durationOfGcs)),
+                    vm -> vmUnits(vm, VmMemoryInfo::durationOfGcs)),
             vm("nox_vm_gc_full_duration_vm_units", Type.COUNTER, null,
                     "Time spent in full garbage collections, in the unit the VM publishes (not known, not converted)",
-                    vm -> memory(vm, VmMemoryInfo::durationOfFullGcs)),
+                    vm -> vmUnits(vm, VmMemoryInfo::durationOfFullGcs)),
             vm("nox_vm_gc_concurrent_duration_vm_units", Type.COUNTER, null,
                     "Time spent in concurrent garbage collections, in the unit the VM publishes (not known, not converted)",
-                    vm -> memory(vm, VmMemoryInfo::durationOfConcurrentGcs)),
+                    vm -> vmUnits(vm, VmMemoryInfo::durationOfConcurrentGcs)),
+            vm("nox_vm_gc_duration_seconds", Type.COUNTER, SECONDS,
+                    "Time spent in garbage collections in seconds, from a control area whose unit is known",
+                    vm -> seconds(vm, VmMemoryInfo::durationOfGcs)),
+            vm("nox_vm_gc_full_duration_seconds", Type.COUNTER, SECONDS,
+                    "Time spent in full garbage collections in seconds, from a control area whose unit is known",
+                    vm -> seconds(vm, VmMemoryInfo::durationOfFullGcs)),
+            vm("nox_vm_gc_concurrent_duration_seconds", Type.COUNTER, SECONDS,
+                    "Time spent in concurrent garbage collections in seconds, from a control area whose unit is known",
+                    vm -> seconds(vm, VmMemoryInfo::durationOfConcurrentGcs)),
             vm("jvm_gc_collection_seconds", Type.SUMMARY, SECONDS,
                     "Collections of one garbage collector of the VM (count) and their time in seconds (sum), from its"
                             + " performance data (gc: the collector as its GarbageCollectorMXBean names it)",
@@ -238,7 +249,26 @@ final class Metrics {
         return samples;
     }
 
+    /** A control-area time in the VM's unit, for a VM whose unit is not known. */
+    private static List<Sample> vmUnits(HostVm vm, ToLongFunction<VmMemoryInfo> figure) {
+        return ControlAreaUnits.secondsPerUnit(vm).isPresent() ? List.of() : memory(vm, figure);
+    }
+
+    /** A control-area time in seconds, for a VM whose unit is known. */
+    private static List<Sample> seconds(HostVm vm, ToLongFunction<VmMemoryInfo> figure) {
+        OptionalDouble unit = ControlAreaUnits.secondsPerUnit(vm);
+        Optional<VmMemoryInfo> memory = vm.controlArea().flatMap(c -> c.figures().memory());
+        if (unit.isEmpty() || memory.isEmpty() || figure.applyAsLong(memory.get()) < 0) {
+            return List.of();
+        }
+        return one(Double.toString(figure.applyAsLong(memory.get()) * unit.getAsDouble()));
+    }
+
+    /** The control area's CPU time, for a VM whose unit is not known (else process_cpu_seconds_total says it). */
     private static List<Sample> cpuTime(HostVm vm) {
+        if (ControlAreaUnits.secondsPerUnit(vm).isPresent()) {
+            return List.of();
+        }
         Optional<VmTimeInfo> time = vm.controlArea().flatMap(c -> c.figures().time()).filter(VmTimeInfo::available);
         return time.map(t -> bytes(t.totalTime())).orElse(List.of());
     }
