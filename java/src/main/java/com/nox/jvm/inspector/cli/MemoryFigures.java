@@ -16,8 +16,8 @@ import java.util.function.ToLongFunction;
  *
  * <p>A VM publishes some figures only at its collections: a G1 VM's heap in use and every VM's
  * metaspace read 0 until then. A running VM always uses some heap and some metaspace, so a 0 there
- * means "not published yet", not "empty": such a figure (and a committed size that reads 0 with
- * it) has no sample, and {@code nox_vm_memory_unpublished} says so for its area or pool.
+ * means "not published yet", not "empty": such a figure (and a metaspace's committed size that
+ * reads 0 with it) has no sample, and {@code nox_vm_memory_unpublished} says so for its area or pool.
  */
 final class MemoryFigures {
     /** One area (pool "") or pool of an area, and its figures; -1 where there is no sample. */
@@ -82,7 +82,8 @@ final class MemoryFigures {
     /** A heap pool of a VM whose heap is not published, or a metaspace pool that reads 0, is not published. */
     private static Figure figure(String name, HotSpotPool pool, boolean heapUnpublished) {
         boolean unpublished = heapUnpublished || (!pool.kind().heap() && pool.used() == 0);
-        long committed = unpublished && pool.committed() == 0 ? -1 : pool.committed();
+        // The heap's committed sizes are published from the start (an empty survivor space is 0).
+        long committed = unpublished && !pool.kind().heap() && pool.committed() == 0 ? -1 : pool.committed();
         return new Figure(pool.kind().heap() ? "heap" : "nonheap", name, unpublished ? -1 : pool.used(), committed,
                 pool.max(), unpublished);
     }
