@@ -52,61 +52,64 @@ bool read_proc_file(const char* path, size_t limit, cvector<char>* text) {
     return ok;
 }
 
-// The number after `key` at the start of a line ("Pid:\t42"); `index` picks one of several
-// numbers on the line (0 the first, -1 the last). False when there is none.
-bool field_of(const char* text, size_t length, const char* key, int index, long long* value) {
+// The rest of the first line that starts with `key`, without the key. False when no line does.
+bool line_after(const char* text, size_t length, const char* key, const char** rest, size_t* rest_length) {
     size_t key_length = strlen(key);
     for (size_t start = 0; start < length;) {
         const char* line = text + start;
         const char* end = static_cast<const char*>(memchr(line, '\n', length - start));
         size_t line_length = end != nullptr ? static_cast<size_t>(end - line) : length - start;
         if (line_length > key_length && memcmp(line, key, key_length) == 0) {
-            bool found = false;
-            int seen = 0;
-            for (size_t i = key_length; i < line_length;) {
-                while (i < line_length && (line[i] == ' ' || line[i] == '\t')) i++;
-                size_t digits = i;
-                long long number = 0;
-                while (i < line_length && line[i] >= '0' && line[i] <= '9' && i - digits < 10) {
-                    number = number * 10 + (line[i++] - '0');
-                }
-                if (i == digits || (i < line_length && line[i] != ' ' && line[i] != '\t')) return found;
-                if (index < 0 || seen++ == index) {
-                    *value = number;
-                    found = true;
-                }
-            }
-            return found;
+            *rest = line + key_length;
+            *rest_length = line_length - key_length;
+            return true;
         }
         start += line_length + 1;
     }
     return false;
 }
 
+// The number after `key` at the start of a line ("Pid:\t42"); `index` picks one of several
+// numbers on the line (0 the first, -1 the last). False when there is none.
+bool field_of(const char* text, size_t length, const char* key, int index, long long* value) {
+    const char* line;
+    size_t line_length;
+    if (!line_after(text, length, key, &line, &line_length)) return false;
+    bool found = false;
+    int seen = 0;
+    for (size_t i = 0; i < line_length;) {
+        while (i < line_length && (line[i] == ' ' || line[i] == '\t')) i++;
+        size_t digits = i;
+        long long number = 0;
+        while (i < line_length && line[i] >= '0' && line[i] <= '9' && i - digits < 10) {
+            number = number * 10 + (line[i++] - '0');
+        }
+        if (i == digits || (i < line_length && line[i] != ' ' && line[i] != '\t')) return found;
+        if (index < 0 || seen++ == index) {
+            *value = number;
+            found = true;
+        }
+    }
+    return found;
+}
+
 // The hexadecimal mask after `key` at the start of a line ("SigCgt:\t0000000000004a02").
 bool mask_of(const char* text, size_t length, const char* key, uint64_t* mask) {
-    size_t key_length = strlen(key);
-    for (size_t start = 0; start < length;) {
-        const char* line = text + start;
-        const char* end = static_cast<const char*>(memchr(line, '\n', length - start));
-        size_t line_length = end != nullptr ? static_cast<size_t>(end - line) : length - start;
-        if (line_length > key_length && memcmp(line, key, key_length) == 0) {
-            size_t i = key_length;
-            while (i < line_length && (line[i] == ' ' || line[i] == '\t')) i++;
-            if (i == line_length || line_length - i > 16) return false;
-            uint64_t value = 0;
-            for (; i < line_length; i++) {
-                char c = line[i];
-                int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-                if (digit < 0) return false;
-                value = value << 4 | static_cast<uint64_t>(digit);
-            }
-            *mask = value;
-            return true;
-        }
-        start += line_length + 1;
+    const char* line;
+    size_t line_length;
+    if (!line_after(text, length, key, &line, &line_length)) return false;
+    size_t i = 0;
+    while (i < line_length && (line[i] == ' ' || line[i] == '\t')) i++;
+    if (i == line_length || line_length - i > 16) return false;
+    uint64_t value = 0;
+    for (; i < line_length; i++) {
+        char c = line[i];
+        int digit = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+        if (digit < 0) return false;
+        value = value << 4 | static_cast<uint64_t>(digit);
     }
-    return false;
+    *mask = value;
+    return true;
 }
 
 bool same_mount_namespace(int pid) {

@@ -29,7 +29,8 @@ public final class Main {
               exit VM CODE                  ask the VM to exit with CODE (0 to 255)
               boards                        the monitoring boards visible on this host
               serve [--port N] [--bind ADDR] every VM of this host as Prometheus metrics at
-                                            http://ADDR:N/metrics (default 127.0.0.1:9471)
+                                            http://ADDR:N/metrics and live charts at http://ADDR:N/
+                                            (default 127.0.0.1:9471)
               watch                         VMs appearing and vanishing, one line each, until interrupted
               attach PID [OPTIONS]          load nox-agent.jar into a running VM (own, or any as root), so it
                                             publishes a control area (OPTIONS e.g. refresh=500,tag=web)

@@ -21,7 +21,7 @@ import java.util.function.ToDoubleFunction;
  */
 final class TopTable {
     /** One VM's row. Numbers that are not known are negative. */
-    record Row(int pid, String user, String mainClass, long heapUsed, long heapMax, double cpuPercent,
+    record Row(int pid, int uid, String user, String mainClass, long heapUsed, long heapMax, double cpuPercent,
                double gcPercent, long threads, long classes, long uptime) {
         double heapPercent() {
             return heapUsed >= 0 && heapMax > 0 ? heapUsed * 100.0 / heapMax : -1;
@@ -97,7 +97,8 @@ final class TopTable {
     private static final Column THREADS = new Column("THR", 4, true, r -> count(r.threads()));
     private static final Column CLASSES = new Column("CLASSES", 7, true, r -> count(r.classes()));
     private static final Column UPTIME = new Column("UPTIME", 7, true, r -> Human.duration(r.uptime()));
-    private static final Column MAIN = new Column("MAIN-CLASS", 10, false, Row::mainClass);
+    private static final Column MAIN = new Column("MAIN-CLASS", 10, false,
+            r -> r.mainClass().isEmpty() ? "-" : r.mainClass());
 
     private static final List<Column> COLUMNS = List.of(PID, USER, CPU, HEAP_PERCENT, HEAP, GC, THREADS, CLASSES,
             UPTIME, MAIN);
@@ -115,7 +116,7 @@ final class TopTable {
             HotSpotFigures perf = vm.hotspot().orElse(null);
             long classes = perf == null || perf.classesLoaded() < 0 ? -1
                     : perf.classesLoaded() - Math.max(0, perf.classesUnloaded());
-            rows.add(new Row(vm.pid(), vm.user(), vm.mainClass(), vm.heap().used(), vm.heap().max(),
+            rows.add(new Row(vm.pid(), vm.uid(), vm.user(), vm.mainClass(), vm.heap().used(), vm.heap().max(),
                     load.cpuPercent(), load.gcPercent(), perf == null ? -1 : perf.threadsLive(), classes,
                     vm.uptimeSeconds(nowSeconds)));
         }
@@ -124,7 +125,8 @@ final class TopTable {
 
     /** The rows whose user is {@code user} (name or uid; null: any) and whose main class contains {@code main}. */
     static List<Row> filter(List<Row> rows, String user, String main) {
-        return rows.stream().filter(r -> user == null || r.user().equals(user))
+        return rows.stream()
+                .filter(r -> user == null || r.user().equals(user) || user.equals(Integer.toString(r.uid())))
                 .filter(r -> main == null || r.mainClass().contains(main)).toList();
     }
 
@@ -170,7 +172,7 @@ final class TopTable {
             String pad = " ".repeat(w - cell.length());
             line.append(c.right() ? pad + cell : c == MAIN ? cell : cell + pad);
         }
-        return cut(line.toString(), width);
+        return cut(line.toString(), width).stripTrailing();
     }
 
     /** The text cut to {@code width} columns; a cut text ends in '+'. */
