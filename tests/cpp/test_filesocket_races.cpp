@@ -18,7 +18,6 @@
 #include <pthread.h>
 #include <string>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>

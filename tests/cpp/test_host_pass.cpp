@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <stdexcept>
-#include <string>
 #include <vector>
 
 namespace {

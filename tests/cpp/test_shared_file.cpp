@@ -9,11 +9,8 @@
 
 #include <fcntl.h>
 #include <fstream>
-#include <set>
 #include <string>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <thread>
 #include <type_traits>
 #include <unistd.h>
 #include <utility>
