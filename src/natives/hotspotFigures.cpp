@@ -1,5 +1,6 @@
 // One walk over a VM's counters, each recognised name stored in its figure. Heap sizes add up
-// the generations: used from their spaces, committed and maximum from the generations.
+// the generations: used from their spaces, committed and maximum from the generations; the pools
+// are the spaces themselves.
 #include "hotspotFigures.h"
 
 #include <cstdint>
@@ -15,10 +16,16 @@ const int64_t UNKNOWN = -1;
 const char GENERATION_PREFIX[] = "sun.gc.generation.";
 const char COLLECTOR_PREFIX[] = "sun.gc.collector.";
 
+struct Space {
+    int64_t used;
+    int64_t capacity;
+    int64_t max_capacity;
+};
+
 struct Generations {
-    int64_t used[HotSpotFigures_CL::MAX_GENERATIONS];
     int64_t capacity[HotSpotFigures_CL::MAX_GENERATIONS];
     int64_t max_capacity[HotSpotFigures_CL::MAX_GENERATIONS];
+    Space spaces[HotSpotFigures_CL::MAX_GENERATIONS][HotSpotFigures_CL::MAX_SPACES];
 };
 
 bool starts_with(const PerfCounter& c, const char* prefix, size_t prefix_length) {
@@ -57,7 +64,20 @@ void add(int64_t* sum, int64_t value) {
     }
 }
 
-// sun.gc.generation.<g>.capacity, .maxCapacity, and .space.<s>.used
+// sun.gc.generation.<g>.space.<s>.used, .capacity, .maxCapacity (p is past "space.")
+void take_space(const char* p, const char* end, int64_t value, Space* spaces) {
+    int s = 0;
+    if (!read_index(&p, end, &s) || s >= HotSpotFigures_CL::MAX_SPACES) return;
+    if (rest_is(p, end, "used")) {
+        spaces[s].used = value;
+    } else if (rest_is(p, end, "capacity")) {
+        spaces[s].capacity = value;
+    } else if (rest_is(p, end, "maxCapacity")) {
+        spaces[s].max_capacity = value;
+    }
+}
+
+// sun.gc.generation.<g>.capacity, .maxCapacity, and .space.<s>.*
 void take_generation(const PerfCounter& c, Generations* generations) {
     if (!c.is_long()) return;
     const char* p = c.name + sizeof GENERATION_PREFIX - 1;
@@ -69,9 +89,7 @@ void take_generation(const PerfCounter& c, Generations* generations) {
     } else if (rest_is(p, end, "maxCapacity")) {
         generations->max_capacity[g] = c.long_value;
     } else if (static_cast<size_t>(end - p) > 6 && memcmp(p, "space.", 6) == 0) {
-        p += 6;
-        int s = 0;
-        if (read_index(&p, end, &s) && rest_is(p, end, "used")) add(&generations->used[g], c.long_value);
+        take_space(p + 6, end, c.long_value, generations->spaces[g]);
     }
 }
 
@@ -128,6 +146,9 @@ const LongName LONGS[] = {
     {"sun.gc.metaspace.used", &HotSpotFigures_CL::metaspace_used},
     {"sun.gc.metaspace.capacity", &HotSpotFigures_CL::metaspace_committed},
     {"sun.gc.metaspace.maxCapacity", &HotSpotFigures_CL::metaspace_max},
+    {"sun.gc.compressedclassspace.used", &HotSpotFigures_CL::class_space_used},
+    {"sun.gc.compressedclassspace.capacity", &HotSpotFigures_CL::class_space_committed},
+    {"sun.gc.compressedclassspace.maxCapacity", &HotSpotFigures_CL::class_space_max},
     {"java.cls.loadedClasses", &HotSpotFigures_CL::classes_loaded},
     {"java.cls.unloadedClasses", &HotSpotFigures_CL::classes_unloaded},
     {"java.cls.sharedLoadedClasses", &HotSpotFigures_CL::shared_classes_loaded},
@@ -171,8 +192,58 @@ void clear(HotSpotFigures_CL* f, Generations* g) {
         c.name = none;
         c.invocations = c.time_ticks = c.last_entry_ticks = c.last_exit_ticks = UNKNOWN;
     }
+    for (HotSpotPool_CL& pool : f->pools) pool.used = pool.committed = pool.max = UNKNOWN;
     for (int i = 0; i < HotSpotFigures_CL::MAX_GENERATIONS; i++) {
-        g->used[i] = g->capacity[i] = g->max_capacity[i] = UNKNOWN;
+        g->capacity[i] = g->max_capacity[i] = UNKNOWN;
+        for (Space& space : g->spaces[i]) space.used = space.capacity = space.max_capacity = UNKNOWN;
+    }
+}
+
+// G1 adds the object alignment (8 bytes unless -XX:ObjectAlignmentInBytes says up to 256) to
+// every size it publishes, once per space, so that jstat never divides by a zero capacity: a
+// young generation of 13 MiB reads 13 MiB + 24 and committed could read above the maximum. Its
+// sizes are whole regions (1 MiB at least), so each rounded down to a whole KiB is the true one.
+int64_t without_padding(int64_t bytes) {
+    return bytes < 0 ? bytes : bytes & ~static_cast<int64_t>(1023);
+}
+
+void remove_g1_padding(Generations* g) {
+    for (int i = 0; i < HotSpotFigures_CL::MAX_GENERATIONS; i++) {
+        g->capacity[i] = without_padding(g->capacity[i]);
+        g->max_capacity[i] = without_padding(g->max_capacity[i]);
+        for (Space& space : g->spaces[i]) {
+            space.capacity = without_padding(space.capacity);
+            space.max_capacity = without_padding(space.max_capacity);
+        }
+    }
+}
+
+// A pool of several spaces of which one is in use at a time (the survivors): their use added
+// up, the largest capacity and maximum.
+void add_space(HotSpotPool_CL* pool, const Space& space) {
+    add(&pool->used, space.used);
+    if (space.capacity > pool->committed) pool->committed = space.capacity;
+    if (space.max_capacity > pool->max) pool->max = space.max_capacity;
+}
+
+void take_pools(const Generations& g, HotSpotFigures_CL* f) {
+    add_space(&f->pools[POOL_EDEN], g.spaces[0][0]);
+    add_space(&f->pools[POOL_SURVIVOR], g.spaces[0][1]);
+    add_space(&f->pools[POOL_SURVIVOR], g.spaces[0][2]);
+    add_space(&f->pools[POOL_OLD], g.spaces[1][0]);
+    f->pools[POOL_METASPACE] = HotSpotPool_CL{f->metaspace_used, f->metaspace_committed, f->metaspace_max};
+    f->pools[POOL_CLASS_SPACE] = HotSpotPool_CL{f->class_space_used, f->class_space_committed, f->class_space_max};
+}
+
+void add_generations(const Generations& generations, bool shared_maximum, HotSpotFigures_CL* f) {
+    for (int g = 0; g < HotSpotFigures_CL::MAX_GENERATIONS; g++) {
+        for (const Space& space : generations.spaces[g]) add(&f->heap_used, space.used);
+        add(&f->heap_committed, generations.capacity[g]);
+        if (shared_maximum) {
+            if (generations.max_capacity[g] > f->heap_max) f->heap_max = generations.max_capacity[g];
+        } else {
+            add(&f->heap_max, generations.max_capacity[g]);
+        }
     }
 }
 
@@ -196,16 +267,10 @@ void read_hotspot_figures(const PerfDataBuffer& block, HotSpotFigures_CL* f) {
     add(&f->classes_unloaded, f->shared_classes_unloaded);
     // G1 publishes the whole heap's maximum as the maximum of both its young and its old
     // generation: the heap's maximum is the larger one, not their sum.
-    bool shared_maximum = text_is(f->gc_policy, "GarbageFirst");
-    for (int g = 0; g < HotSpotFigures_CL::MAX_GENERATIONS; g++) {
-        add(&f->heap_used, generations.used[g]);
-        add(&f->heap_committed, generations.capacity[g]);
-        if (shared_maximum) {
-            if (generations.max_capacity[g] > f->heap_max) f->heap_max = generations.max_capacity[g];
-        } else {
-            add(&f->heap_max, generations.max_capacity[g]);
-        }
-    }
+    bool g1 = text_is(f->gc_policy, "GarbageFirst");
+    if (g1) remove_g1_padding(&generations);
+    add_generations(generations, g1, f);
+    take_pools(generations, f);
 }
 
 void read_hotspot_summary(const PerfDataBuffer& block, HotSpotFigures_CL* f) {

@@ -25,11 +25,26 @@ struct HotSpotCollector_CL {
     int64_t last_exit_ticks;
 };
 
+// A memory pool's figures in bytes (-1 when the VM does not publish one).
+struct HotSpotPool_CL {
+    int64_t used;
+    int64_t committed;
+    int64_t max;
+};
+
+// The pools a VM's counters describe: the young generation's eden (space 0) and survivors
+// (spaces 1 and 2: one is empty between collections), the old generation's space (the whole
+// heap for collectors with one generation), the metaspace (class space included) and the
+// compressed class space.
+enum HotSpotPoolKind { POOL_EDEN, POOL_SURVIVOR, POOL_OLD, POOL_METASPACE, POOL_CLASS_SPACE, POOL_KINDS };
+
 struct HotSpotFigures_CL {
     // Collectors the figures keep (HotSpot's collectors publish two or three).
     static const int MAX_COLLECTORS = 8;
     // Generations whose sizes are summed (young and old; more would be a VM we do not know).
     static const int MAX_GENERATIONS = 4;
+    // Spaces of a generation that are read (eden and two survivors; the old generation has one).
+    static const int MAX_SPACES = 3;
 
     PerfText_CL java_command;   // main class or jar, then the program's arguments
     PerfText_CL vm_name;
@@ -48,6 +63,9 @@ struct HotSpotFigures_CL {
     int64_t metaspace_used;
     int64_t metaspace_committed;
     int64_t metaspace_max;
+    int64_t class_space_used;
+    int64_t class_space_committed;
+    int64_t class_space_max;
     int64_t classes_loaded;     // loaded from class files and from the shared archive, as jstat adds them
     int64_t classes_unloaded;
     int64_t shared_classes_loaded;    // the archive's part of the two above
@@ -58,9 +76,11 @@ struct HotSpotFigures_CL {
     int64_t threads_started;
     int collector_count;
     HotSpotCollector_CL collectors[MAX_COLLECTORS];
+    HotSpotPool_CL pools[POOL_KINDS];
 };
 
-// Fills `figures` from `block`; figures the block lacks keep their "unknown" values.
+// Fills `figures` from `block`; figures the block lacks keep their "unknown" values. Sizes are
+// the VM's without the padding G1 adds to each (see hotspotFigures.cpp).
 void read_hotspot_figures(const J2SE::PerfDataBuffer& block, HotSpotFigures_CL* figures);
 
 // Fills only what a listing shows (java command, VM version, begin time), walking the block only

@@ -60,6 +60,11 @@ void write_hotspot_figures(DataOutputStream_CL& out, const J2SE::PerfDataVmRef& 
         out.writeLong(c.last_entry_ticks);
         out.writeLong(c.last_exit_ticks);
     }
+    for (const HotSpotPool_CL& pool : f.pools) {
+        out.writeLong(pool.used);
+        out.writeLong(pool.committed);
+        out.writeLong(pool.max);
+    }
 }
 
 void write_hotspot_counter(DataOutputStream_CL& out, const J2SE::PerfCounter& counter) {

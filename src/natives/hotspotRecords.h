@@ -8,8 +8,9 @@
 //                     frequency, uptime ticks, heap used/committed/max, metaspace
 //                     used/committed/max, classes loaded/unloaded, threads
 //                     live/peak/daemon/started, process start (seconds since the epoch, 0 when
-//                     unknown), the collector count, and per collector its name, invocations,
-//                     time, last entry and last exit (ticks)
+//                     unknown), the collector count, per collector its name, invocations,
+//                     time, last entry and last exit (ticks), then per pool (eden, survivor,
+//                     old, metaspace, compressed class space) its used, committed and max
 //   counter:          name, type ('J' or 'B' as an int), units, variability, flags, then a long
 //                     for 'J' or a string for 'B'
 //   JVM process:      pid, namespace pid, uid, user, process start, command line (its arguments

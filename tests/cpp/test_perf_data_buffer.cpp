@@ -223,12 +223,35 @@ TEST(HotSpotFigures, SyntheticBlocks) {
     EXPECT_EQ(9, f.threads_live);
     EXPECT_EQ("app.jar --x", text_of(f.java_command));
 
-    // G1's heap maximum is its largest generation's, not their sum.
+    // An idle G1 VM with -Xms256m -Xmx256m: G1 adds 8 bytes per space to every size and publishes
+    // the heap's maximum as each generation's; committed would be 32 bytes above the maximum.
+    const int64_t mib = 1 << 20;
     PerfDataBlock g1;
     g1.add_string("sun.gc.policy.name", "GarbageFirst")
-        .add_long("sun.gc.generation.0.maxCapacity", 6000)
-        .add_long("sun.gc.generation.1.maxCapacity", 6000);
-    EXPECT_EQ(6000, figures_of(g1, &kept).heap_max);
+        .add_long("sun.gc.generation.0.capacity", 13 * mib + 24)
+        .add_long("sun.gc.generation.0.maxCapacity", 256 * mib + 24)
+        .add_long("sun.gc.generation.0.space.0.capacity", 13 * mib + 8)
+        .add_long("sun.gc.generation.0.space.0.used", 2 * mib)
+        .add_long("sun.gc.generation.0.space.1.capacity", 8)
+        .add_long("sun.gc.generation.0.space.2.capacity", 8)
+        .add_long("sun.gc.generation.0.space.2.maxCapacity", 256 * mib + 8)
+        .add_long("sun.gc.generation.1.capacity", 243 * mib + 8)
+        .add_long("sun.gc.generation.1.maxCapacity", 256 * mib + 8)
+        .add_long("sun.gc.generation.1.space.0.capacity", 243 * mib + 8)
+        .add_long("sun.gc.generation.1.space.0.used", 5 * mib + 77)
+        .add_long("sun.gc.compressedclassspace.used", 96880);
+    f = figures_of(g1, &kept);
+    EXPECT_EQ(256 * mib, f.heap_committed);
+    EXPECT_EQ(256 * mib, f.heap_max);
+    EXPECT_EQ(7 * mib + 77, f.heap_used);
+    EXPECT_EQ(13 * mib, f.pools[POOL_EDEN].committed);
+    EXPECT_EQ(2 * mib, f.pools[POOL_EDEN].used);
+    EXPECT_EQ(0, f.pools[POOL_SURVIVOR].committed);
+    EXPECT_EQ(256 * mib, f.pools[POOL_SURVIVOR].max);
+    EXPECT_EQ(243 * mib, f.pools[POOL_OLD].committed);
+    EXPECT_EQ(5 * mib + 77, f.pools[POOL_OLD].used);
+    EXPECT_EQ(96880, f.pools[POOL_CLASS_SPACE].used);
+    EXPECT_EQ(-1, f.pools[POOL_METASPACE].used);
 
     // A hostile file's figures whose sum overflows: the sum stops at the largest long.
     const int64_t huge = INT64_MAX - 10;
@@ -285,6 +308,7 @@ TEST(HotSpotFigures, RealVmsAndTheirSummary) {
         EXPECT_GE(f.heap_used, 0);
         EXPECT_GT(f.heap_committed, 0);
         EXPECT_GE(f.heap_max, f.heap_committed);
+        for (const HotSpotPool_CL& pool : f.pools) EXPECT_LE(pool.committed, pool.max) << e.file;
         EXPECT_GT(f.classes_loaded, 100);
         EXPECT_GE(f.threads_live, 1);
         // The summary agrees with the figures on what it reads, and reads nothing else.

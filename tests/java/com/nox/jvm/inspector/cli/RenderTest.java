@@ -10,16 +10,15 @@ import com.nox.jvm.inspector.cluster.ClusterType;
 import com.nox.jvm.inspector.host.ControlAreaView;
 import com.nox.jvm.inspector.host.HostSnapshot;
 import com.nox.jvm.inspector.host.HostVm;
+import com.nox.jvm.inspector.hotspot.HotSpotFigures;
 import com.nox.jvm.inspector.testing.ModelFixtures;
 
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.time.Instant;
 import java.util.ArrayList;
-import java.util.LinkedHashSet;
 import java.util.List;
 import java.util.Map;
-import java.util.Set;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 
@@ -28,7 +27,8 @@ import org.junit.jupiter.api.Test;
 /** The commands' renderers over a host model made by hand: what list, info, watch and the metrics show. */
 class RenderTest {
     private static final int PID = 4242;
-    private static final int ALONE = 555;
+    /** The VM known only by its performance data is this test's own process, whose CPU time /proc tells. */
+    private static final int ALONE = (int) ProcessHandle.current().pid();
     private static final long NOW = ModelFixtures.BEGIN_MILLIS / 1000 + 60;
     private static final String VERSION = "OpenJDK 64-Bit Server VM 17.0.9+9-area";
 
@@ -38,7 +38,16 @@ class RenderTest {
                 area(ClusterType.PROCESS, PID, 0, PID, 1000, VERSION, mainClass, 1024));
         return HostSnapshot.of(areas, Map.of(PID, 1000, 77, 1000),
                 List.of(hotspot(PID, 1000, "perf.Main", 512, 2048, 4096, 300),
-                        hotspot(ALONE, 1000, "alone.Main", 5, 6, 7, 300)));
+                        startUnknown(hotspot(ALONE, 1000, "alone.Main", 5, 6, 7, 300))));
+    }
+
+    /** The figures with the process start unknown (any process of the pid is the VM's). */
+    private static HotSpotFigures startUnknown(HotSpotFigures f) {
+        return new HotSpotFigures(f.pid(), f.uid(), f.user(), f.javaCommand(), f.vmName(), f.vmVersion(), f.vmVendor(),
+                f.vmArguments(), f.vmFlags(), f.gcPolicy(), f.beginMillis(), f.initDoneMillis(), f.tickFrequency(),
+                f.uptimeTicks(), f.heapUsed(), f.heapCommitted(), f.heapMax(), f.metaspaceUsed(),
+                f.metaspaceCommitted(), f.metaspaceMax(), f.classesLoaded(), f.classesUnloaded(), f.threadsLive(),
+                f.threadsPeak(), f.threadsDaemon(), f.threadsStarted(), f.collectors(), f.pid(), 0, f.pools());
     }
 
     /** A VM with both sources has one version, main class and heap in list, info, watch (JSON) and the metrics. */
@@ -59,7 +68,8 @@ class RenderTest {
             assertEquals(List.of("\"control-area\"", "\"hotspot\""), List.of(fields.get("sources.0"),
                     fields.get("sources.1")));
         }
-        String labels = "{cluster_type=\"process\",cluster_id=\"" + PID + "\",slot=\"0\",pid=\"" + PID + "\"";
+        String labels = "{cluster_type=\"process\",cluster_id=\"" + PID + "\",slot=\"0\",pid=\"" + PID
+                + "\",user=\"1000\"";
         assertTrue(metrics.contains("nox_vm_info" + labels + ",vm_id=\"100\",vm_version=\"" + VERSION
                 + "\",main_class=\"app.Main\"} 1\n"), metrics);
         assertTrue(metrics.contains("jvm_memory_used_bytes" + labels + ",area=\"heap\"} 512\n"), metrics);
@@ -88,59 +98,53 @@ class RenderTest {
         return inner;
     }
 
-    /** Every family the README documents, named here so that renaming one fails, with samples in both formats. */
+    /**
+     * The README's metrics table and the exposition name the same families with the same types,
+     * and each has samples in both formats (the fixture publishes every figure): renaming,
+     * dropping or adding a family without the README fails here.
+     */
     @Test
     void everyDocumentedFamilyIsExposed() throws Exception {
-        List<String> documented = List.of("nox_vm_up", "nox_vm_info", "process_start_time_seconds",
-                "jvm_memory_committed_bytes", "jvm_memory_used_bytes", "jvm_memory_max_bytes",
-                "nox_vm_gc_collector_collections_total", "nox_vm_gc_collector_seconds_total", "jvm_classes_loaded_total",
-                "jvm_classes_unloaded_total", "jvm_threads_current", "jvm_threads_daemon", "jvm_threads_peak",
-                "jvm_threads_started_total", "nox_vm_class_pool_committed_bytes", "nox_vm_code_cache_committed_bytes",
-                "nox_vm_old_gen_used_after_gc_bytes", "nox_vm_old_gen_max_bytes", "nox_vm_gc_collections_total",
-                "nox_vm_gc_full_collections_total", "nox_vm_gc_duration_vm_units_total",
-                "nox_vm_gc_full_duration_vm_units_total", "nox_vm_gc_concurrent_duration_vm_units_total",
-                "nox_vm_process_cpu_time_vm_units_total", "nox_vm_out_of_memory_errors_total", "nox_vm_debugging_state",
-                "nox_vm_debug_port", "nox_host_vms", "nox_host_clusters", "nox_host_hotspot_only_vms",
-                "nox_host_pass_duration_seconds");
-        assertEquals(documented.size(), Metrics.FAMILIES.size());
-        assertEquals(new LinkedHashSet<>(documented), readmeFamilies());
+        Map<String, String> documented = readmeFamilies();
         String prometheus = Metrics.render(snapshot("app.Main"), Exposition.PROMETHEUS);
         String open = Metrics.render(snapshot("app.Main"), Exposition.OPENMETRICS);
-        for (String name : documented) {
+        Map<String, String> exposed = new java.util.TreeMap<>();
+        Matcher types = Pattern.compile("(?m)^# TYPE (\\S+) (\\S+)$").matcher(prometheus);
+        while (types.find()) {
+            exposed.put(types.group(1), types.group(2).equals("gauge") && types.group(1).endsWith("_info")
+                    ? "info" : types.group(2));
+        }
+        assertEquals(new java.util.TreeMap<>(documented), exposed);
+        documented.forEach((name, type) -> {
             String base = name.replaceAll("_(total|info)$", "");
-            assertTrue(Pattern.compile("(?m)^" + name + "[{ ]").matcher(prometheus).find(), "a sample of " + name);
-            assertTrue(Pattern.compile("(?m)^" + name + "[{ ]").matcher(open).find(), "a sample of " + name);
-            assertTrue(prometheus.contains("# TYPE " + name + " " + (name.endsWith("_total") ? "counter" : "gauge")),
-                    name);
-            String type = name.endsWith("_total") ? "counter" : name.endsWith("_info") ? "info" : "gauge";
+            for (String text : List.of(prometheus, open)) {
+                assertTrue(Pattern.compile("(?m)^" + name + "(_count|_sum)?[{ ]").matcher(text).find(),
+                        "a sample of " + name);
+            }
             assertTrue(open.contains("# TYPE " + base + " " + type + "\n"), base + " " + type);
             boolean unit = base.endsWith("_bytes") || base.endsWith("_seconds");
             assertEquals(unit, open.contains("# UNIT " + base + " "), base);
-        }
+        });
         assertFalse(prometheus.contains("# UNIT") || prometheus.contains("# EOF"));
         assertTrue(open.endsWith("\n# EOF\n") && open.indexOf("# EOF") == open.length() - 6);
     }
 
-    /** The series names in the README's metrics table ("... (and _full_, _concurrent_)" counts as three). */
-    private static Set<String> readmeFamilies() throws Exception {
+    /** The series of the README's metrics table (every backquoted name of a row's first cell) with the row's type. */
+    private static Map<String, String> readmeFamilies() throws Exception {
         Path readme = Path.of(System.getProperty("nox.launcher", "tools/noxinspect")).toAbsolutePath().getParent()
                 .getParent().resolve("README.md");
-        Set<String> names = new LinkedHashSet<>();
+        Map<String, String> families = new java.util.LinkedHashMap<>();
         for (String line : Files.readAllLines(readme)) {
-            if (!line.startsWith("| `")) {
+            String[] cells = line.split("\\|");
+            if (!line.startsWith("| `") || cells.length < 3) {
                 continue;
             }
-            Matcher m = Pattern.compile("`([a-z_]+)(\\{[^`]*)?`").matcher(line.substring(0, line.indexOf('|', 2)));
+            Matcher m = Pattern.compile("`((nox|jvm|process)_[a-z_]+)(\\{[^`]*)?`").matcher(cells[1]);
             while (m.find()) {
-                names.add(m.group(1));
-            }
-            if (line.contains("(and `_full_`, `_concurrent_`)")) {
-                names.add("nox_vm_gc_full_duration_vm_units_total");
-                names.add("nox_vm_gc_concurrent_duration_vm_units_total");
+                families.put(m.group(1), cells[2].trim());
             }
         }
-        names.removeIf(n -> !n.matches("(nox|jvm|process)_.*"));
-        return names;
+        return families;
     }
 
     @Test

@@ -65,8 +65,8 @@ class SecondUserTest {
                 String metrics = Metrics.render(new Host().snapshot(), Exposition.PROMETHEUS);
                 String labels = "{cluster_type=\"hotspot\",cluster_id=\"\",slot=\"\",pid=\"" + pid + "\"";
                 assertEquals("1", ServeTest.value(metrics, "nox_vm_up", labels), metrics);
-                assertNotNull(ServeTest.value(metrics, "jvm_memory_used_bytes", labels), metrics);
-                assertNull(ServeTest.value(metrics, "jvm_memory_used_bytes", "cluster_id=\"" + spoofPid + "\""),
+                assertNotNull(ServeTest.value(metrics, "jvm_memory_max_bytes", labels, "area=\"heap\""), metrics);
+                assertNull(ServeTest.value(metrics, "jvm_memory_max_bytes", "cluster_id=\"" + spoofPid + "\""),
                         "no figure of root's VM under the other user's cluster: " + metrics);
 
                 // Root's VM by pid is a stock VM (no control area of its own); the other user's slot is not its VM.

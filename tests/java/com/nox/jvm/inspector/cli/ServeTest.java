@@ -173,9 +173,9 @@ class ServeTest {
         assertTrue(max >= committed && max > 0, "heap max " + max + " below committed " + committed);
         assertTrue(Long.parseLong(value(body, "jvm_classes_loaded_total", labels)) > 100, body);
         assertTrue(Long.parseLong(value(body, "jvm_threads_current", labels)) >= 1, body);
-        assertTrue(Long.parseLong(value(body, "nox_vm_gc_collector_collections_total", labels,
-                "gc=\"G1 full collection pauses\"")) >= 1, "the VM's System.gc() ran a full collection: " + body);
-        assertNotNull(value(body, "nox_vm_gc_collector_seconds_total", labels, "gc=\"G1 full collection pauses\""));
+        assertTrue(Long.parseLong(value(body, "jvm_gc_collection_seconds_count", labels,
+                "gc=\"G1 Old Generation\"")) >= 1, "the VM's System.gc() ran a full collection: " + body);
+        assertNotNull(value(body, "jvm_gc_collection_seconds_sum", labels, "gc=\"G1 Old Generation\""));
         assertNotNull(value(body, "process_start_time_seconds", labels));
         assertTrue(Integer.parseInt(value(body, "nox_host_hotspot_only_vms")) >= 1, body);
         assertNull(value(body, "nox_vm_gc_collections_total", labels), "a control-area figure the VM has not");

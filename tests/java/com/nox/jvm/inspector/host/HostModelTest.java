@@ -86,7 +86,7 @@ class HostModelTest {
             assertEquals(c.heap, vm.heap(), c.what);
         }
         HotSpotFigures nameless = new HotSpotFigures(PID, 0, "u", "", "", "17.0.9", "", "", "", "", 1, 0, 1, 1, -1, -1,
-                -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, List.of(), PID, 0);
+                -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, List.of(), PID, 0, List.of());
         assertEquals("17.0.9", MergeRule.hotSpotVersion(nameless));
     }
 

@@ -13,6 +13,7 @@ import com.nox.jvm.inspector.cluster.VmTimeInfo;
 import com.nox.jvm.inspector.host.ControlAreaView;
 import com.nox.jvm.inspector.hotspot.GcCollector;
 import com.nox.jvm.inspector.hotspot.HotSpotFigures;
+import com.nox.jvm.inspector.hotspot.HotSpotPool;
 
 import java.util.List;
 import java.util.Optional;
@@ -42,10 +43,14 @@ public final class ModelFixtures {
     public static HotSpotFigures hotspot(int pid, int uid, String command, long used, long committed, long max,
                                          long laterMillis) {
         return new HotSpotFigures(pid, uid, "user" + uid, command, "OpenJDK 64-Bit Server VM", "17.0.9+9", "vendor",
-                "-Xmx1g", "", "G1", BEGIN_MILLIS + laterMillis, 0, 1_000_000_000L, 5_000_000_000L, used, committed,
+                "-Xmx1g", "", "GarbageFirst", BEGIN_MILLIS + laterMillis, 0, 1_000_000_000L, 5_000_000_000L, used, committed,
                 max, 1, 2, 3, 500, 2, 7, 9, 5, 11,
                 List.of(new GcCollector("G1 young collection pauses", 4, 250_000_000L, 0.25, 0, 0),
                         new GcCollector("G1 full collection pauses", 1, 1_000_000_000L, 1.0, 0, 0)), pid,
-                BEGIN_MILLIS / 1000);
+                BEGIN_MILLIS / 1000, List.of(new HotSpotPool(HotSpotPool.Kind.EDEN, used / 2, committed / 2, max),
+                        new HotSpotPool(HotSpotPool.Kind.SURVIVOR, 0, 0, max),
+                        new HotSpotPool(HotSpotPool.Kind.OLD, used - used / 2, committed - committed / 2, max),
+                        new HotSpotPool(HotSpotPool.Kind.METASPACE, 1, 2, 3),
+                        new HotSpotPool(HotSpotPool.Kind.CLASS_SPACE, 0, 0, 1 << 30)));
     }
 }

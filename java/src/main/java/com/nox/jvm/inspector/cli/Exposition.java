@@ -13,7 +13,11 @@ enum Exposition {
         @Override
         void header(StringBuilder out, Metrics.Family family) {
             String name = sampleName(family);
-            String type = family.type() == Metrics.Type.COUNTER ? "counter" : "gauge";
+            String type = switch (family.type()) {
+                case COUNTER -> "counter";
+                case SUMMARY -> "summary";
+                case GAUGE, INFO -> "gauge";
+            };
             out.append("# HELP ").append(name).append(' ').append(family.help()).append('\n');
             out.append("# TYPE ").append(name).append(' ').append(type).append('\n');
         }
@@ -62,12 +66,15 @@ enum Exposition {
     /** What follows the last family. */
     abstract void end(StringBuilder out);
 
-    /** The name of a family's samples: counters end in _total, info families in _info, in both formats. */
+    /**
+     * The name of a family's samples: counters end in _total, info families in _info, in both
+     * formats; a summary's samples add _count and _sum to its name.
+     */
     static String sampleName(Metrics.Family family) {
         return switch (family.type()) {
             case COUNTER -> family.name() + "_total";
             case INFO -> family.name() + "_info";
-            case GAUGE -> family.name();
+            case GAUGE, SUMMARY -> family.name();
         };
     }
 }

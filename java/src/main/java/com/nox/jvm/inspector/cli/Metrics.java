@@ -9,8 +9,10 @@ import com.nox.jvm.inspector.cluster.VmTimeInfo;
 import com.nox.jvm.inspector.host.HostSnapshot;
 import com.nox.jvm.inspector.host.HostVm;
 import com.nox.jvm.inspector.host.Names;
+import com.nox.jvm.inspector.host.ProcessCpu;
 import com.nox.jvm.inspector.hotspot.GcCollector;
 import com.nox.jvm.inspector.hotspot.HotSpotFigures;
+import com.nox.jvm.inspector.hotspot.MxBeanNames;
 
 import java.util.ArrayList;
 import java.util.HashSet;
@@ -23,16 +25,23 @@ import java.util.function.ToLongFunction;
 /**
  * The metrics of {@code serve}: a table of families, each with its name, type, unit, help and
  * how it reads its samples from a {@link HostSnapshot}, written in either {@link Exposition}.
- * Every VM series carries the labels cluster_type, cluster_id, slot and pid (a VM known only by
- * its performance data has cluster_type "hotspot" and empty cluster_id and slot). A figure a VM
- * does not publish has no sample; figures whose unit the VM does not publish say vm_units in
- * their name and are passed through as published.
+ * Every VM series carries the labels cluster_type, cluster_id, slot, pid and user (a VM known
+ * only by its performance data has cluster_type "hotspot" and empty cluster_id and slot). A
+ * figure a VM does not publish has no sample, nor has one it has not published yet (see
+ * {@link MemoryFigures}); figures whose unit the VM does not publish say vm_units in their name
+ * and are passed through as published.
  */
 final class Metrics {
-    enum Type { GAUGE, COUNTER, INFO }
+    enum Type { GAUGE, COUNTER, INFO, SUMMARY }
 
-    /** One sample: its labels as name, value pairs, and its value. */
-    record Sample(List<String> labels, String value) {
+    /**
+     * One sample: what follows the family's sample name (a summary's _count and _sum; else
+     * empty), its labels as name, value pairs, and its value.
+     */
+    record Sample(String suffix, List<String> labels, String value) {
+        Sample(List<String> labels, String value) {
+            this("", labels, value);
+        }
     }
 
     /** One family: its base name (counters without _total, info without _info) and how to read it. */
@@ -50,14 +59,34 @@ final class Metrics {
             vm("process_start_time_seconds", Type.GAUGE, SECONDS,
                     "Start time of the VM's process since the Unix epoch in seconds (whole seconds)",
                     vm -> vm.startTime() > 0 ? one(Long.toString(vm.startTime())) : List.of()),
+            vm("process_cpu_seconds", Type.COUNTER, SECONDS,
+                    "CPU time of the VM's process, user plus system, in seconds, as the kernel counts it (/proc)",
+                    vm -> {
+                        double seconds = ProcessCpu.seconds(vm.pid(), vm.startTime());
+                        return seconds < 0 ? List.of() : one(Double.toString(seconds));
+                    }),
             vm("jvm_memory_used_bytes", Type.GAUGE, BYTES,
-                    "Used bytes of the VM's Java heap (area heap), from its performance data",
-                    vm -> bytes(vm.heap().used(), "area", "heap")),
-            vm("jvm_memory_committed_bytes", Type.GAUGE, BYTES, "Committed bytes of the VM's Java heap (area heap)",
-                    vm -> bytes(vm.heap().committed(), "area", "heap")),
+                    "Used bytes of the VM's Java heap (area heap) and metaspace (area nonheap), from its performance data",
+                    vm -> MemoryFigures.areas(vm, MemoryFigures.Figure::used)),
+            vm("jvm_memory_committed_bytes", Type.GAUGE, BYTES,
+                    "Committed bytes of the VM's Java heap (area heap) and metaspace (area nonheap)",
+                    vm -> MemoryFigures.areas(vm, MemoryFigures.Figure::committed)),
             vm("jvm_memory_max_bytes", Type.GAUGE, BYTES,
-                    "The most bytes the VM's Java heap may grow to (area heap), from its performance data",
-                    vm -> bytes(vm.heap().max(), "area", "heap")),
+                    "The most bytes the VM's Java heap (area heap) and metaspace (area nonheap) may grow to",
+                    vm -> MemoryFigures.areas(vm, MemoryFigures.Figure::max)),
+            vm("jvm_memory_pool_used_bytes", Type.GAUGE, BYTES,
+                    "Used bytes of one memory pool of the VM (pool: as its MemoryPoolMXBean names it)",
+                    vm -> MemoryFigures.pools(vm, MemoryFigures.Figure::used)),
+            vm("jvm_memory_pool_committed_bytes", Type.GAUGE, BYTES,
+                    "Committed bytes of one memory pool of the VM (pool: as its MemoryPoolMXBean names it)",
+                    vm -> MemoryFigures.pools(vm, MemoryFigures.Figure::committed)),
+            vm("jvm_memory_pool_max_bytes", Type.GAUGE, BYTES,
+                    "The most bytes one memory pool of the VM may grow to (pool: as its MemoryPoolMXBean names it)",
+                    vm -> MemoryFigures.pools(vm, MemoryFigures.Figure::max)),
+            vm("nox_vm_memory_unpublished", Type.GAUGE, null,
+                    "1 for a memory area or pool whose use the VM has not published yet (it reads 0, as before a G1 VM's"
+                            + " first collection); its jvm_memory samples that read 0 are left out",
+                    MemoryFigures::unpublished),
             vm("nox_vm_class_pool_committed_bytes", Type.GAUGE, BYTES, "Committed bytes of the VM's class pool",
                     vm -> memory(vm, VmMemoryInfo::committedClassPool)),
             vm("nox_vm_code_cache_committed_bytes", Type.GAUGE, BYTES, "Committed bytes of the VM's code cache",
@@ -80,12 +109,10 @@ final class Metrics {
             vm("nox_vm_gc_concurrent_duration_vm_units", Type.COUNTER, null,
                     "Time spent in concurrent garbage collections, in the unit the VM publishes (not known, not converted)",
                     vm -> memory(vm, VmMemoryInfo::durationOfConcurrentGcs)),
-            vm("nox_vm_gc_collector_collections", Type.COUNTER, null,
-                    "Collections of one garbage collector of the VM (gc: the collector as its performance data names it)",
-                    vm -> collectors(vm, c -> c.invocations() < 0 ? null : Long.toString(c.invocations()))),
-            vm("nox_vm_gc_collector_seconds", Type.COUNTER, SECONDS,
-                    "Time spent in the collections of one garbage collector of the VM in seconds, from its performance data",
-                    vm -> collectors(vm, c -> c.timeSeconds() < 0 ? null : Double.toString(c.timeSeconds()))),
+            vm("jvm_gc_collection_seconds", Type.SUMMARY, SECONDS,
+                    "Collections of one garbage collector of the VM (count) and their time in seconds (sum), from its"
+                            + " performance data (gc: the collector as its GarbageCollectorMXBean names it)",
+                    Metrics::collectors),
             vm("jvm_classes_loaded", Type.COUNTER, null,
                     "Classes the VM has loaded since it began, from its performance data",
                     vm -> hotspot(vm, HotSpotFigures::classesLoaded)),
@@ -134,7 +161,7 @@ final class Metrics {
             format.header(out, family);
             String name = Exposition.sampleName(family);
             for (Sample sample : family.read().apply(snapshot)) {
-                out.append(name);
+                out.append(name).append(sample.suffix());
                 labels(out, sample.labels());
                 out.append(' ').append(sample.value()).append('\n');
             }
@@ -151,7 +178,7 @@ final class Metrics {
                 for (Sample s : read.apply(vm)) {
                     List<String> labels = new ArrayList<>(vmLabels(vm));
                     labels.addAll(s.labels());
-                    samples.add(new Sample(labels, s.value()));
+                    samples.add(new Sample(s.suffix(), labels, s.value()));
                 }
             }
             return samples;
@@ -165,10 +192,11 @@ final class Metrics {
     private static List<String> vmLabels(HostVm vm) {
         return List.of("cluster_type", vm.clusterType(),
                 "cluster_id", vm.clusterId() == null ? "" : Integer.toString(vm.clusterId()),
-                "slot", vm.slot() == null ? "" : Integer.toString(vm.slot()), "pid", Integer.toString(vm.pid()));
+                "slot", vm.slot() == null ? "" : Integer.toString(vm.slot()), "pid", Integer.toString(vm.pid()),
+                "user", vm.user());
     }
 
-    private static List<Sample> one(String value, String... labels) {
+    static List<Sample> one(String value, String... labels) {
         return List.of(new Sample(List.of(labels), value));
     }
 
@@ -177,7 +205,7 @@ final class Metrics {
                 "main_class", vm.mainClass());
     }
 
-    private static List<Sample> bytes(long value, String... labels) {
+    static List<Sample> bytes(long value, String... labels) {
         return value < 0 ? List.of() : one(Long.toString(value), labels);
     }
 
@@ -192,15 +220,19 @@ final class Metrics {
         return vm.hotspot().map(f -> bytes(figure.applyAsLong(f))).orElse(List.of());
     }
 
-    /** One sample per garbage collector, labelled gc; a collector whose figure is null has none. */
-    private static List<Sample> collectors(HostVm vm, Function<GcCollector, String> figure) {
+    /**
+     * Per garbage collector its count and sum, labelled gc with its bean's name; a collector
+     * whose collections or time (the tick frequency) are not published has none.
+     */
+    private static List<Sample> collectors(HostVm vm) {
         List<Sample> samples = new ArrayList<>();
         Set<String> names = new HashSet<>();
         for (GcCollector c : vm.hotspot().map(HotSpotFigures::collectors).orElse(List.of())) {
-            String value = figure.apply(c);
+            String name = MxBeanNames.collector(c.name());
             // Two collectors of one name would make two series with one label set.
-            if (value != null && names.add(c.name())) {
-                samples.add(new Sample(List.of("gc", c.name()), value));
+            if (c.invocations() >= 0 && c.timeSeconds() >= 0 && names.add(name)) {
+                samples.add(new Sample("_count", List.of("gc", name), Long.toString(c.invocations())));
+                samples.add(new Sample("_sum", List.of("gc", name), Double.toString(c.timeSeconds())));
             }
         }
         return samples;

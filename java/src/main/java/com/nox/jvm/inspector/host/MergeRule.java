@@ -22,7 +22,8 @@ import java.util.Optional;
  * <li>Main class: the control area's; without one, the first word of the performance data's
  *     command.</li>
  * <li>Heap: committed from the control area, else from the performance data; used and maximum
- *     from the performance data (a control area publishes neither).</li>
+ *     from the performance data (a control area publishes neither). A heap in use that reads 0
+ *     is not published yet (G1 publishes it at its collections), so it is unknown.</li>
  * </ul>
  */
 public final class MergeRule {
@@ -77,7 +78,7 @@ public final class MergeRule {
     static Heap heap(Optional<ControlAreaView> controlArea, Optional<HotSpotFigures> hotspot) {
         long committed = controlArea.flatMap(c -> c.figures().memory()).map(VmMemoryInfo::committedJavaHeap)
                 .filter(bytes -> bytes >= 0).orElse(hotspot.map(HotSpotFigures::heapCommitted).orElse(-1L));
-        long used = hotspot.map(HotSpotFigures::heapUsed).orElse(-1L);
+        long used = hotspot.map(HotSpotFigures::heapUsed).filter(bytes -> bytes != 0).orElse(-1L);
         long max = hotspot.map(HotSpotFigures::heapMax).orElse(-1L);
         return new Heap(orUnknown(used), orUnknown(committed), orUnknown(max));
     }

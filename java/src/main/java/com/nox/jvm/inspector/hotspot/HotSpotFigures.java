@@ -37,6 +37,8 @@ import java.util.List;
  * @param namespacePid        the pid the VM knows itself by (in a container, the container's pid;
  *                            {@code pid} elsewhere)
  * @param processStartSeconds when the VM's process started, seconds since the epoch; 0 when unknown
+ * @param pools               the memory pools, one per {@link HotSpotPool.Kind} in its order (empty
+ *                            for figures made by hand)
  */
 public record HotSpotFigures(int pid, int uid, String user, String javaCommand, String vmName, String vmVersion,
                              String vmVendor, String vmArguments, String vmFlags, String gcPolicy, long beginMillis,
@@ -44,10 +46,12 @@ public record HotSpotFigures(int pid, int uid, String user, String javaCommand, 
                              long heapCommitted, long heapMax, long metaspaceUsed, long metaspaceCommitted,
                              long metaspaceMax, long classesLoaded, long classesUnloaded, long threadsLive,
                              long threadsPeak, long threadsDaemon, long threadsStarted,
-                             List<GcCollector> collectors, int namespacePid, long processStartSeconds) {
+                             List<GcCollector> collectors, int namespacePid, long processStartSeconds,
+                             List<HotSpotPool> pools) {
 
     public HotSpotFigures {
         collectors = List.copyOf(collectors);
+        pools = List.copyOf(pools);
     }
 
     /** Figures made by hand (tests, tools) of a VM outside any container, its process start unknown. */
@@ -60,7 +64,12 @@ public record HotSpotFigures(int pid, int uid, String user, String javaCommand, 
         this(pid, uid, user, javaCommand, vmName, vmVersion, vmVendor, vmArguments, vmFlags, gcPolicy, beginMillis,
                 initDoneMillis, tickFrequency, uptimeTicks, heapUsed, heapCommitted, heapMax, metaspaceUsed,
                 metaspaceCommitted, metaspaceMax, classesLoaded, classesUnloaded, threadsLive, threadsPeak,
-                threadsDaemon, threadsStarted, collectors, pid, 0);
+                threadsDaemon, threadsStarted, collectors, pid, 0, List.of());
+    }
+
+    /** A pool's figures; all -1 when the VM publishes none. */
+    public HotSpotPool pool(HotSpotPool.Kind kind) {
+        return pools.stream().filter(p -> p.kind() == kind).findFirst().orElse(new HotSpotPool(kind, -1, -1, -1));
     }
 
     /** The main class or the jar: the first word of the command. */
@@ -104,7 +113,8 @@ public record HotSpotFigures(int pid, int uid, String user, String javaCommand, 
 
     /**
      * Reads one figures record: pid, namespace pid, uid, then the texts and numbers in the order of
-     * the components above, the process start, and the collectors (count, then each).
+     * the components above, the process start, the collectors (count, then each) and the pools
+     * (used, committed and max of each kind in its order).
      */
     static HotSpotFigures read(RecordReader in) {
         int pid = in.readInt();
@@ -138,8 +148,12 @@ public record HotSpotFigures(int pid, int uid, String user, String javaCommand, 
             double seconds = frequency > 0 && time >= 0 ? (double) time / frequency : -1;
             collectors.add(new GcCollector(name, invocations, time, seconds, lastEntry, lastExit));
         }
+        List<HotSpotPool> pools = new ArrayList<>();
+        for (HotSpotPool.Kind kind : HotSpotPool.Kind.values()) {
+            pools.add(new HotSpotPool(kind, in.readLong(), in.readLong(), in.readLong()));
+        }
         return new HotSpotFigures(pid, uid, user, javaCommand, vmName, vmVersion, vmVendor, vmArguments, vmFlags,
                 gcPolicy, n[0], n[1], n[2], n[3], n[4], n[5], n[6], n[7], n[8], n[9], n[10], n[11], n[12], n[13],
-                n[14], n[15], collectors, namespacePid, processStart);
+                n[14], n[15], collectors, namespacePid, processStart, pools);
     }
 }
