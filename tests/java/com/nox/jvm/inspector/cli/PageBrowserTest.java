@@ -1,5 +1,6 @@
 package com.nox.jvm.inspector.cli;
 
+import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 import static org.junit.jupiter.api.Assumptions.assumeTrue;
@@ -9,6 +10,7 @@ import com.nox.jvm.inspector.testing.JdkVm;
 import com.nox.jvm.inspector.testing.Vmsim;
 
 import java.nio.file.Files;
+import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.Map;
@@ -17,9 +19,9 @@ import java.util.stream.Collectors;
 import org.junit.jupiter.api.Test;
 
 /**
- * The page of noxinspect serve in headless Chromium: every VM the test started has a card whose
- * charts draw points, the points and the picture change as the page polls, and the page asked
- * nothing of anyone but serve.
+ * The page of noxinspect serve in headless Chromium, with 20 VMs: every VM the test started has a
+ * card whose charts draw points, the points and the picture change as the page polls, and the
+ * page asked nothing of anyone but serve.
  */
 class PageBrowserTest {
     /** Per card: pid, then per chart line its class and point count, e.g. "123 used:4 cpu:3 ...". */
@@ -69,14 +71,17 @@ class PageBrowserTest {
                 "chromium is not installed (Debian package chromium): skipped");
         try (JdkVm serial = new JdkVm("-XX:+UseSerialGC");
              JdkVm g1 = new JdkVm("-XX:+UseG1GC");
-             Vmsim simulated = new Vmsim("--type", "process");
+             // 18 simulated VMs (this test's instance cluster 71): 20 VMs on the page in all.
+             Vmsim simulated = new Vmsim("--type", "instance", "--id", "71", "--slots", "18");
              LongRunning serve = new LongRunning("serve", "--port", "0");
              HeadlessChromium chromium = new HeadlessChromium()) {
             String line = serve.next(20, "the address serve listens on").text();
             String origin = line.substring(line.indexOf("http://"), line.indexOf("/metrics"));
             NoxinspectHotSpotTest.awaitListed(serial);
             NoxinspectHotSpotTest.awaitListed(g1);
-            List<Integer> pids = List.of(serial.pid(), g1.pid(), simulated.slotPids()[0]);
+            List<Integer> pids = new ArrayList<>(List.of(serial.pid(), g1.pid()));
+            Arrays.stream(simulated.slotPids()).forEach(pids::add);
+            assertEquals(20, pids.stream().distinct().count(), pids.toString());
 
             chromium.navigate(origin + "/");
             Map<String, String> first = awaitCards(chromium, pids);
