@@ -101,7 +101,7 @@ class FileSocketCloseTest {
     void closesFromManyThreadsReleaseEveryBlockedCall() throws Exception {
         try (FileServerSocket full = fullServer()) {
             int before = -1;
-            for (int round = 0; round < 200; round++) {
+            for (int round = 0; round < 500; round++) {
                 if (round == 1) before = SocketPaths.openDescriptors(); // after what the JVM opens once
                 String path = paths.next("close");
                 FileServerSocket server = new FileServerSocket(new FileSocketAddress(path), 0, false);
