@@ -194,7 +194,8 @@ TEST(FileSocket, FailuresReportTheirTexts) {
 }
 
 // A stale socket file is replaced, by a file of mode 0600 when access is restricted; reports of
-// an accepted socket name the server's path; only the server's close removes the file.
+// an accepted socket name the server's path; only a server's close removes the file, and only
+// the file it bound itself.
 TEST(FileSocket, TheSocketFile) {
     noxtest::ScopedPath stale(unique_path("stale"));
     ASSERT_TRUE(noxtest::make_socket_file(stale.path()));
@@ -219,8 +220,14 @@ TEST(FileSocket, TheSocketFile) {
     EXPECT_STREQ(broken.socket_identifier(), stale.c_str());
     FileSocket::destroy(accepted);
     EXPECT_TRUE(noxtest::path_exists(stale.path())) << "accepted and connected sockets never remove the file";
+    // Another server takes the path over (the file is then its own): the first server's close
+    // leaves it, the successor's close removes it.
+    FileSocket successor(handler);
+    successor.bind(stale.c_str(), 0, false, handler);
     server.closef(handler);
-    EXPECT_FALSE(noxtest::path_exists(stale.path()));
+    EXPECT_TRUE(noxtest::path_exists(stale.path())) << "a close removed another server's file";
+    successor.closef(handler);
+    EXPECT_FALSE(noxtest::path_exists(stale.path())) << "a server's close leaves its own file";
     EXPECT_FALSE(handler.has_thrown()) << handler.message().c_str();
 }
 

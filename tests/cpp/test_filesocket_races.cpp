@@ -1,6 +1,7 @@
-// Races of the file-socket layer: many threads closing one socket while others are blocked in
-// accept, read, write and connect on it, and a file opened by another thread at the same time.
-// Each test repeats its race many times; the `tsan` preset runs them under ThreadSanitizer.
+// Races of the file-socket layer: a close by one thread while others are blocked in accept, read,
+// write and connect on the socket, a number reused at once after the close, and two closes with
+// a caller still inside. Each test repeats its race many times; the `tsan` preset runs them under
+// ThreadSanitizer.
 #include "fileSocket.h"
 #include "testSupport.h"
 
@@ -70,168 +71,12 @@ void await(const std::function<bool()>& condition, const char* what) {
     }
 }
 
-// Opens, writes, reads back and closes a file of its own until stopped; counts every step that
-// did not do what it should (a descriptor closed under it by a stray close, bytes of someone
-// else).
-class FileChurn {
-public:
-    FileChurn() : _path(unique_path("churn")), _thread([this] { run(); }) {}
-    ~FileChurn() {
-        stop();
-        unlink(_path.c_str());
-    }
-    void stop() {
-        _stop = true;
-        if (_thread.joinable()) _thread.join();
-    }
-    int failures() const { return _failures.load(); }
-    int cycles() const { return _cycles.load(); }
-
-private:
-    void run() {
-        char pattern[256];
-        char back[sizeof pattern];
-        while (!_stop) {
-            int cycle = _cycles.load();
-            memset(pattern, 'a' + cycle % 26, sizeof pattern);
-            int fd = open(_path.c_str(), O_CREAT | O_RDWR | O_TRUNC | O_CLOEXEC, 0600);
-            if (fd < 0) {
-                _failures++;
-                continue;
-            }
-            bool ok = true;
-            for (int i = 0; i < 8 && ok; i++) ok = write(fd, pattern, sizeof pattern) == static_cast<ssize_t>(sizeof pattern);
-            for (int i = 0; i < 8 && ok; i++) {
-                ok = pread(fd, back, sizeof back, static_cast<off_t>(i * sizeof back)) == static_cast<ssize_t>(sizeof back) &&
-                     memcmp(back, pattern, sizeof back) == 0;
-            }
-            if (close(fd) != 0) ok = false;
-            if (!ok) _failures++;
-            _cycles++;
-        }
-    }
-
-    std::string _path;
-    std::atomic<bool> _stop{false};
-    std::atomic<int> _failures{0};
-    std::atomic<int> _cycles{0};
-    std::thread _thread;
-};
-
-// A pool of threads that each call closef on the sockets of a round, all released at once.
-class Closers {
-public:
-    explicit Closers(int count) {
-        for (int i = 0; i < count; i++) _threads.emplace_back([this] { run(); });
-    }
-    ~Closers() {
-        _quit = true;
-        _generation++;
-        for (auto& t : _threads) t.join();
-    }
-    // Every thread closes each socket once; returns the number of closes that reported.
-    int close_all(std::vector<FileSocket*> sockets) {
-        _sockets = std::move(sockets);
-        _done = 0;
-        _reports = 0;
-        _generation++;
-        int count = static_cast<int>(_threads.size());
-        await([&] { return _done.load() == count; }, "every closer returned from closef");
-        return _reports.load();
-    }
-    const std::string& first_report() const { return _first_report; }
-
-private:
-    void run() {
-        int seen = 0;
-        for (;;) {
-            while (_generation.load() == seen) std::this_thread::yield();
-            seen = _generation.load();
-            if (_quit) return;
-            for (FileSocket* socket : _sockets) {
-                ExceptionHandler handler;
-                socket->closef(handler);
-                if (handler.has_thrown() && _reports++ == 0) _first_report = handler.message().c_str();
-            }
-            _done++;
-        }
-    }
-
-    std::vector<std::thread> _threads;
-    std::vector<FileSocket*> _sockets;
-    std::atomic<int> _generation{0};
-    std::atomic<bool> _quit{false};
-    std::atomic<int> _done{0};
-    std::atomic<int> _reports{0};
-    std::string _first_report;
-};
-
 int rounds(int normal) {
     const char* text = getenv("NOX_RACE_ROUNDS");
     return text != nullptr && atoi(text) > 0 ? atoi(text) : normal;
 }
 
 }  // namespace
-
-// 200 threads close one listening socket and one connected socket at the same moment while two
-// threads are blocked in accept on the first and two in read on the second, and another thread
-// keeps opening, writing and closing a file. Each descriptor is closed exactly once: no close
-// reports anything, the file thread never loses its descriptor, and no descriptor is left. The
-// socket file belongs to the server that created it: another server has taken the path over
-// meanwhile, and its file stays.
-TEST(FileSocketRaces, ManyClosersCloseOnce) {
-    const int before = open_descriptors();
-    {
-        FileChurn churn;
-        Closers closers(200);
-        for (int round = 0; round < rounds(40); round++) {
-            noxtest::ScopedPath path(unique_path("close"));
-            ExceptionHandler setup;
-            FileSocket server(setup);
-            FileSocket client(setup);
-            server.bind(path.c_str(), 0, false, setup);
-            client.connect(path.c_str(), 0, setup);
-            FileSocket* accepted = server.accept(0, false, setup);
-            FileSocket successor(setup);
-            successor.bind(path.c_str(), 0, false, setup);
-            ASSERT_FALSE(setup.has_thrown()) << setup.message().c_str();
-            ASSERT_NE(accepted, nullptr);
-
-            std::atomic<int> returned{0};
-            std::vector<std::thread> blocked;
-            for (int i = 0; i < 2; i++) {
-                blocked.emplace_back([&] {
-                    ExceptionHandler handler;
-                    FileSocket::destroy(server.accept(0, false, handler));
-                    returned++;
-                });
-                blocked.emplace_back([&] {
-                    ExceptionHandler handler;
-                    char byte;
-                    client.readf(&byte, 1, 0, handler);
-                    returned++;
-                });
-            }
-            await([&] { return registered_threads(server) == 2 && registered_threads(client) == 2; },
-                  "two threads blocked in accept and two in read");
-            int reports = closers.close_all({&server, &client});
-            EXPECT_EQ(reports, 0) << "round " << round << ": " << closers.first_report();
-            await([&] { return returned.load() == 4; }, "the blocked threads returned after the close");
-            for (auto& t : blocked) t.join();
-            EXPECT_EQ(server.socket_fd(), -1);
-            EXPECT_EQ(client.socket_fd(), -1);
-            EXPECT_TRUE(noxtest::path_exists(path.path())) << "round " << round << ": the close removed another server's file";
-            successor.closef(setup);
-            EXPECT_FALSE(noxtest::path_exists(path.path())) << "a server's close removes its own file";
-            FileSocket::destroy(accepted);
-            if (HasFailure()) break;
-        }
-        churn.stop();
-        EXPECT_EQ(churn.failures(), 0) << "the file thread lost its descriptor or its bytes";
-        EXPECT_GT(churn.cycles(), 0);
-    }
-    EXPECT_EQ(open_descriptors(), before) << "descriptors left open";
-}
 
 namespace {
 
