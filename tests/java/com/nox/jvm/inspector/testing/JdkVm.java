@@ -119,5 +119,12 @@ public final class JdkVm implements AutoCloseable {
             process.destroyForcibly();
             process.waitFor(5, TimeUnit.SECONDS);
         }
+        // A VM that was killed leaves its attach socket behind, where a later VM of the same pid
+        // would meet it.
+        try {
+            Files.deleteIfExists(Path.of("/tmp/.java_pid" + process.pid()));
+        } catch (IOException e) {
+            // not ours to remove
+        }
     }
 }
