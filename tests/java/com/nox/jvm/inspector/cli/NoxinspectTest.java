@@ -247,8 +247,8 @@ class NoxinspectTest {
             cases.add(new String[] {"no HotSpot VM with pid " + plain + " publishes performance data (not a Java VM",
                 command, Long.toString(plain)});
         }
-        String stock = "VM pid " + self + " takes no requests: a stock HotSpot VM publishes no control area; run "
-                + "`noxinspect attach " + self + "` to give it one";
+        String stock = "VM pid " + self + " is a stock HotSpot VM without a control area of its own, so it takes no"
+                + " requests; run `noxinspect attach " + self + "` to give it one";
         cases.add(new String[] {stock, "debug", "start", Long.toString(self)});
         cases.add(new String[] {stock, "exit", Long.toString(self), "3"});
         if (!System.getProperty("user.name").equals("root")) {

@@ -71,7 +71,10 @@ class SecondUserTest {
 
                 // Root's VM by pid is a stock VM (no control area of its own); the other user's slot is not its VM.
                 Map<String, String> refusals = Map.of(Integer.toString(pid), "noxinspect: VM pid " + pid
-                        + " takes no requests", "process:" + spoofPid + ":0", "noxinspect: no live VM ");
+                        + " is a stock HotSpot VM without a control area of its own (the control area in slot 0 of"
+                        + " process cluster " + spoofPid + " that names it belongs to uid 65534), so it takes no"
+                        + " requests; run `noxinspect attach " + pid + "`",
+                        "process:" + spoofPid + ":0", "noxinspect: no live VM ");
                 for (Map.Entry<String, String> refusal : refusals.entrySet()) {
                     Launcher.Result exit = Launcher.run("exit", refusal.getKey(), "0");
                     assertEquals(CliError.REFUSED, exit.exitCode(), exit.toString());

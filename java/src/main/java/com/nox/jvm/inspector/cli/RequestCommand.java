@@ -69,8 +69,9 @@ final class RequestCommand {
         }
         String named = target.pid() != null ? "no live VM with pid " + vm.pid() : "no live VM in " + target.ref();
         if (vm.controlArea().isEmpty()) {
-            return refuse("VM pid " + vm.pid() + " takes no requests: a stock HotSpot VM publishes no control area"
-                    + claims(snapshot, vm.pid()) + "; run `noxinspect attach " + vm.pid() + "` to give it one");
+            return refuse("VM pid " + vm.pid() + " is a stock HotSpot VM without a control area of its own"
+                    + claims(snapshot, vm.pid()) + ", so it takes no requests; run `noxinspect attach " + vm.pid()
+                    + "` to give it one");
         }
         return refuse(named + " that takes requests: the control area in " + vm.ref().orElseThrow()
                 + " names pid " + vm.pid() + " but belongs to uid " + vm.controlArea().get().ownerUid()
@@ -80,8 +81,8 @@ final class RequestCommand {
     /** Control areas of other users that name the pid, for the refusal's message. */
     private static String claims(HostSnapshot snapshot, int pid) {
         List<HostVm> others = snapshot.allWithPid(pid).stream().filter(vm -> vm.controlArea().isPresent()).toList();
-        return others.isEmpty() ? "" : "; the control area in " + others.get(0).ref().orElseThrow()
-                + " that names it belongs to uid " + others.get(0).controlArea().get().ownerUid();
+        return others.isEmpty() ? "" : " (the control area in " + others.get(0).ref().orElseThrow()
+                + " that names it belongs to uid " + others.get(0).controlArea().get().ownerUid() + ")";
     }
 
     private static HostVm refuse(String message) {
