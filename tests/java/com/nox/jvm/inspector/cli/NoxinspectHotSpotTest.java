@@ -3,7 +3,6 @@ package com.nox.jvm.inspector.cli;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertNotNull;
-import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import com.nox.jvm.inspector.hotspot.HotSpotInspector;
@@ -54,7 +53,7 @@ class NoxinspectHotSpotTest {
     }
 
     @Test
-    void listShowsHotSpotVmsAndNotThoseWithoutPerfData() throws Exception {
+    void listShowsHotSpotVmsAndThoseWithoutPerfDataMarked() throws Exception {
         try (JdkVm a = new JdkVm(List.of(), List.of("-XX:+UseSerialGC"), "list", "a");
              JdkVm b = new JdkVm(List.of(), List.of(), "list", "b");
              JdkVm hidden = new JdkVm(List.of(), List.of("-XX:-UsePerfData"), "hidden")) {
@@ -69,7 +68,11 @@ class NoxinspectHotSpotTest {
                 assertEquals(List.of("hotspot", "-", Integer.toString(vm.pid()), "-"), List.of(cells).subList(0, 4));
                 assertTrue(String.join(" ", cells).contains(" " + version + " " + JdkVm.MAIN_CLASS + " - "), r.out());
             }
-            assertNull(listLine(r.out(), hidden.pid()), r.out());
+            // jps cannot see a VM without performance data; list shows it, marked, with what /proc tells.
+            String[] quiet = listLine(r.out(), hidden.pid());
+            assertNotNull(quiet, r.out());
+            assertEquals(List.of("no-perf-data", "-", Integer.toString(hidden.pid()), "-", "-", JdkVm.MAIN_CLASS),
+                    List.of(quiet).subList(0, 6), r.out());
 
             Launcher.Result j = Launcher.run("--json", "list");
             assertEquals(0, j.exitCode(), j.toString());
@@ -83,6 +86,14 @@ class NoxinspectHotSpotTest {
             assertEquals("\"" + USER + "\"", flat.get("vms." + i + ".user"));
             assertEquals("\"" + version + "\"", flat.get("vms." + i + ".version"));
             assertEquals(-1, vmIndex(flat, hidden.pid()));
+            int q = 0;
+            while (flat.containsKey("withoutPerfData." + q + ".pid")
+                    && !flat.get("withoutPerfData." + q + ".pid").equals(Integer.toString(hidden.pid()))) {
+                q++;
+            }
+            assertEquals("\"" + JdkVm.MAIN_CLASS + "\"", flat.get("withoutPerfData." + q + ".mainClass"), j.out());
+            assertTrue(flat.get("withoutPerfData." + q + ".commandLine").contains("-XX:-UsePerfData"), j.out());
+            assertTrue(Launcher.run("list", "-q").out().lines().anyMatch(Integer.toString(hidden.pid())::equals));
         }
     }
 

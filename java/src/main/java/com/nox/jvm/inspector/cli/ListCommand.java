@@ -8,6 +8,7 @@ import com.nox.jvm.inspector.host.HostSnapshot;
 import com.nox.jvm.inspector.host.HostVm;
 import com.nox.jvm.inspector.host.Names;
 import com.nox.jvm.inspector.hotspot.HotSpotFigures;
+import com.nox.jvm.inspector.hotspot.VmWithoutPerfData;
 
 import java.util.ArrayList;
 import java.util.List;
@@ -19,7 +20,8 @@ import java.util.List;
  * debugging state. As with jps: -q prints the pids alone, -m adds the arguments given to main,
  * -v the VM's arguments; -u keeps the VMs of one user (name or uid), -c those whose main class
  * contains the text. A control area that another user owns than the process it names
- * shows that user's uid.
+ * shows that user's uid. A process that maps libjvm.so but publishes no performance data (which
+ * jps cannot see) is listed last, its cluster "no-perf-data", in JSON under "withoutPerfData".
  */
 final class ListCommand {
     /** What to show: pids only, the main arguments, the VM arguments; the filters (null: none). */
@@ -27,8 +29,12 @@ final class ListCommand {
         static final Options NONE = new Options(false, false, false, null, null);
 
         boolean keeps(HostVm vm) {
-            return (user == null || user.equals(vm.user()) || user.equals(Integer.toString(vm.uid())))
-                    && (main == null || vm.mainClass().contains(main));
+            return keeps(vm.user(), vm.uid(), vm.mainClass());
+        }
+
+        boolean keeps(String vmUser, int uid, String mainClass) {
+            return (user == null || user.equals(vmUser) || user.equals(Integer.toString(uid)))
+                    && (main == null || mainClass.contains(main));
         }
     }
 
@@ -64,9 +70,12 @@ final class ListCommand {
     }
 
     static void run(HostSnapshot snapshot, Options options, Output out) {
-        Doc doc = render(snapshot, options, System.currentTimeMillis() / 1000);
+        long now = System.currentTimeMillis() / 1000;
+        Doc doc = render(snapshot, options, now);
         if (!options.quiet()) {
-            out.table(doc, "vms", "No Java VMs on this host" + (options.equals(Options.NONE) ? "." : " that match."));
+            // The table has a row for each VM, those without performance data last, marked.
+            out.table(out.json() ? doc : new Doc().put("vms", rows(snapshot, options, now, true)), "vms",
+                    "No Java VMs on this host" + (options.equals(Options.NONE) ? "." : " that match."));
             return;
         }
         List<Object> pids = new ArrayList<>();
@@ -74,9 +83,14 @@ final class ListCommand {
         for (HostVm vm : snapshot.vms()) {
             if (options.keeps(vm)) {
                 pids.add(vm.pid());
-                lines.add(Integer.toString(vm.pid()));
             }
         }
+        for (VmWithoutPerfData p : snapshot.withoutPerfData()) {
+            if (options.keeps(p.user(), p.uid(), p.mainClass())) {
+                pids.add(p.pid());
+            }
+        }
+        pids.forEach(pid -> lines.add(pid.toString()));
         out.textOr(new Doc().put("pids", pids), lines);
     }
 
@@ -92,13 +106,58 @@ final class ListCommand {
                     .put("typeCode", c.entry().typeCode()).put("id", c.entry().id())
                     .put("attachable", c.entry().attachable()).put("liveVms", c.vms().size()));
         }
-        List<Doc> vms = new ArrayList<>();
+        return new Doc().put("clusters", clusters).put("vms", rows(snapshot, options, now, false))
+                .put("withoutPerfData", quietRows(snapshot, options, now));
+    }
+
+    /** A row per VM the options keep; with {@code all}, those without performance data after them. */
+    private static List<Doc> rows(HostSnapshot snapshot, Options options, long now, boolean all) {
+        List<Doc> rows = new ArrayList<>();
         for (HostVm vm : snapshot.vms()) {
             if (options.keeps(vm)) {
-                vms.add(row(vm, options, now));
+                rows.add(row(vm, options, now));
             }
         }
-        return new Doc().put("clusters", clusters).put("vms", vms);
+        if (all) {
+            rows.addAll(quietRows(snapshot, options, now));
+        }
+        return rows;
+    }
+
+    private static List<Doc> quietRows(HostSnapshot snapshot, Options options, long now) {
+        List<Doc> rows = new ArrayList<>();
+        for (VmWithoutPerfData p : snapshot.withoutPerfData()) {
+            if (options.keeps(p.user(), p.uid(), p.mainClass())) {
+                rows.add(row(p, options, now));
+            }
+        }
+        return rows;
+    }
+
+    /**
+     * A process that maps libjvm.so but publishes no performance data this user may read (jps
+     * cannot see it): what /proc tells, in the table's columns, its cluster marked "no-perf-data".
+     */
+    private static Doc row(VmWithoutPerfData p, Options options, long now) {
+        long start = p.processStartSeconds();
+        long uptime = start > 0 ? Math.max(0, now - start) : -1;
+        Doc row = new Doc().text("CLUSTER", "no-perf-data").text(">SLOT", null).text(">PID", p.pid())
+                .text(">VM-ID", null).text("VERSION", null).text("MAIN-CLASS", p.mainClass())
+                .text("DEBUGGING", null).text(">UPTIME", uptime, Doc.Show.DURATION).text("USER", p.user())
+                .put("pid", p.pid()).put("namespacePid", p.namespacePid())
+                .put("startTime", start > 0 ? start : null).put("uptimeSeconds", uptime >= 0 ? uptime : null)
+                .put("user", p.user().isEmpty() ? null : p.user()).put("uid", p.uid())
+                .put("mainClass", p.mainClass()).put("commandLine", p.commandLine());
+        List<String> words = p.arguments();
+        int main = p.mainClass().isEmpty() ? -1 : words.subList(1, words.size()).indexOf(p.mainClass()) + 1;
+        if (options.arguments()) {
+            row.put("arguments", "ARGUMENTS", main > 0 ? String.join(" ", words.subList(main + 1, words.size())) : "");
+        }
+        if (options.vmArguments()) {
+            row.put("vmArguments", "VM-ARGUMENTS", words.size() < 2 ? ""
+                    : String.join(" ", words.subList(1, main > 0 ? main : words.size())));
+        }
+        return row;
     }
 
     private static Doc row(HostVm vm, Options options, long now) {

@@ -6,8 +6,10 @@ import com.nox.jvm.inspector.cluster.VmInspector;
 import com.nox.jvm.inspector.cluster.VmNotFoundException;
 import com.nox.jvm.inspector.cluster.VmRef;
 import com.nox.jvm.inspector.hotspot.HotSpotFigures;
+import com.nox.jvm.inspector.hotspot.HotSpotSnapshot;
 import com.nox.jvm.inspector.hotspot.HotSpotInspector;
 import com.nox.jvm.inspector.hotspot.PerfCounter;
+import com.nox.jvm.inspector.hotspot.VmWithoutPerfData;
 import com.nox.jvm.inspector.natives.InspectorNatives;
 import com.nox.jvm.inspector.natives.MonitoringBoard;
 
@@ -59,7 +61,7 @@ public final class Host {
                 vms.remove(pid);
             }
         }
-        return HostSnapshot.of(snapshot.controlAreas(), new HostSnapshot.HotSpotVms(vms, System.nanoTime() - began));
+        return HostSnapshot.of(snapshot.controlAreas(), snapshot.hotspotVms().with(vms, System.nanoTime() - began));
     }
 
     /**
@@ -77,7 +79,7 @@ public final class Host {
             return snapshot;
         }
         return HostSnapshot.of(new HostSnapshot.ControlAreas(areas.pass(), views, areas.owners()),
-                new HostSnapshot.HotSpotVms(vms, perf.nanos()));
+                perf.with(vms, perf.nanos()));
     }
 
     /** The host's instance-cluster segments by cluster id (one read of the kernel's list). */
@@ -113,10 +115,14 @@ public final class Host {
     private HostSnapshot.HotSpotVms readHotSpot() {
         long began = System.nanoTime();
         Map<Integer, HotSpotFigures> vms = new TreeMap<>();
-        for (HotSpotFigures figures : hotspot.snapshot().vms()) {
+        HotSpotSnapshot pass = hotspot.snapshot();
+        for (HotSpotFigures figures : pass.vms()) {
             vms.put(figures.pid(), figures);
         }
-        return new HostSnapshot.HotSpotVms(vms, System.nanoTime() - began);
+        // This inspector runs without performance data itself: it is not one of the VMs it shows.
+        long self = ProcessHandle.current().pid();
+        List<VmWithoutPerfData> quiet = pass.withoutPerfData().stream().filter(p -> p.pid() != self).toList();
+        return new HostSnapshot.HotSpotVms(vms, quiet, System.nanoTime() - began);
     }
 
     // ---------------------------------------------------------------- requests

@@ -4,6 +4,7 @@ import com.nox.jvm.inspector.cluster.ClusterEntry;
 import com.nox.jvm.inspector.cluster.HostPass;
 import com.nox.jvm.inspector.cluster.VmRef;
 import com.nox.jvm.inspector.hotspot.HotSpotFigures;
+import com.nox.jvm.inspector.hotspot.VmWithoutPerfData;
 
 import java.util.ArrayList;
 import java.util.Collection;
@@ -27,8 +28,18 @@ public final class HostSnapshot {
     record ControlAreas(HostPass pass, List<ControlAreaView> views, Map<Integer, Processes.Owner> owners) {
     }
 
-    /** What one read of the performance data gave: the live VMs by pid, and the time it took. */
-    record HotSpotVms(Map<Integer, HotSpotFigures> vms, long nanos) {
+    /**
+     * What one read of the performance data gave: the live VMs by pid, the processes that map
+     * libjvm.so but publish no performance data this user may read, and the time it took.
+     */
+    record HotSpotVms(Map<Integer, HotSpotFigures> vms, List<VmWithoutPerfData> withoutPerfData, long nanos) {
+        HotSpotVms {
+            withoutPerfData = List.copyOf(withoutPerfData);
+        }
+
+        HotSpotVms with(Map<Integer, HotSpotFigures> others, long otherNanos) {
+            return new HotSpotVms(others, withoutPerfData, otherNanos);
+        }
     }
 
     private final ControlAreas areas;
@@ -63,7 +74,7 @@ public final class HostSnapshot {
         Map<Integer, HotSpotFigures> byPid = new TreeMap<>();
         hotspot.forEach(f -> byPid.put(f.pid(), f));
         return of(new ControlAreas(new HostPass(List.copyOf(clusters), 0), List.copyOf(views), owners),
-                new HotSpotVms(byPid, 0));
+                new HotSpotVms(byPid, List.of(), 0));
     }
 
     private static List<HostVm> merge(ControlAreas areas, HotSpotVms hotspot) {
@@ -98,6 +109,15 @@ public final class HostSnapshot {
     /** Every VM of the host, each once. */
     public List<HostVm> vms() {
         return vms;
+    }
+
+    /**
+     * The processes that map libjvm.so but publish no performance data this user may read (a VM
+     * started with -XX:-UsePerfData) and no control area: only what /proc tells of them is known.
+     */
+    public List<VmWithoutPerfData> withoutPerfData() {
+        return hotspot.withoutPerfData().stream()
+                .filter(p -> vms.stream().noneMatch(vm -> vm.pid() == p.pid())).toList();
     }
 
     /** The running clusters, in cluster order, with their live slots as the pass read them. */
