@@ -12,7 +12,9 @@ import com.nox.jvm.inspector.cluster.VmTimeInfo;
 import com.nox.jvm.inspector.host.ControlAreaView;
 import com.nox.jvm.inspector.host.HostSnapshot;
 import com.nox.jvm.inspector.host.HostVm;
+import com.nox.jvm.inspector.hotspot.GcCollector;
 import com.nox.jvm.inspector.hotspot.HotSpotFigures;
+import com.nox.jvm.inspector.hotspot.PerfCounter;
 import com.nox.jvm.inspector.testing.ModelFixtures;
 
 import java.nio.file.Files;
@@ -39,11 +41,25 @@ class RenderTest {
      * instance cluster 7 whose times are in milliseconds: both of these are this test's process.
      */
     private static HostSnapshot snapshot(String mainClass) {
+        return snapshot(mainClass, hotspot(PID, 1000, "perf.Main", 512, 2048, 4096, 300));
+    }
+
+    private static HostSnapshot snapshot(String mainClass, HotSpotFigures perf) {
         List<ControlAreaView> areas = List.of(inMillis(area(ClusterType.INSTANCE, 7, 1, ALONE, 1000, "v7", "seven.Main", 1)),
                 area(ClusterType.PROCESS, PID, 0, PID, 1000, VERSION, mainClass, 1024));
         return HostSnapshot.of(areas, Map.of(PID, 1000, ALONE, 1000),
-                List.of(hotspot(PID, 1000, "perf.Main", 512, 2048, 4096, 300),
-                        startUnknown(hotspot(ALONE, 1000, "alone.Main", 5, 6, 7, 300))));
+                List.of(perf, startUnknown(hotspot(ALONE, 1000, "alone.Main", 5, 6, 7, 300))));
+    }
+
+    /** The figures with one collector, named as given. */
+    private static HotSpotFigures collectorNamed(HotSpotFigures f, String name) {
+        return new HotSpotFigures(f.pid(), f.uid(), f.user(), f.javaCommand(), f.vmName(), f.vmVersion(), f.vmVendor(),
+                f.vmArguments(), f.vmFlags(), f.gcPolicy(), f.beginMillis(), f.initDoneMillis(), f.tickFrequency(),
+                f.uptimeTicks(), f.heapUsed(), f.heapCommitted(), f.heapMax(), f.metaspaceUsed(),
+                f.metaspaceCommitted(), f.metaspaceMax(), f.classesLoaded(), f.classesUnloaded(), f.threadsLive(),
+                f.threadsPeak(), f.threadsDaemon(), f.threadsStarted(),
+                List.of(new GcCollector(name, 4, 250_000_000L, 0.25, 0, 0)), f.namespacePid(),
+                f.processStartSeconds(), f.pools());
     }
 
     /** The view with the process start unknown and its CPU time in milliseconds as the kernel counts it. */
@@ -178,8 +194,12 @@ class RenderTest {
     void textFromAVmIsPrintableInEveryOutput() throws Exception {
         String hostile = "a\"b\\c\nline\u001b]0;title\u0007\u009b31m\u202eevil";
         String printable = "a\"b\\c\\nline\\x1b]0;title\\x07\\u009b31m\\u202eevil";
-        HostSnapshot snapshot = snapshot(hostile);
+        // The main class, a collector's name and a counter's name and value all come from the VM.
+        HostSnapshot snapshot = snapshot(hostile, collectorNamed(hotspot(PID, 1000, "perf.Main", 512, 2048, 4096, 300),
+                hostile));
         HostVm vm = snapshot.byPid(PID).orElseThrow();
+        List<PerfCounter> counters = List.of(new PerfCounter(hostile, 'B', 5, 3, 0, 0, hostile),
+                new PerfCounter("sun." + hostile, 'J', 4, 3, 0, 7, null));
         List<String> outputs = new ArrayList<>();
         for (boolean json : new boolean[] {false, true}) {
             java.io.ByteArrayOutputStream bytes = new java.io.ByteArrayOutputStream();
@@ -187,6 +207,7 @@ class RenderTest {
             out.table(ListCommand.render(snapshot, NOW), "vms", "none");
             out.sections(InfoCommand.title(vm), InfoCommand.render(vm, NOW));
             out.line(Watch.line("appeared", vm, Instant.now()));
+            CountersCommand.print(PID, counters, out);
             outputs.add(bytes.toString("UTF-8"));
         }
         outputs.add(Metrics.render(snapshot, Exposition.OPENMETRICS));
@@ -194,6 +215,10 @@ class RenderTest {
             assertTrue(text.chars().allMatch(c -> c == '\n' || (c >= 0x20 && c < 0x7f)), text);
         }
         assertTrue(outputs.get(0).contains(printable), outputs.get(0));
+        assertTrue(outputs.get(0).contains("\n" + printable + "=\"" + printable + "\"\n"), outputs.get(0));
+        assertTrue(outputs.get(0).contains("\nsun." + printable + "=7\n"), outputs.get(0));
+        assertTrue(outputs.get(0).lines().filter(l -> l.contains(printable)).count() >= 5,
+                "main class, collector label, counters: " + outputs.get(0));
         assertTrue(Launcher.jsonStringAt(Output.json(InfoCommand.render(vm, NOW), true), printable, "vm", "mainClass"));
         assertTrue(outputs.get(2).contains("main_class=\"a\\\"b\\\\c\\\\nline\\\\x1b]0;title\\\\x07\\\\u009b31m"
                 + "\\\\u202eevil\""), outputs.get(2));

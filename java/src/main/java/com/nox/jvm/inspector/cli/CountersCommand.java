@@ -20,6 +20,11 @@ final class CountersCommand {
     static void run(Host host, int pid, List<String> names, Output out) {
         List<PerfCounter> shown = names.isEmpty() ? host.counters(pid).orElseThrow(() -> noVm(pid))
                 : named(host, pid, names);
+        print(pid, shown, out);
+    }
+
+    /** The counters as name=value lines (names and values made printable), or as JSON. */
+    static void print(int pid, List<PerfCounter> shown, Output out) {
         List<Doc> docs = new ArrayList<>();
         List<String> lines = new ArrayList<>();
         for (PerfCounter c : shown) {
