@@ -152,8 +152,8 @@ def main():
     ap.add_argument("--rounds", type=int, default=5)
     args = ap.parse_args()
     print(f"hostile neighbours ({'nobody' if AS_NOBODY else 'this user'} plants the names), {args.rounds} rounds:")
-    for spec in args.builds:
-        name, dirs = spec.split("=", 1)
+    for build in args.builds:
+        name, dirs = build.split("=", 1)
         source, _, build = dirs.partition(":")
         build = build or os.path.join(source, "build", "release")
         storm(name, source, build, args.rounds)

@@ -92,8 +92,8 @@ def main():
             with open(path, "wb") as f:
                 f.write(data)
             planted.append(path)
-        for spec in args.builds:
-            name, dirs = spec.split("=", 1)
+        for build in args.builds:
+            name, dirs = build.split("=", 1)
             source, _, build = dirs.partition(":")
             build = build or os.path.join(source, "build", "release")
             proc, url = start_serve(source, build)

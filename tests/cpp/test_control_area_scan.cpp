@@ -35,7 +35,7 @@ const size_t FIRST_BYTES = 64 * 1024;
 enum Kind { TAGGED, EMPTY, FOLDER, FIFO, LINK, SOCKET };
 enum Listed { NEVER, ALWAYS, AS_ROOT };  // AS_ROOT: root may open it, or owns the process
 
-struct Spec {
+struct Planted {
     std::string name;
     Kind kind;
     bool foreign;  // given to user 65534: root only, the case is left out otherwise
@@ -46,12 +46,12 @@ struct Spec {
 };
 
 // A tagged file holds its own name behind the 8-byte lead-in, so a copy tells where it came from.
-bool make(const noxtest::ScopedDir& dir, const Spec& spec) {
-    std::string path = dir.file(spec.name);
+bool make(const noxtest::ScopedDir& dir, const Planted& planted) {
+    std::string path = dir.file(planted.name);
     bool made = false;
-    switch (spec.kind) {
+    switch (planted.kind) {
         case TAGGED: {
-            std::string bytes = std::string(8, '\0') + spec.name + std::string(64, '\0');
+            std::string bytes = std::string(8, '\0') + planted.name + std::string(64, '\0');
             int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
             made = fd >= 0 && write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
             if (fd >= 0) close(fd);
@@ -63,8 +63,8 @@ bool make(const noxtest::ScopedDir& dir, const Spec& spec) {
         case LINK: made = symlink(dir.file("target").c_str(), path.c_str()) == 0; break;
         case SOCKET: made = noxtest::make_socket_file(path); break;
     }
-    if (made && spec.mode != 0) made = chmod(path.c_str(), spec.mode) == 0;
-    if (made && spec.foreign) made = chown(path.c_str(), 65534, 65534) == 0;
+    if (made && planted.mode != 0) made = chmod(path.c_str(), planted.mode) == 0;
+    if (made && planted.foreign) made = chown(path.c_str(), 65534, 65534) == 0;
     return made;
 }
 
@@ -119,21 +119,21 @@ std::string name(int uid, long pid, const std::string& suffix = "") {
     return "nox_jvm_" + std::to_string(uid) + "_" + std::to_string(pid) + suffix;
 }
 
-// Lays `specs` out in two folders (the files of `later` a second after the others, since change
+// Lays `files` out in two folders (the files of `later` a second after the others, since change
 // times count in whole seconds), runs both readings and checks both against the table.
-void check(const char* what, const std::vector<Spec>& specs, const std::vector<Spec>& later = {}) {
+void check(const char* what, const std::vector<Planted>& files, const std::vector<Planted>& later = {}) {
     bool root = geteuid() == 0;
     noxtest::ScopedDir scanned;
     noxtest::ScopedDir full;
     std::set<std::string> copied, listed, kept;
-    for (const std::vector<Spec>* group : {&specs, &later}) {
+    for (const std::vector<Planted>* group : {&files, &later}) {
         if (group == &later && !later.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-        for (const Spec& spec : *group) {
-            if (spec.foreign && !root) continue;
-            ASSERT_TRUE(make(scanned, spec) && make(full, spec)) << what << ": " << spec.name;
-            if (spec.copied == ALWAYS || (spec.copied == AS_ROOT && root)) copied.insert(spec.name);
-            if (spec.listed == ALWAYS || (spec.listed == AS_ROOT && root)) listed.insert(spec.name);
-            if (spec.kept) kept.insert(spec.name);
+        for (const Planted& planted : *group) {
+            if (planted.foreign && !root) continue;
+            ASSERT_TRUE(make(scanned, planted) && make(full, planted)) << what << ": " << planted.name;
+            if (planted.copied == ALWAYS || (planted.copied == AS_ROOT && root)) copied.insert(planted.name);
+            if (planted.listed == ALWAYS || (planted.listed == AS_ROOT && root)) listed.insert(planted.name);
+            if (planted.kept) kept.insert(planted.name);
         }
     }
     ASSERT_TRUE(noxtest::write_file(scanned.file("target"), 10) && noxtest::write_file(full.file("target"), 10));
@@ -149,7 +149,7 @@ TEST(ControlAreaScan, WhichFilesArePassedListedAndRemoved) {
     noxtest::LiveChild live, socket_owner, locked_owner, foreign_owner;
     pid_t dead = noxtest::reaped_child_pid();
     pid_t dead_foreign = noxtest::reaped_child_pid();
-    std::vector<Spec> specs = {
+    std::vector<Planted> files = {
         {name(100, live.pid()), TAGGED, false, 0, ALWAYS, ALWAYS, true},
         {name(100, dead), TAGGED, false, 0, NEVER, NEVER, false},
         {name(65534, dead_foreign), TAGGED, true, 0, NEVER, NEVER, true},  // stale, but not ours to remove
@@ -167,10 +167,10 @@ TEST(ControlAreaScan, WhichFilesArePassedListedAndRemoved) {
     // Not names of the family.
     for (const char* other : {"nox_jvm_1_99999999999", "nox_jvm_99999999999_5", "nox_jvm_1_2147483648", "nox_jvm_1_-5",
                               "nox_jvm_1_0", "nox_jvm_ 1_5", "nox_jvm_1_", "nox_jvm_x_5", "nox_jvm_monitoringboard_1_5"}) {
-        specs.push_back({other, TAGGED, false, 0, NEVER, NEVER, true});
+        files.push_back({other, TAGGED, false, 0, NEVER, NEVER, true});
     }
-    specs.push_back({name(4, dead, ".bak"), TAGGED, false, 0, NEVER, NEVER, true});
-    check("one file per pid", specs);
+    files.push_back({name(4, dead, ".bak"), TAGGED, false, 0, NEVER, NEVER, true});
+    check("one file per pid", files);
 
     // Several files of one pid: the newest of the process owner's counts, the older goes; a
     // newer file planted by another user neither counts nor makes the own one go.
