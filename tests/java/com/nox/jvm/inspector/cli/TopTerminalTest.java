@@ -30,7 +30,11 @@ class TopTerminalTest {
     private String tmux(String... args) throws IOException, InterruptedException {
         List<String> command = new ArrayList<>(List.of(TMUX.toString(), "-L", socket));
         command.addAll(List.of(args));
-        Process p = new ProcessBuilder(command).redirectErrorStream(true).start();
+        ProcessBuilder builder = new ProcessBuilder(command).redirectErrorStream(true);
+        // tmux runs the session's command with $SHELL, else the account's login shell: for an
+        // account such as nobody that is nologin, and the session would end at once.
+        builder.environment().put("SHELL", "/bin/sh");
+        Process p = builder.start();
         String out = new String(p.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
         if (!p.waitFor(10, TimeUnit.SECONDS)) {
             p.destroyForcibly();
@@ -82,10 +86,11 @@ class TopTerminalTest {
              JdkVm b = new JdkVm("-XX:+UseG1GC")) {
             NoxinspectHotSpotTest.awaitListed(a);
             NoxinspectHotSpotTest.awaitListed(b);
-            tmux("-f", "/dev/null", "new-session", "-d", "-s", "top", "-x", "60", "-y", "30",
+            String started = tmux("-f", "/dev/null", "new-session", "-d", "-s", "top", "-x", "60", "-y", "30",
                     "env NOX_BUILD_DIR=" + build + " " + launcher + " top -d 1; echo top-ended-$?; sleep 60");
 
             // Both VMs within two refreshes of the first table.
+            assertEquals("", started, "tmux new-session");
             screen(30, "the first table", s -> s.contains("noxinspect top"));
             String screen = screen(2.5, "the test's VMs", s -> shows(s, a, b));
 
