@@ -61,21 +61,19 @@ TEST(PerfDataBuffer, ReadsBothByteOrdersAndRefusesBadPrologues) {
         PerfDataBuffer block(padded.data(), padded.size());
         ASSERT_TRUE(block.is_valid()) << little;
         EXPECT_TRUE(block.is_accessible());
+        EXPECT_TRUE(block.holds_used());
         EXPECT_EQ(little, block.little_endian());
         EXPECT_EQ(2, block.major_version());
         EXPECT_EQ(3, block.entry_count());
         PerfCounter c;
         ASSERT_TRUE(block.find("sun.os.hrt.frequency", &c));
         EXPECT_TRUE(c.is_long());
-        EXPECT_EQ(1000000000, c.long_value);
-        EXPECT_EQ(6, c.units);
-        EXPECT_EQ(1, c.variability);
+        EXPECT_EQ((std::vector<int64_t>{1000000000, 6, 1}), (std::vector<int64_t>{c.long_value, c.units, c.variability}));
         ASSERT_TRUE(block.find("sun.rt.javaCommand", &c));
         EXPECT_TRUE(c.is_bytes());
         EXPECT_EQ("demo.Main --port 80", text_of(c.bytes, c.bytes_length));
         ASSERT_TRUE(block.find("java.threads.live", &c));
-        EXPECT_EQ(-7, c.long_value);
-        EXPECT_EQ(3, c.variability);
+        EXPECT_EQ((std::vector<int64_t>{-7, 3}), (std::vector<int64_t>{c.long_value, c.variability}));
         EXPECT_FALSE(block.find("java.threads", &c));  // a prefix is not the name
         Bytes closed = three_counters(little).accessible(false).bytes();
         EXPECT_FALSE(PerfDataBuffer(closed.data(), closed.size()).is_accessible());
@@ -110,9 +108,9 @@ TEST(PerfDataBuffer, ReadsBothByteOrdersAndRefusesBadPrologues) {
             PerfDataBuffer spoiled(bytes.data(), bytes.size());
             EXPECT_EQ(s.valid, spoiled.is_valid()) << "at " << s.at << " " << s.value;
             EXPECT_EQ(s.names, names_of(bytes).size()) << "at " << s.at << " " << s.value;
+            // Only a used size beyond the copy leaves a valid block that does not hold it.
             EXPECT_EQ(!(s.at == 8 && s.valid), spoiled.holds_used() || !s.valid) << s.at;
         }
-        EXPECT_TRUE(block.holds_used());
     }
     Bytes good = three_counters(true).bytes();
     EXPECT_FALSE(PerfDataBuffer(good.data(), 31).is_valid());
@@ -164,19 +162,49 @@ TEST(PerfDataBuffer, AnEntryThatDoesNotFitEndsTheWalk) {
     EXPECT_EQ("Main", text_of(c.bytes, c.bytes_length));
 }
 
-TEST(PerfDataBuffer, RealFilesAndEveryPrefixOfOne) {
-    for (const char* collector : {"g1", "serial", "parallel"}) {
-        Bytes bytes = noxtest::real_vm_file(collector);
+// Real files: every entry is walked, the figures are those of the VM that wrote the file, the
+// summary agrees with them on what it reads and reads nothing else; and no prefix of a file is
+// read beyond its end (a copy of exactly that many bytes: a read past it is an AddressSanitizer
+// error).
+TEST(PerfDataBuffer, RealFilesTheirFiguresAndEveryPrefixOfOne) {
+    struct Expect {
+        const char* file;
+        const char* command;
+        const char* policy;
+        int collectors;
+    } expects[] = {{"g1", "Sleep arg1", "GarbageFirst", 3},
+                   {"serial", "Sleep", "Copy:MSC", 2},
+                   {"parallel", "Sleep x y z", "ParScav:MSC", 2}};
+    for (const Expect& e : expects) {
+        Bytes bytes = noxtest::real_vm_file(e.file);
         PerfDataBuffer block(bytes.data(), bytes.size());
-        ASSERT_TRUE(block.is_accessible()) << collector;
-        std::vector<std::string> names = names_of(bytes);
-        EXPECT_EQ(static_cast<size_t>(block.entry_count()), names.size()) << collector;
-        EXPECT_GT(names.size(), 150u) << collector;
+        ASSERT_TRUE(block.is_accessible()) << e.file;
+        EXPECT_EQ(static_cast<size_t>(block.entry_count()), names_of(bytes).size()) << e.file;
+        EXPECT_GT(block.entry_count(), 150) << e.file;
+        HotSpotFigures_CL f, summary;
+        read_hotspot_figures(block, &f);
+        read_hotspot_summary(block, &summary);
+        EXPECT_EQ(e.command, text_of(f.java_command)) << e.file;
+        EXPECT_EQ(e.policy, text_of(f.gc_policy)) << e.file;
+        EXPECT_EQ(e.collectors, f.collector_count) << e.file;
+        EXPECT_EQ("OpenJDK 64-Bit Server VM", text_of(f.vm_name)) << e.file;
+        EXPECT_EQ(0u, text_of(f.vm_version).find("17.")) << e.file;
+        EXPECT_EQ(1000000000, f.tick_frequency);
+        EXPECT_GT(f.begin_millis, 1600000000000LL);
+        EXPECT_GE(f.heap_used, 0);
+        EXPECT_GT(f.heap_committed, 0);
+        EXPECT_GE(f.heap_max, f.heap_committed);
+        for (const HotSpotPool_CL& pool : f.pools) EXPECT_LE(pool.committed, pool.max) << e.file;
+        EXPECT_GT(f.classes_loaded, 100);
+        EXPECT_GE(f.threads_live, 1);
+        EXPECT_EQ(text_of(f.java_command), text_of(summary.java_command)) << e.file;
+        EXPECT_EQ(text_of(f.vm_version), text_of(summary.vm_version)) << e.file;
+        EXPECT_EQ(f.begin_millis, summary.begin_millis) << e.file;
+        EXPECT_EQ(-1, summary.heap_used) << e.file;
     }
     Bytes whole = noxtest::real_vm_file("serial");
     PerfDataBuffer full(whole.data(), whole.size());
     for (size_t length = 0; length <= full.used() + 8; length++) {
-        // A copy of exactly `length` bytes on the heap: a read past it is an AddressSanitizer error.
         Bytes prefix(whole.begin(), whole.begin() + length);
         size_t names = names_of(prefix).size();
         EXPECT_LE(names, static_cast<size_t>(full.entry_count()));
@@ -209,18 +237,13 @@ TEST(HotSpotFigures, SyntheticBlocks) {
         .add_string("sun.rt.javaCommand", "app.jar --x");
     Bytes kept;
     HotSpotFigures_CL f = figures_of(serial, &kept);
-    EXPECT_EQ(523, f.heap_used);
-    EXPECT_EQ(6000, f.heap_committed);
-    EXPECT_EQ(20000, f.heap_max);
-    EXPECT_EQ(2500000, f.tick_frequency);
-    ASSERT_EQ(2, f.collector_count);
+    // Heap used, committed and max; the tick rate; both collectors; classes (loaded and shared); threads.
+    EXPECT_EQ((std::vector<int64_t>{523, 6000, 20000, 2500000, 2, 12, 3000000, 1, -1, 400, 9}),
+              (std::vector<int64_t>{f.heap_used, f.heap_committed, f.heap_max, f.tick_frequency, f.collector_count,
+                                    f.collectors[0].invocations, f.collectors[0].time_ticks,
+                                    f.collectors[1].invocations, f.collectors[1].last_exit_ticks,
+                                    f.classes_loaded, f.threads_live}));
     EXPECT_EQ("Serial young collection pauses", text_of(f.collectors[0].name));
-    EXPECT_EQ(12, f.collectors[0].invocations);
-    EXPECT_EQ(3000000, f.collectors[0].time_ticks);
-    EXPECT_EQ(1, f.collectors[1].invocations);
-    EXPECT_EQ(-1, f.collectors[1].last_exit_ticks);
-    EXPECT_EQ(400, f.classes_loaded);
-    EXPECT_EQ(9, f.threads_live);
     EXPECT_EQ("app.jar --x", text_of(f.java_command));
 
     // An idle G1 VM with -Xms256m -Xmx256m: G1 adds 8 bytes per space to every size and publishes
@@ -241,17 +264,13 @@ TEST(HotSpotFigures, SyntheticBlocks) {
         .add_long("sun.gc.generation.1.space.0.used", 5 * mib + 77)
         .add_long("sun.gc.compressedclassspace.used", 96880);
     f = figures_of(g1, &kept);
-    EXPECT_EQ(256 * mib, f.heap_committed);
-    EXPECT_EQ(256 * mib, f.heap_max);
-    EXPECT_EQ(7 * mib + 77, f.heap_used);
-    EXPECT_EQ(13 * mib, f.pools[POOL_EDEN].committed);
-    EXPECT_EQ(2 * mib, f.pools[POOL_EDEN].used);
-    EXPECT_EQ(0, f.pools[POOL_SURVIVOR].committed);
-    EXPECT_EQ(256 * mib, f.pools[POOL_SURVIVOR].max);
-    EXPECT_EQ(243 * mib, f.pools[POOL_OLD].committed);
-    EXPECT_EQ(5 * mib + 77, f.pools[POOL_OLD].used);
-    EXPECT_EQ(96880, f.pools[POOL_CLASS_SPACE].used);
-    EXPECT_EQ(-1, f.pools[POOL_METASPACE].used);
+    // The heap; eden, survivor and old as (used,) committed, max; class space and metaspace used.
+    EXPECT_EQ((std::vector<int64_t>{7 * mib + 77, 256 * mib, 256 * mib, 2 * mib, 13 * mib, 0, 256 * mib,
+                                    5 * mib + 77, 243 * mib, 96880, -1}),
+              (std::vector<int64_t>{f.heap_used, f.heap_committed, f.heap_max, f.pools[POOL_EDEN].used,
+                                    f.pools[POOL_EDEN].committed, f.pools[POOL_SURVIVOR].committed,
+                                    f.pools[POOL_SURVIVOR].max, f.pools[POOL_OLD].used, f.pools[POOL_OLD].committed,
+                                    f.pools[POOL_CLASS_SPACE].used, f.pools[POOL_METASPACE].used}));
 
     // A hostile file's figures whose sum overflows: the sum stops at the largest long.
     const int64_t huge = INT64_MAX - 10;
@@ -263,9 +282,8 @@ TEST(HotSpotFigures, SyntheticBlocks) {
         .add_long("java.cls.loadedClasses", huge)
         .add_long("java.cls.sharedLoadedClasses", huge);
     f = figures_of(hostile, &kept);
-    EXPECT_EQ(INT64_MAX, f.heap_used);
-    EXPECT_EQ(INT64_MAX, f.heap_committed);
-    EXPECT_EQ(INT64_MAX, f.classes_loaded);
+    EXPECT_EQ((std::vector<int64_t>{INT64_MAX, INT64_MAX, INT64_MAX}),
+              (std::vector<int64_t>{f.heap_used, f.heap_committed, f.classes_loaded}));
 
     // Figures the VM does not publish, or beyond the collectors and generations kept: unknown.
     PerfDataBlock none;
@@ -281,40 +299,4 @@ TEST(HotSpotFigures, SyntheticBlocks) {
     read_hotspot_summary(PerfDataBuffer(empty.data(), empty.size()), &summary);
     EXPECT_EQ(0u, summary.java_command.length);
     EXPECT_EQ(-1, summary.begin_millis);
-}
-
-TEST(HotSpotFigures, RealVmsAndTheirSummary) {
-    struct Expect {
-        const char* file;
-        const char* command;
-        const char* policy;
-        int collectors;
-    } expects[] = {{"g1", "Sleep arg1", "GarbageFirst", 3},
-                   {"serial", "Sleep", "Copy:MSC", 2},
-                   {"parallel", "Sleep x y z", "ParScav:MSC", 2}};
-    for (const Expect& e : expects) {
-        Bytes bytes = noxtest::real_vm_file(e.file);
-        PerfDataBuffer block(bytes.data(), bytes.size());
-        HotSpotFigures_CL f, summary;
-        read_hotspot_figures(block, &f);
-        read_hotspot_summary(block, &summary);
-        EXPECT_EQ(e.command, text_of(f.java_command)) << e.file;
-        EXPECT_EQ(e.policy, text_of(f.gc_policy)) << e.file;
-        EXPECT_EQ(e.collectors, f.collector_count) << e.file;
-        EXPECT_EQ("OpenJDK 64-Bit Server VM", text_of(f.vm_name)) << e.file;
-        EXPECT_EQ(0u, text_of(f.vm_version).find("17.")) << e.file;
-        EXPECT_EQ(1000000000, f.tick_frequency);
-        EXPECT_GT(f.begin_millis, 1600000000000LL);
-        EXPECT_GE(f.heap_used, 0);
-        EXPECT_GT(f.heap_committed, 0);
-        EXPECT_GE(f.heap_max, f.heap_committed);
-        for (const HotSpotPool_CL& pool : f.pools) EXPECT_LE(pool.committed, pool.max) << e.file;
-        EXPECT_GT(f.classes_loaded, 100);
-        EXPECT_GE(f.threads_live, 1);
-        // The summary agrees with the figures on what it reads, and reads nothing else.
-        EXPECT_EQ(text_of(f.java_command), text_of(summary.java_command)) << e.file;
-        EXPECT_EQ(text_of(f.vm_version), text_of(summary.vm_version)) << e.file;
-        EXPECT_EQ(f.begin_millis, summary.begin_millis) << e.file;
-        EXPECT_EQ(-1, summary.heap_used) << e.file;
-    }
 }

@@ -20,75 +20,56 @@ size_t align8(size_t n) {
 
 PerfDataBlock::PerfDataBlock(bool little_endian) : _little_endian(little_endian), _accessible(true) {}
 
-void PerfDataBlock::put_int(std::vector<unsigned char>& block, size_t at, int32_t value) const {
-    uint32_t v = static_cast<uint32_t>(value);
-    for (int i = 0; i < 4; i++) {
-        int shift = _little_endian ? 8 * i : 8 * (3 - i);
-        block.at(at + i) = static_cast<unsigned char>(v >> shift);
+void PerfDataBlock::put(std::vector<unsigned char>& block, size_t at, uint64_t value, int size) const {
+    for (int i = 0; i < size; i++) {
+        int shift = _little_endian ? 8 * i : 8 * (size - 1 - i);
+        block.at(at + i) = static_cast<unsigned char>(value >> shift);
     }
 }
 
-void PerfDataBlock::put_long(std::vector<unsigned char>& block, size_t at, int64_t value) const {
-    uint64_t v = static_cast<uint64_t>(value);
-    for (int i = 0; i < 8; i++) {
-        int shift = _little_endian ? 8 * i : 8 * (7 - i);
-        block.at(at + i) = static_cast<unsigned char>(v >> shift);
-    }
+void PerfDataBlock::put_int(std::vector<unsigned char>& block, size_t at, int32_t value) const {
+    put(block, at, static_cast<uint32_t>(value), 4);
+}
+
+// An entry as HotSpot lays it out: a 20-byte header, the NUL-terminated name, the data at
+// `data_at`, and zeros up to a multiple of 8 bytes.
+void PerfDataBlock::add_entry(const std::string& name, char type, int units, int variability, size_t data_at,
+                              const std::vector<unsigned char>& data, size_t vector_length) {
+    std::vector<unsigned char> entry(align8(data_at + data.size()), 0);
+    put_int(entry, 0, static_cast<int32_t>(entry.size()));
+    put_int(entry, 4, static_cast<int32_t>(HEADER));
+    put_int(entry, 8, static_cast<int32_t>(vector_length));
+    const unsigned char kind[4] = {static_cast<unsigned char>(type), 1, static_cast<unsigned char>(units),
+                                   static_cast<unsigned char>(variability)};
+    std::copy(kind, kind + 4, entry.begin() + 12);
+    put_int(entry, 16, static_cast<int32_t>(data_at));
+    std::copy(name.begin(), name.end(), entry.begin() + HEADER);
+    std::copy(data.begin(), data.end(), entry.begin() + data_at);
+    _offsets.push_back(PROLOGUE + _entries.size());
+    _entries.insert(_entries.end(), entry.begin(), entry.end());
 }
 
 PerfDataBlock& PerfDataBlock::add_long(const std::string& name, int64_t value, int units, int variability) {
-    size_t data_at = align8(HEADER + name.size() + 1);
-    size_t length = data_at + 8;
-    std::vector<unsigned char> entry(length, 0);
-    put_int(entry, 0, static_cast<int32_t>(length));
-    put_int(entry, 4, static_cast<int32_t>(HEADER));
-    put_int(entry, 8, 0);
-    entry[12] = 'J';
-    entry[13] = 1;
-    entry[14] = static_cast<unsigned char>(units);
-    entry[15] = static_cast<unsigned char>(variability);
-    put_int(entry, 16, static_cast<int32_t>(data_at));
-    std::copy(name.begin(), name.end(), entry.begin() + HEADER);
-    put_long(entry, data_at, value);
-    _offsets.push_back(PROLOGUE + _entries.size());
-    _entries.insert(_entries.end(), entry.begin(), entry.end());
+    std::vector<unsigned char> data(8);
+    put(data, 0, static_cast<uint64_t>(value), 8);
+    add_entry(name, 'J', units, variability, align8(HEADER + name.size() + 1), data, 0);
     return *this;
 }
 
 PerfDataBlock& PerfDataBlock::add_string(const std::string& name, const std::string& text, int variability) {
-    size_t data_at = HEADER + name.size() + 1;
-    size_t vector_length = text.size() + 1;
-    size_t length = align8(data_at + vector_length);
-    std::vector<unsigned char> entry(length, 0);
-    put_int(entry, 0, static_cast<int32_t>(length));
-    put_int(entry, 4, static_cast<int32_t>(HEADER));
-    put_int(entry, 8, static_cast<int32_t>(vector_length));
-    entry[12] = 'B';
-    entry[13] = 1;
-    entry[14] = 5;
-    entry[15] = static_cast<unsigned char>(variability);
-    put_int(entry, 16, static_cast<int32_t>(data_at));
-    std::copy(name.begin(), name.end(), entry.begin() + HEADER);
-    std::copy(text.begin(), text.end(), entry.begin() + data_at);
-    _offsets.push_back(PROLOGUE + _entries.size());
-    _entries.insert(_entries.end(), entry.begin(), entry.end());
+    std::vector<unsigned char> data(text.begin(), text.end());
+    data.push_back(0);
+    add_entry(name, 'B', 5, variability, HEADER + name.size() + 1, data, data.size());
     return *this;
 }
 
 std::vector<unsigned char> PerfDataBlock::bytes(size_t total) const {
     size_t used = PROLOGUE + _entries.size();
     std::vector<unsigned char> block(total > used ? total : used, 0);
-    block[0] = 0xCA;
-    block[1] = 0xFE;
-    block[2] = 0xC0;
-    block[3] = 0xC0;
-    block[4] = _little_endian ? 1 : 0;
-    block[5] = 2;
-    block[6] = 0;
-    block[7] = _accessible ? 1 : 0;
+    // Magic, byte order, version 2.0, and the flag that the VM has published its counters.
+    const unsigned char start[8] = {0xCA, 0xFE, 0xC0, 0xC0, _little_endian, 2, 0, _accessible};
+    std::copy(start, start + 8, block.begin());
     put_int(block, 8, static_cast<int32_t>(used));
-    put_int(block, 12, 0);
-    put_long(block, 16, 0);
     put_int(block, 24, static_cast<int32_t>(PROLOGUE));
     put_int(block, 28, static_cast<int32_t>(_offsets.size()));
     std::copy(_entries.begin(), _entries.end(), block.begin() + PROLOGUE);

@@ -29,7 +29,9 @@ public:
     void put_int(std::vector<unsigned char>& block, size_t at, int32_t value) const;
 
 private:
-    void put_long(std::vector<unsigned char>& block, size_t at, int64_t value) const;
+    void put(std::vector<unsigned char>& block, size_t at, uint64_t value, int size) const;
+    void add_entry(const std::string& name, char type, int units, int variability, size_t data_at,
+                   const std::vector<unsigned char>& data, size_t vector_length);
 
     bool _little_endian;
     bool _accessible;
