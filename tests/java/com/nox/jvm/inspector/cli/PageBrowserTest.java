@@ -7,6 +7,7 @@ import static org.junit.jupiter.api.Assumptions.assumeTrue;
 
 import com.nox.jvm.inspector.testing.HeadlessChromium;
 import com.nox.jvm.inspector.testing.JdkVm;
+import com.nox.jvm.inspector.testing.Spawned;
 import com.nox.jvm.inspector.testing.Vmsim;
 
 import java.nio.file.Files;
@@ -73,12 +74,12 @@ class PageBrowserTest {
              JdkVm g1 = new JdkVm("-XX:+UseG1GC");
              // 18 simulated VMs (this test's instance cluster 71): 20 VMs on the page in all.
              Vmsim simulated = new Vmsim("--type", "instance", "--id", "71", "--slots", "18");
-             LongRunning serve = new LongRunning("serve", "--port", "0");
+             Spawned serve = Launcher.start("serve", "--port", "0");
              HeadlessChromium chromium = new HeadlessChromium()) {
-            String line = serve.next(20, "the address serve listens on").text();
-            String origin = line.substring(line.indexOf("http://"), line.indexOf("/metrics"));
-            NoxinspectHotSpotTest.awaitListed(serial);
-            NoxinspectHotSpotTest.awaitListed(g1);
+            String url = Launcher.metricsUrl(serve);
+            String origin = url.substring(0, url.indexOf("/metrics"));
+            serial.awaitListed();
+            g1.awaitListed();
             List<Integer> pids = new ArrayList<>(List.of(serial.pid(), g1.pid()));
             Arrays.stream(simulated.slotPids()).forEach(pids::add);
             assertEquals(20, pids.stream().distinct().count(), pids.toString());

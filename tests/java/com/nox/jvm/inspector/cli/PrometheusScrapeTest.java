@@ -5,6 +5,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import static org.junit.jupiter.api.Assumptions.assumeTrue;
 
 import com.nox.jvm.inspector.testing.JdkVm;
+import com.nox.jvm.inspector.testing.Spawned;
 import com.nox.jvm.inspector.testing.Vmsim;
 
 import java.io.IOException;
@@ -128,9 +129,9 @@ class PrometheusScrapeTest {
         }
     }
 
-    private static String target(LongRunning serve) throws Exception {
-        String line = serve.next(20, "the address serve listens on").text();
-        return line.substring(line.indexOf("http://") + "http://".length(), line.indexOf("/metrics"));
+    private static String target(Spawned serve) throws Exception {
+        String url = Launcher.metricsUrl(serve);
+        return url.substring("http://".length(), url.indexOf("/metrics"));
     }
 
     /** Every sample of an answer: its labels (as text) and its value. */
@@ -150,7 +151,7 @@ class PrometheusScrapeTest {
         try (Vmsim process = new Vmsim("--type", "process", "--set", "committed_java_heap_size=987654321",
                 "--set", "jar_main_class=scraped.Main");
              Vmsim instance = new Vmsim("--type", "instance", "--id", "55", "--slots", "2");
-             LongRunning serve = new LongRunning("serve", "--port", "0");
+             Spawned serve = Launcher.start("serve", "--port", "0");
              Prometheus prometheus = new Prometheus(target(serve))) {
             prometheus.await("up{job=\"noxinspect\"}", "\"value\":[", "\"1\"]");
             int[] pids = instance.slotPids();
@@ -185,7 +186,7 @@ class PrometheusScrapeTest {
             {"-XX:+UseParallelGC", "PS MarkSweep", "PS Scavenge", "PS Eden Space"},
         };
         List<JdkVm> vms = new ArrayList<>();
-        try (LongRunning serve = new LongRunning("serve", "--port", "0");
+        try (Spawned serve = Launcher.start("serve", "--port", "0");
              Prometheus prometheus = new Prometheus(target(serve))) {
             for (String[] c : collectors) {
                 vms.add(new JdkVm(c[0], "-Xms64m", "-Xmx64m"));

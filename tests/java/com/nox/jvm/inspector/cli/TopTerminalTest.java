@@ -1,7 +1,6 @@
 package com.nox.jvm.inspector.cli;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
-import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 import static org.junit.jupiter.api.Assumptions.assumeTrue;
 
@@ -13,7 +12,6 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
-import java.util.Map;
 import java.util.concurrent.TimeUnit;
 import java.util.function.Predicate;
 
@@ -21,7 +19,7 @@ import org.junit.jupiter.api.Test;
 
 /**
  * noxinspect top in a real terminal: a tmux session of 60 columns on a server of its own, driven
- * with send-keys and read with capture-pane; and without a terminal, where it prints plain tables.
+ * with send-keys and read with capture-pane (without a terminal: NoxinspectHotSpotTest).
  */
 class TopTerminalTest {
     private static final Path TMUX = Path.of("/usr/bin/tmux");
@@ -84,8 +82,8 @@ class TopTerminalTest {
         String build = Path.of(Launcher.buildDir()).toAbsolutePath().toString();
         try (JdkVm a = new JdkVm("-XX:+UseSerialGC");
              JdkVm b = new JdkVm("-XX:+UseG1GC")) {
-            NoxinspectHotSpotTest.awaitListed(a);
-            NoxinspectHotSpotTest.awaitListed(b);
+            a.awaitListed();
+            b.awaitListed();
             String started = tmux("-f", "/dev/null", "new-session", "-d", "-s", "top", "-x", "60", "-y", "30",
                     "env NOX_BUILD_DIR=" + build + " " + launcher + " top -d 1; echo top-ended-$?; sleep 60");
 
@@ -116,33 +114,6 @@ class TopTerminalTest {
                     && !s.contains("noxinspect top"));
         } finally {
             tmux("kill-server");
-        }
-    }
-
-    /** Output that is not a terminal gets one plain table per refresh (or one JSON object per line), no escapes. */
-    @Test
-    void plainTablesWhenNotATerminal() throws Exception {
-        try (JdkVm vm = new JdkVm("-XX:+UseSerialGC")) {
-            NoxinspectHotSpotTest.awaitListed(vm);
-            String pid = Integer.toString(vm.pid());
-            Launcher.Result text = Launcher.run("top", "-n", "2", "-d", "0.2", "-s", "pid");
-            assertEquals(0, text.exitCode(), text.toString());
-            assertFalse(text.out().contains("\033"), text.out());
-            List<String> lines = text.out().lines().toList();
-            assertEquals(2, lines.stream().filter(l -> l.startsWith("noxinspect top ")).count(), text.out());
-            assertEquals(2, lines.stream().filter(l -> l.trim().startsWith("PID USER")).count(), text.out());
-            // The second refresh has a CPU share for the VM: a difference of two readings.
-            String row = lines.stream().filter(l -> l.trim().startsWith(pid + " ")).reduce((x, y) -> y).orElseThrow();
-            assertTrue(row.trim().split(" +")[2].matches("[0-9]+(\\.[0-9])?"), row);
-
-            String uid = Files.getAttribute(Path.of("/proc/self"), "unix:uid").toString();
-            Launcher.Result json = Launcher.run("--json", "top", "-n", "1", "-c", "SleepingVm", "-u", uid);
-            assertEquals(0, json.exitCode(), json.toString());
-            Map<String, String> flat = Launcher.flatJson(json.out());
-            assertTrue(flat.containsValue(pid), json.out());
-            assertEquals(1, json.out().lines().count(), json.out());
-            Launcher.Result none = Launcher.run("--json", "top", "-n", "1", "-u", "no-such-user-here");
-            assertEquals("{\"vms\":[]}", none.out().replaceAll("\\s|\"time\":[0-9]+,", ""), none.toString());
         }
     }
 }

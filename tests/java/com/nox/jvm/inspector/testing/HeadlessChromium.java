@@ -1,12 +1,9 @@
 package com.nox.jvm.inspector.testing;
 
-import java.io.BufferedReader;
 import java.io.IOException;
-import java.io.InputStreamReader;
 import java.net.URI;
 import java.net.http.HttpClient;
 import java.net.http.WebSocket;
-import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
@@ -34,7 +31,7 @@ public final class HeadlessChromium implements AutoCloseable {
     private static final Pattern REQUEST_URL = Pattern.compile("\"request\":\\{\"url\":\"((?:[^\"\\\\]|\\\\.)*+)\"");
 
     private final Path profile;
-    private final Process browser;
+    private final Spawned browser;
     private final WebSocket socket;
     private final AtomicInteger ids = new AtomicInteger();
     private final Map<Integer, CompletableFuture<String>> answers = new ConcurrentHashMap<>();
@@ -43,40 +40,19 @@ public final class HeadlessChromium implements AutoCloseable {
 
     public HeadlessChromium() throws Exception {
         profile = Files.createTempDirectory("nox-chromium-profile");
-        browser = new ProcessBuilder(CHROMIUM.toString(), "--headless", "--no-sandbox", "--disable-gpu",
+        browser = new Spawned(new ProcessBuilder(CHROMIUM.toString(), "--headless", "--no-sandbox", "--disable-gpu",
                 "--disable-quic", "--no-first-run", "--disable-background-networking", "--disable-component-update",
                 "--disable-sync", "--user-data-dir=" + profile, "--remote-debugging-port=0", "--window-size=1280,900",
-                "about:blank").redirectOutput(ProcessBuilder.Redirect.DISCARD).start();
-        String url = devtoolsUrl();
-        socket = HttpClient.newHttpClient().newWebSocketBuilder().buildAsync(URI.create(url), new Listener())
-                .get(20, TimeUnit.SECONDS);
-        String created = call(null, "Target.createTarget", "{\"url\":\"about:blank\"}");
-        String target = field(created, "targetId");
+                "about:blank").redirectErrorStream(true));
+        Matcher devtools = DEVTOOLS.matcher(browser.await("DevTools listening on ", 30));
+        devtools.find();
+        socket = HttpClient.newHttpClient().newWebSocketBuilder()
+                .buildAsync(URI.create(devtools.group(1)), new Listener()).get(20, TimeUnit.SECONDS);
+        String target = field(call(null, "Target.createTarget", "{\"url\":\"about:blank\"}"), "targetId");
         sessionId = field(call(null, "Target.attachToTarget", "{\"targetId\":\"" + target + "\",\"flatten\":true}"),
                 "sessionId");
         call(sessionId, "Network.enable", "{}");
         call(sessionId, "Page.enable", "{}");
-    }
-
-    private String devtoolsUrl() throws Exception {
-        BufferedReader err = new BufferedReader(new InputStreamReader(browser.getErrorStream(), StandardCharsets.UTF_8));
-        CompletableFuture<String> found = new CompletableFuture<>();
-        Thread reader = new Thread(() -> {
-            try {
-                for (String line = err.readLine(); line != null; line = err.readLine()) {
-                    Matcher m = DEVTOOLS.matcher(line);
-                    if (m.find()) {
-                        found.complete(m.group(1));
-                    }
-                }
-            } catch (IOException e) {
-                // the browser ended
-            }
-            found.completeExceptionally(new IOException("chromium ended without a DevTools address"));
-        }, "chromium-stderr");
-        reader.setDaemon(true);
-        reader.start();
-        return found.get(30, TimeUnit.SECONDS);
     }
 
     /** Opens {@code url} in the page. */
@@ -198,11 +174,7 @@ public final class HeadlessChromium implements AutoCloseable {
         try {
             socket.abort();
         } finally {
-            browser.destroy();
-            if (!browser.waitFor(10, TimeUnit.SECONDS)) {
-                browser.destroyForcibly();
-                browser.waitFor(5, TimeUnit.SECONDS);
-            }
+            browser.close();
             try (Stream<Path> files = Files.walk(profile)) {
                 files.sorted(Comparator.reverseOrder()).forEach(p -> p.toFile().delete());
             }
