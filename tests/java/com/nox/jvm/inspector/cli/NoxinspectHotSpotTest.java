@@ -194,7 +194,7 @@ class NoxinspectHotSpotTest {
 
     /** An interval and a count: that many samples, one JSON object per line, on the VM's clock at least the interval apart. */
     @Test
-    void statSamplesOnScheduleAsJsonLines() throws Exception {
+    void samplesOnScheduleAsJsonLines() throws Exception {
         Launcher.Result r = Launcher.run("--json", "stat", Integer.toString(vm.pid()), "100ms", "20");
         assertEquals(0, r.exitCode(), r.toString());
         List<String> lines = r.out().lines().toList();
@@ -216,7 +216,7 @@ class NoxinspectHotSpotTest {
 
     /** Output that is not a terminal gets one plain table per refresh (or one JSON object per line), no escapes. */
     @Test
-    void topPrintsPlainTablesWhenNotATerminal() throws Exception {
+    void plainTablesWhenNotATerminal() throws Exception {
         String pid = Integer.toString(vm.pid());
         Launcher.Result text = Launcher.run("top", "-n", "2", "-d", "0.2", "-s", "pid");
         assertEquals(0, text.exitCode(), text.toString());
@@ -280,7 +280,7 @@ class NoxinspectHotSpotTest {
      */
     @ParameterizedTest
     @ValueSource(strings = {"-XX:+UseSerialGC", "-XX:+UseParallelGC", "-XX:+UseG1GC"})
-    void statShowsTheFiguresJstatShows(String collector) throws Exception {
+    void sameFiguresAsJstat(String collector) throws Exception {
         try (JdkVm vm = new JdkVm(collector, "-Xmx64m")) {
             vm.awaitListed();
             vm.churn();
@@ -306,7 +306,7 @@ class NoxinspectHotSpotTest {
     }
 
     private static String tmux(String... args) throws Exception {
-        List<String> command = new ArrayList<>(List.of(TMUX.toString(), "-L", "nox-top-test-" + ProcessHandle.current().pid()));
+        List<String> command = new ArrayList<>(List.of(TMUX.toString(), "-L", "nox-top-" + ProcessHandle.current().pid()));
         command.addAll(List.of(args));
         // tmux runs the session's command with $SHELL, else the account's login shell: for an
         // account such as nobody that is nologin, and the session would end at once.
@@ -317,7 +317,10 @@ class NoxinspectHotSpotTest {
     /** The screen of the tmux session once {@code until} is true of it; fails when not within {@code seconds}. */
     private static String screen(double seconds, String what, Predicate<String> until) throws Exception {
         String[] screen = {""};
-        Spawned.until(seconds, what, () -> until.test(screen[0] = tmux("capture-pane", "-p", "-t", "top")));
+        Spawned.until(seconds, what, () -> {
+            screen[0] = tmux("capture-pane", "-p", "-t", "top");
+            return until.test(screen[0]);
+        });
         return screen[0];
     }
 
@@ -333,7 +336,7 @@ class NoxinspectHotSpotTest {
 
     /** noxinspect top in a real terminal: a tmux session of 60 columns on a server of its own. */
     @Test
-    void topInARealTerminalOfSixtyColumns() throws Exception {
+    void liveTableInSixtyColumns() throws Exception {
         assumeTrue(Files.isExecutable(TMUX), "tmux is not installed (Debian package tmux): skipped");
         String launcher = Path.of(System.getProperty("nox.launcher", "tools/noxinspect")).toAbsolutePath().toString();
         String build = Path.of(Launcher.buildDir()).toAbsolutePath().toString();

@@ -110,7 +110,7 @@ class PrometheusScrapeTest {
     }
 
     @Test
-    void prometheusFindsEveryVmWithItsFigures() throws Exception {
+    void aMinuteOfRealVmsOfThreeCollectors() throws Exception {
         assumeTrue(Files.isExecutable(PROMETHEUS),
                 "the Prometheus server is not installed (Debian package prometheus): skipped");
         String[][] collectors = {

@@ -100,23 +100,10 @@ class ServeTest {
 
     /** The value of the one sample of {@code name} whose labels include all of {@code labels}; null when none. */
     static String value(String body, String name, String... labels) {
-        String found = null;
-        for (String line : body.split("\n")) {
-            if (!line.startsWith(name + "{") && !line.equals(name) && !line.startsWith(name + " ")) {
-                continue;
-            }
-            boolean all = true;
-            for (String label : labels) {
-                all &= line.contains(label);
-            }
-            if (all) {
-                if (found != null) {
-                    throw new AssertionError("two samples of " + name + " with " + List.of(labels));
-                }
-                found = line.substring(line.lastIndexOf(' ') + 1);
-            }
-        }
-        return found;
+        List<String> found = body.lines().filter(l -> l.startsWith(name + "{") || l.startsWith(name + " "))
+                .filter(l -> Stream.of(labels).allMatch(l::contains)).toList();
+        assertTrue(found.size() <= 1, "two samples of " + name + " with " + List.of(labels) + ": " + found);
+        return found.isEmpty() ? null : found.get(0).substring(found.get(0).lastIndexOf(' ') + 1);
     }
 
     @Test
@@ -160,17 +147,14 @@ class ServeTest {
     void aHotSpotVmWithItsHeapAsTheVmReadsIt() throws Exception {
         jdk.gc();
         String labels = "{cluster_type=\"hotspot\",cluster_id=\"\",slot=\"\",pid=\"" + jdk.pid() + "\"";
-        String body = null;
-        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(5);
+        String[] scraped = {""};
         // A VM started just now is there once it has published its figures.
-        while (System.nanoTime() < deadline) {
-            body = get(url, null).body();
-            if (value(body, "nox_vm_up", labels) != null) {
-                break;
-            }
-            Thread.sleep(50);
-        }
-        assertEquals("1", value(body, "nox_vm_up", labels), "no series of the JDK VM within 5 s: " + body);
+        Spawned.until(5, "a series of the JDK VM", () -> {
+            scraped[0] = get(url, null).body();
+            return value(scraped[0], "nox_vm_up", labels) != null;
+        });
+        String body = scraped[0];
+        assertEquals("1", value(body, "nox_vm_up", labels), body);
         long[] own = jdk.heap();
         assertEquals("1", value(body, "nox_vm_info", labels, "main_class=\"" + JdkVm.MAIN_CLASS + "\"",
                 "vm_version=\"OpenJDK 64-Bit Server VM " + System.getProperty("java.vm.version") + "\""), body);
@@ -257,14 +241,6 @@ class ServeTest {
             assertTrue(result.err().contains("port " + taken.getLocalPort()), result.toString());
             assertFalse(result.err().contains("Exception in thread"), result.toString());
         }
-    }
-
-    @Test
-    void wrongOptionsAreUsageErrors() throws Exception {
-        assertEquals(CliError.USAGE, Launcher.run("serve", "--port", "70000").exitCode());
-        assertEquals(CliError.USAGE, Launcher.run("serve", "--port").exitCode());
-        assertEquals(CliError.USAGE, Launcher.run("serve", "--colour", "red").exitCode());
-        assertEquals(CliError.USAGE, Launcher.run("watch", "extra").exitCode());
     }
 
     /**
