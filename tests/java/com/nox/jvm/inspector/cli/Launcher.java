@@ -160,7 +160,7 @@ final class Launcher {
         return exec(command, Map.of(), json).exitCode() == 0;
     }
 
-    private static Result exec(List<String> command, Map<String, String> environment, String input)
+    static Result exec(List<String> command, Map<String, String> environment, String input)
             throws IOException, InterruptedException {
         Path out = Files.createTempFile("noxinspect-test", ".out");
         Path err = Files.createTempFile("noxinspect-test", ".err");

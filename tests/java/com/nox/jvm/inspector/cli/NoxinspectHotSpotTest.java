@@ -5,11 +5,15 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertNotNull;
 import static org.junit.jupiter.api.Assertions.assertTrue;
+import static org.junit.jupiter.api.Assumptions.assumeTrue;
 
 import com.nox.jvm.inspector.testing.JdkVm;
+import com.nox.jvm.inspector.testing.Spawned;
 
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
 import java.util.function.Predicate;
@@ -17,15 +21,18 @@ import java.util.function.Predicate;
 import org.junit.jupiter.api.AfterAll;
 import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.Test;
+import org.junit.jupiter.params.ParameterizedTest;
+import org.junit.jupiter.params.provider.ValueSource;
 
 /**
  * noxinspect with real JDK 17 VMs that publish no control area, only their performance data: one
  * started with known options and arguments, one without performance data, one that refuses the
- * attach. What list, info, counters, stat and top show of them, and what the options jps users
- * reach for (-q, -m, -v, -u, -c) select.
+ * attach. What list, info, counters, stat and top (in a real terminal too) show of them, and what the options jps users
+ * reach for (-q, -m, -v, -u, -c) select; and stat against jstat on VMs of three collectors.
  */
 class NoxinspectHotSpotTest {
     private static final String USER = System.getProperty("user.name");
+    private static final Path TMUX = Path.of("/usr/bin/tmux");
     private static JdkVm vm;
     private static JdkVm hidden;
     private static JdkVm noAttach;
@@ -187,7 +194,7 @@ class NoxinspectHotSpotTest {
 
     /** An interval and a count: that many samples, one JSON object per line, on the VM's clock at least the interval apart. */
     @Test
-    void statSamplesOnScheduleAsJsonLines() throws Exception {
+    void samplesOnScheduleAsJsonLines() throws Exception {
         Launcher.Result r = Launcher.run("--json", "stat", Integer.toString(vm.pid()), "100ms", "20");
         assertEquals(0, r.exitCode(), r.toString());
         List<String> lines = r.out().lines().toList();
@@ -209,7 +216,7 @@ class NoxinspectHotSpotTest {
 
     /** Output that is not a terminal gets one plain table per refresh (or one JSON object per line), no escapes. */
     @Test
-    void topPrintsPlainTablesWhenNotATerminal() throws Exception {
+    void plainTablesWhenNotATerminal() throws Exception {
         String pid = Integer.toString(vm.pid());
         Launcher.Result text = Launcher.run("top", "-n", "2", "-d", "0.2", "-s", "pid");
         assertEquals(0, text.exitCode(), text.toString());
@@ -228,5 +235,137 @@ class NoxinspectHotSpotTest {
         assertEquals(1, json.out().lines().count(), json.out());
         Launcher.Result none = Launcher.run("--json", "top", "-n", "1", "-u", "no-such-user-here");
         assertEquals("{\"vms\":[]}", none.out().replaceAll("\\s|\"time\":[0-9]+,", ""), none.toString());
+    }
+
+    /** One sample line read by the header's columns: numbers split at blanks, then the causes (if any) by position. */
+    private static Map<String, String> row(String header, String line) {
+        int causes = header.contains("LGCC") ? header.indexOf("LGCC") : header.length();
+        String[] names = header.substring(0, causes).trim().split("\\s+");
+        String[] values = line.substring(0, Math.min(causes, line.length())).trim().split("\\s+");
+        assertEquals(names.length, values.length, header + "\n" + line);
+        Map<String, String> row = new LinkedHashMap<>();
+        for (int i = 0; i < names.length; i++) {
+            row.put(names[i], values[i]);
+        }
+        if (causes < header.length()) {
+            int current = header.indexOf("GCC", causes + 4);
+            row.put("LGCC", line.substring(causes, Math.min(current, line.length())).trim());
+            row.put("GCC", line.length() > current ? line.substring(current).trim() : "");
+        }
+        return row;
+    }
+
+    private static Map<String, String> sample(String out) {
+        String[] lines = out.split("\n");
+        assertEquals(2, lines.length, out);
+        return row(lines[0], lines[1]);
+    }
+
+    /** One sample of {@code noxinspect stat} (jstat: false) or of the JDK's jstat with {@code option}. */
+    private static Map<String, String> stat(boolean jstat, String option, int pid) throws Exception {
+        Launcher.Result r = !jstat ? Launcher.run("stat", Integer.toString(pid)) : Launcher.exec(List.of(
+                Path.of(System.getProperty("java.home"), "bin", "jstat").toString(), option, Integer.toString(pid)),
+                Map.of(), null);
+        assertEquals(0, r.exitCode(), r.toString());
+        return sample(r.out());
+    }
+
+    /**
+     * noxinspect stat against the JDK's own jstat -gcutil and -gccause, on real VMs of three
+     * collectors, after young collections that left survivors, so that the figures have values (the
+     * survivor spaces' among them, which alternate).
+     * Ours, jstat -gcutil's, jstat -gccause's (the same columns and the causes), ours again: when
+     * both of ours agree the VM stood still meanwhile, and jstat's must be the same figures. An
+     * idle VM stands still; a few tries allow for a stray collection.
+     */
+    @ParameterizedTest
+    @ValueSource(strings = {"-XX:+UseSerialGC", "-XX:+UseParallelGC", "-XX:+UseG1GC"})
+    void sameFiguresAsJstat(String collector) throws Exception {
+        try (JdkVm vm = new JdkVm(collector, "-Xmx64m")) {
+            vm.awaitListed();
+            vm.churn();
+            List<String> moved = new ArrayList<>();
+            for (int attempt = 0; attempt < 5; attempt++) {
+                Map<String, String> before = stat(false, "", vm.pid());
+                Map<String, String> gcutil = stat(true, "-gcutil", vm.pid());
+                Map<String, String> gccause = stat(true, "-gccause", vm.pid());
+                Map<String, String> after = stat(false, "", vm.pid());
+                if (before.equals(after)) {
+                    assertEquals(gccause, before, collector);
+                    Map<String, String> utilisation = new LinkedHashMap<>(before);
+                    utilisation.keySet().removeAll(List.of("LGCC", "GCC"));
+                    assertEquals(gcutil, utilisation, collector);
+                    assertTrue(Integer.parseInt(before.get("YGC")) > 0, before.toString());
+                    assertTrue(!before.get("S0").equals(before.get("S1")), "one survivor space in use: " + before);
+                    return;
+                }
+                moved.add(before + " -> " + after);
+            }
+            throw new AssertionError("the VM never stood still: " + moved);
+        }
+    }
+
+    private static String tmux(String... args) throws Exception {
+        List<String> command = new ArrayList<>(List.of(TMUX.toString(), "-L", "nox-top-" + ProcessHandle.current().pid()));
+        command.addAll(List.of(args));
+        // tmux runs the session's command with $SHELL, else the account's login shell: for an
+        // account such as nobody that is nologin, and the session would end at once.
+        Launcher.Result r = Launcher.exec(command, Map.of("SHELL", "/bin/sh"), null);
+        return r.out() + r.err();
+    }
+
+    /** The screen of the tmux session once {@code until} is true of it; fails when not within {@code seconds}. */
+    private static String screen(double seconds, String what, Predicate<String> until) throws Exception {
+        String[] screen = {""};
+        Spawned.until(seconds, what, () -> {
+            screen[0] = tmux("capture-pane", "-p", "-t", "top");
+            return until.test(screen[0]);
+        });
+        return screen[0];
+    }
+
+    /** The pids of the table's rows, top to bottom. */
+    private static List<Integer> pids(String screen) {
+        return screen.lines().filter(l -> l.matches(" *[0-9]+ .*")).map(l -> Integer.parseInt(l.trim().split(" +")[0]))
+                .toList();
+    }
+
+    private static boolean showsOurs(String screen) {
+        return pids(screen).containsAll(List.of(vm.pid(), noAttach.pid()));
+    }
+
+    /** noxinspect top in a real terminal: a tmux session of 60 columns on a server of its own. */
+    @Test
+    void liveTableInSixtyColumns() throws Exception {
+        assumeTrue(Files.isExecutable(TMUX), "tmux is not installed (Debian package tmux): skipped");
+        String launcher = Path.of(System.getProperty("nox.launcher", "tools/noxinspect")).toAbsolutePath().toString();
+        String build = Path.of(Launcher.buildDir()).toAbsolutePath().toString();
+        try {
+            String started = tmux("-f", "/dev/null", "new-session", "-d", "-s", "top", "-x", "60", "-y", "30",
+                    "env NOX_BUILD_DIR=" + build + " " + launcher + " top -d 1; echo top-ended-$?; sleep 60");
+            assertEquals("", started, "tmux new-session");
+            // The VMs within two refreshes of the first table.
+            screen(30, "the first table", s -> s.contains("noxinspect top"));
+            String screen = screen(2.5, "the test's VMs", NoxinspectHotSpotTest::showsOurs);
+
+            // Columns cut to the width, never wrapped: joining wrapped lines changes nothing (-J also
+            // keeps trailing blanks, which the plain capture drops).
+            String joined = tmux("capture-pane", "-p", "-J", "-t", "top").replaceAll(" +\n", "\n");
+            assertEquals(joined, tmux("capture-pane", "-p", "-t", "top"), screen);
+            assertTrue(screen.lines().allMatch(l -> l.length() <= 60), "wider than the terminal:\n" + screen);
+
+            tmux("send-keys", "-t", "top", "p");
+            screen = screen(5, "sorted by pid", s -> s.contains("sort pid") && !s.contains("reversed") && showsOurs(s));
+            assertEquals(pids(screen).stream().sorted().toList(), pids(screen), screen);
+            tmux("send-keys", "-t", "top", "p");
+            screen = screen(5, "sorted by pid, reversed", s -> s.contains("sort pid, reversed") && showsOurs(s));
+            assertEquals(pids(screen).stream().sorted((x, y) -> y - x).toList(), pids(screen), screen);
+
+            tmux("send-keys", "-t", "top", "q");
+            screen(10, "top ended with status 0, the screen as it was", s -> s.contains("top-ended-0")
+                    && !s.contains("noxinspect top"));
+        } finally {
+            tmux("kill-server");
+        }
     }
 }

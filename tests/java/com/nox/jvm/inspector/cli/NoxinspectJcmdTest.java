@@ -4,12 +4,12 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
-import static org.junit.jupiter.api.Assertions.fail;
 
 import com.nox.jvm.inspector.attach.AttachClient;
 import com.nox.jvm.inspector.attach.AttachException;
 import com.nox.jvm.inspector.attach.CommandReply;
 import com.nox.jvm.inspector.testing.JdkVm;
+import com.nox.jvm.inspector.testing.Spawned;
 
 import java.io.IOException;
 import java.io.InputStream;
@@ -26,6 +26,7 @@ import java.util.concurrent.ExecutionException;
 import java.util.concurrent.TimeUnit;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
+import java.util.stream.Stream;
 
 import org.junit.jupiter.api.Test;
 
@@ -33,9 +34,8 @@ import org.junit.jupiter.api.Test;
  * {@code noxinspect jcmd} and its shortcuts against the JDK's own {@code jcmd}, on real JDK 17 VMs
  * started by the test: the same output after jcmd's "PID:" line and the same exit status; a VM
  * that disabled attach, to jcmd and to {@code attach} (a VM in its own namespaces is the containers
- * test's); and the Java API
- * of the attach client beneath them: the reply streamed, a VM that stops answering, and one that
- * ends while the client waits for its listener.
+ * test's); and the Java API of the attach client beneath them: the reply streamed, a VM that stops
+ * answering, and one that ends while the client waits for its listener.
  */
 class NoxinspectJcmdTest {
     /** How two outputs must agree. */
@@ -191,41 +191,18 @@ class NoxinspectJcmdTest {
     }
 
     /** Stops the VM and waits until every one of its threads has stopped (a stop is not immediate). */
-    private static void stop(int pid) throws IOException, InterruptedException {
+    private static void stop(int pid) throws Exception {
         signal(pid, "STOP");
-        Path tasks = Path.of("/proc", Integer.toString(pid), "task");
-        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(10);
-        while (true) {
-            boolean all = true;
-            try (java.util.stream.Stream<Path> list = Files.list(tasks)) {
-                for (Path task : list.toList()) {
-                    all &= Files.readString(task.resolve("status")).contains("\nState:\tT");
+        Spawned.until(10, "VM pid " + pid + " stopping", () -> {
+            try (Stream<Path> tasks = Files.list(Path.of("/proc", Integer.toString(pid), "task"))) {
+                for (Path task : tasks.toList()) {
+                    if (!Files.readString(task.resolve("status")).contains("\nState:\tT")) {
+                        return false;
+                    }
                 }
             }
-            if (all) {
-                return;
-            }
-            if (System.nanoTime() - deadline > 0) {
-                fail("VM pid " + pid + " did not stop");
-            }
-            Thread.sleep(2);
-        }
-    }
-
-    /** Where the client put the trigger file of {@code pid}: the VM's working folder or /tmp. */
-    private static Path awaitTrigger(int pid) throws InterruptedException {
-        String name = ".attach_pid" + pid;
-        List<Path> places = List.of(Path.of(System.getProperty("user.dir"), name), Path.of("/tmp", name));
-        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(10);
-        while (System.nanoTime() - deadline < 0) {
-            for (Path p : places) {
-                if (Files.exists(p)) {
-                    return p;
-                }
-            }
-            Thread.sleep(5);
-        }
-        return fail("no trigger file " + name + " appeared");
+            return true;
+        });
     }
 
     @Test
@@ -239,7 +216,11 @@ class NoxinspectJcmdTest {
                     throw new java.util.concurrent.CompletionException(e);
                 }
             });
-            Path trigger = awaitTrigger(vm.pid());
+            // The client puts the trigger file into the VM's working folder or /tmp.
+            String name = ".attach_pid" + vm.pid();
+            List<Path> places = List.of(Path.of(System.getProperty("user.dir"), name), Path.of("/tmp", name));
+            Spawned.until(10, "a trigger file " + name, () -> places.stream().anyMatch(Files::exists));
+            Path trigger = places.stream().filter(Files::exists).findFirst().orElseThrow();
             signal(vm.pid(), "KILL");
             // Well before the attach's own 30 s time-out.
             ExecutionException e = assertThrows(ExecutionException.class, () -> attach.get(10, TimeUnit.SECONDS));

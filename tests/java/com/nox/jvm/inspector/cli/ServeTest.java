@@ -8,6 +8,7 @@ import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 import static org.junit.jupiter.api.Assumptions.assumeTrue;
 
+import com.nox.jvm.inspector.testing.HeadlessChromium;
 import com.nox.jvm.inspector.testing.JdkVm;
 import com.nox.jvm.inspector.testing.PlantedFiles;
 import com.nox.jvm.inspector.testing.Spawned;
@@ -28,12 +29,16 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.time.Duration;
 import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
 import java.util.concurrent.ExecutorService;
 import java.util.concurrent.Executors;
 import java.util.concurrent.Future;
 import java.util.concurrent.TimeUnit;
+import java.util.stream.Collectors;
+import java.util.stream.Stream;
 
 import org.junit.jupiter.api.AfterAll;
 import org.junit.jupiter.api.BeforeAll;
@@ -42,9 +47,10 @@ import org.junit.jupiter.api.Test;
 /**
  * {@code noxinspect serve} as a real process with real vmsim VMs: the metrics of every VM over
  * HTTP, in both exposition formats, accepted by promtool; refusals for a taken port and wrong
- * requests; clients that hold connections without finishing their requests. The process VM
- * publishes both sources: a copy of the JDK VM's performance-data file is planted under its pid
- * (which started first, as a VM's process does). Instance cluster 54 is this class's own.
+ * requests; clients that hold connections without finishing their requests; its page in a real
+ * browser. The process VM publishes both sources: a copy of the JDK VM's performance-data file is
+ * planted under its pid (which started first, as a VM's process does). Instance clusters 54 and
+ * 71 are this class's own.
  */
 class ServeTest {
     private static final HttpClient HTTP = HttpClient.newBuilder().connectTimeout(Duration.ofSeconds(5)).build();
@@ -94,23 +100,10 @@ class ServeTest {
 
     /** The value of the one sample of {@code name} whose labels include all of {@code labels}; null when none. */
     static String value(String body, String name, String... labels) {
-        String found = null;
-        for (String line : body.split("\n")) {
-            if (!line.startsWith(name + "{") && !line.equals(name) && !line.startsWith(name + " ")) {
-                continue;
-            }
-            boolean all = true;
-            for (String label : labels) {
-                all &= line.contains(label);
-            }
-            if (all) {
-                if (found != null) {
-                    throw new AssertionError("two samples of " + name + " with " + List.of(labels));
-                }
-                found = line.substring(line.lastIndexOf(' ') + 1);
-            }
-        }
-        return found;
+        List<String> found = body.lines().filter(l -> l.startsWith(name + "{") || l.startsWith(name + " "))
+                .filter(l -> Stream.of(labels).allMatch(l::contains)).toList();
+        assertTrue(found.size() <= 1, "two samples of " + name + " with " + List.of(labels) + ": " + found);
+        return found.isEmpty() ? null : found.get(0).substring(found.get(0).lastIndexOf(' ') + 1);
     }
 
     @Test
@@ -154,17 +147,14 @@ class ServeTest {
     void aHotSpotVmWithItsHeapAsTheVmReadsIt() throws Exception {
         jdk.gc();
         String labels = "{cluster_type=\"hotspot\",cluster_id=\"\",slot=\"\",pid=\"" + jdk.pid() + "\"";
-        String body = null;
-        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(5);
+        String[] scraped = {""};
         // A VM started just now is there once it has published its figures.
-        while (System.nanoTime() < deadline) {
-            body = get(url, null).body();
-            if (value(body, "nox_vm_up", labels) != null) {
-                break;
-            }
-            Thread.sleep(50);
-        }
-        assertEquals("1", value(body, "nox_vm_up", labels), "no series of the JDK VM within 5 s: " + body);
+        Spawned.until(5, "a series of the JDK VM", () -> {
+            scraped[0] = get(url, null).body();
+            return value(scraped[0], "nox_vm_up", labels) != null;
+        });
+        String body = scraped[0];
+        assertEquals("1", value(body, "nox_vm_up", labels), body);
         long[] own = jdk.heap();
         assertEquals("1", value(body, "nox_vm_info", labels, "main_class=\"" + JdkVm.MAIN_CLASS + "\"",
                 "vm_version=\"OpenJDK 64-Bit Server VM " + System.getProperty("java.vm.version") + "\""), body);
@@ -251,14 +241,6 @@ class ServeTest {
             assertTrue(result.err().contains("port " + taken.getLocalPort()), result.toString());
             assertFalse(result.err().contains("Exception in thread"), result.toString());
         }
-    }
-
-    @Test
-    void wrongOptionsAreUsageErrors() throws Exception {
-        assertEquals(CliError.USAGE, Launcher.run("serve", "--port", "70000").exitCode());
-        assertEquals(CliError.USAGE, Launcher.run("serve", "--port").exitCode());
-        assertEquals(CliError.USAGE, Launcher.run("serve", "--colour", "red").exitCode());
-        assertEquals(CliError.USAGE, Launcher.run("watch", "extra").exitCode());
     }
 
     /**
@@ -412,6 +394,70 @@ class ServeTest {
     private static void closeAll(List<SocketChannel> channels) throws IOException {
         for (SocketChannel channel : channels) {
             channel.close();
+        }
+    }
+
+    /** Per card: pid, then per chart line its class and point count, e.g. "123 used:4 cpu:3 ...". */
+    private static final String CARDS = "[...document.querySelectorAll('section.card')].map(c => c.dataset.pid + ' '"
+            + " + [...c.querySelectorAll('polyline')].map(l => l.dataset.series + ':'"
+            + " + (l.getAttribute('points') || '').split(' ').filter(Boolean).length).join(' ')).join('\\n')";
+    private static final String POINTS = "[...document.querySelectorAll('polyline')].map(l => l.getAttribute('points'))"
+            + ".join('|')";
+
+    private static Map<String, String> cards(HeadlessChromium chromium) throws Exception {
+        return chromium.evaluate(CARDS).lines().filter(l -> !l.isEmpty())
+                .collect(Collectors.toMap(l -> l.split(" ")[0], l -> l, (x, y) -> x + "\n" + y));
+    }
+
+    /** The number of points of one line of a card ("123 used:4 cpu:3 ..."); 0 when it has none. */
+    private static int points(String card, String series) {
+        return Stream.of(card.split(" ")).filter(t -> t.startsWith(series + ":"))
+                .mapToInt(t -> Integer.parseInt(t.substring(series.length() + 1))).findFirst().orElse(0);
+    }
+
+    /**
+     * The page of serve in headless Chromium, with 20 VMs: every VM the test started has a card whose
+     * charts draw points (CPU needs two passes: a share is a difference), the points and the picture
+     * change as the page polls, and the page asked nothing of anyone but serve.
+     */
+    @Test
+    void pageChartsEveryVmFromServeAlone() throws Exception {
+        assumeTrue(Files.isExecutable(HeadlessChromium.CHROMIUM),
+                "chromium is not installed (Debian package chromium): skipped");
+        try (JdkVm serial = new JdkVm("-XX:+UseSerialGC");
+             // 15 simulated VMs (this test's instance cluster 71): 20 VMs on the page with the fixture's.
+             Vmsim simulated = new Vmsim("--type", "instance", "--id", "71", "--slots", "15");
+             HeadlessChromium chromium = new HeadlessChromium()) {
+            String origin = url.substring(0, url.indexOf("/metrics"));
+            serial.awaitListed();
+            List<Integer> pids = new ArrayList<>(List.of(serial.pid(), jdk.pid(), (int) process.pid(),
+                    instance.slotPids()[0], instance.slotPids()[2]));
+            Arrays.stream(simulated.slotPids()).forEach(pids::add);
+            assertEquals(20, pids.stream().distinct().count(), pids.toString());
+
+            chromium.navigate(origin + "/");
+            Map<String, Map<String, String>> shown = new HashMap<>();
+            Spawned.until(40, "the page charting every VM of the test " + pids, () -> {
+                shown.put("first", cards(chromium));
+                return pids.stream().map(pid -> shown.get("first").get(Integer.toString(pid))).allMatch(card ->
+                        card != null && points(card, "cpu") >= 1 && points(card, "committed") >= 2);
+            });
+            String pointsBefore = chromium.evaluate(POINTS);
+            byte[] before = chromium.screenshot();
+            Thread.sleep(4500);  // two more polls (one every 2 s)
+            Map<String, String> later = cards(chromium);
+            assertFalse(pointsBefore.equals(chromium.evaluate(POINTS)), "the charts did not move: " + shown + later);
+            assertFalse(Arrays.equals(before, chromium.screenshot()), "two screenshots 4.5 s apart are the same");
+            for (int pid : pids) {
+                assertTrue(later.containsKey(Integer.toString(pid)), "no card for " + pid + ": " + later);
+            }
+            List<String> requests = chromium.requests();
+            assertTrue(requests.contains(origin + "/page.js") && requests.contains(origin + "/page.css"), requests.toString());
+            assertTrue(requests.stream().anyMatch(r -> r.startsWith(origin + "/api/vms")), requests.toString());
+            for (String request : requests) {
+                assertTrue(request.startsWith(origin + "/") || request.startsWith("data:"),
+                        "a request outside serve: " + request + " (all: " + requests + ")");
+            }
         }
     }
 }

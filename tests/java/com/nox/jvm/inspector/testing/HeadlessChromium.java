@@ -2,11 +2,14 @@ package com.nox.jvm.inspector.testing;
 
 import java.io.IOException;
 import java.net.URI;
+import java.net.URLDecoder;
 import java.net.http.HttpClient;
 import java.net.http.WebSocket;
+import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
+import java.util.Base64;
 import java.util.Comparator;
 import java.util.List;
 import java.util.Map;
@@ -28,7 +31,7 @@ import java.util.stream.Stream;
 public final class HeadlessChromium implements AutoCloseable {
     public static final Path CHROMIUM = Path.of("/usr/bin/chromium");
     private static final Pattern DEVTOOLS = Pattern.compile("DevTools listening on (ws://\\S+)");
-    private static final Pattern REQUEST_URL = Pattern.compile("\"request\":\\{\"url\":\"((?:[^\"\\\\]|\\\\.)*+)\"");
+    private static final Pattern REQUEST_URL = Pattern.compile("\"request\":\\{\"url\":\"([^\"]*)\"");
 
     private final Path profile;
     private final Spawned browser;
@@ -60,16 +63,20 @@ public final class HeadlessChromium implements AutoCloseable {
         call(sessionId, "Page.navigate", "{\"url\":\"" + url + "\"}");
     }
 
-    /** The value of a JavaScript expression that yields a string. */
+    /**
+     * The value of a JavaScript expression that yields a string. The expression travels in Base64
+     * and its value URI-encoded, so that neither needs JSON escapes.
+     */
     public String evaluate(String expression) throws Exception {
-        String answer = call(sessionId, "Runtime.evaluate",
-                "{\"expression\":" + quote(expression) + ",\"returnByValue\":true}");
-        return field(answer, "value");
+        String encoded = Base64.getEncoder().encodeToString(expression.getBytes(StandardCharsets.UTF_8));
+        String answer = call(sessionId, "Runtime.evaluate", "{\"expression\":\"encodeURIComponent(eval(atob('"
+                + encoded + "')))\",\"returnByValue\":true}");
+        return URLDecoder.decode(field(answer, "value"), StandardCharsets.UTF_8);
     }
 
     /** A PNG of the page as it is drawn now. */
     public byte[] screenshot() throws Exception {
-        return java.util.Base64.getDecoder().decode(field(call(sessionId, "Page.captureScreenshot", "{}"), "data"));
+        return Base64.getDecoder().decode(field(call(sessionId, "Page.captureScreenshot", "{}"), "data"));
     }
 
     /** The URL of every request the page has made so far. */
@@ -91,55 +98,14 @@ public final class HeadlessChromium implements AutoCloseable {
         return text;
     }
 
-    /** The string value of the first member named {@code name} (scanned by hand: a screenshot is megabytes). */
+    /** The value of the first member named {@code name}, a string without escapes (a screenshot is megabytes). */
     static String field(String json, String name) throws IOException {
         String key = "\"" + name + "\":\"";
         int start = json.indexOf(key);
         if (start < 0) {
             throw new IOException("no " + name + " in " + json);
         }
-        start += key.length();
-        int end = start;
-        while (end < json.length() && json.charAt(end) != '"') {
-            end += json.charAt(end) == '\\' ? 2 : 1;
-        }
-        return unquote(json.substring(start, Math.min(end, json.length())));
-    }
-
-    private static String unquote(String text) {
-        StringBuilder sb = new StringBuilder();
-        for (int i = 0; i < text.length(); i++) {
-            char c = text.charAt(i);
-            if (c != '\\') {
-                sb.append(c);
-                continue;
-            }
-            char next = text.charAt(++i);
-            switch (next) {
-                case 'n' -> sb.append('\n');
-                case 't' -> sb.append('\t');
-                case 'u' -> {
-                    sb.append((char) Integer.parseInt(text.substring(i + 1, i + 5), 16));
-                    i += 4;
-                }
-                default -> sb.append(next);
-            }
-        }
-        return sb.toString();
-    }
-
-    private static String quote(String text) {
-        StringBuilder sb = new StringBuilder("\"");
-        for (char c : text.toCharArray()) {
-            if (c == '"' || c == '\\') {
-                sb.append('\\').append(c);
-            } else if (c < 0x20) {
-                sb.append(String.format("\\u%04x", (int) c));
-            } else {
-                sb.append(c);
-            }
-        }
-        return sb.append('"').toString();
+        return json.substring(start + key.length(), json.indexOf('"', start + key.length()));
     }
 
     private final class Listener implements WebSocket.Listener {
@@ -160,7 +126,7 @@ public final class HeadlessChromium implements AutoCloseable {
                 } else if (message.contains("\"method\":\"Network.requestWillBeSent\"")) {
                     Matcher url = REQUEST_URL.matcher(message);
                     if (url.find()) {
-                        requests.add(unquote(url.group(1)));
+                        requests.add(url.group(1));
                     }
                 }
             }

@@ -47,7 +47,6 @@ public final class Spawned implements AutoCloseable {
         }
     }
 
-    /** Starts {@code command} with its standard error kept apart. */
     public Spawned(List<String> command) throws IOException {
         this(new ProcessBuilder(command));
     }
@@ -99,7 +98,6 @@ public final class Spawned implements AutoCloseable {
         in.flush();
     }
 
-    /** Closes the process's standard input. */
     public void closeInput() {
         try {
             in.close();

@@ -13,8 +13,8 @@ import java.util.concurrent.TimeUnit;
  * then removes its files, segment and semaphores) when closed, also when the test fails.
  * Instance-cluster ids are global to the host and test classes run in parallel, so each class
  * has its own: the cluster-natives tests 80 to 83, the command-line tests 84 to 89, the fleet view
- * 54 (ServeTest), 55 (PrometheusScrapeTest), 56 and 57 (WatchTest), 59 (ProfilingClusterNativesTest),
- * 71 (PageBrowserTest); the fleet benchmark uses 58.
+ * 54 and 71 (ServeTest), 55 (PrometheusScrapeTest), 56 and 57 (WatchTest), 59
+ * (ProfilingClusterNativesTest); the fleet benchmark uses 58.
  * Every wait is bounded by {@link #WAIT_SECONDS}, so that a VM that does not react fails its test
  * with a message instead of hanging until CTest kills it (and the test still ends the VM).
  */
