@@ -164,13 +164,32 @@ TEST(ControlAreaManager, ExitRequestEndsOneVmOfAnInstanceCluster) {
     EXPECT_NE(nullptr, manager.get_control_area(0, true));
 }
 
-TEST(ClusterDiscovery, ListsWhatIsPublishedInOrderUntilItEnds) {
+// Every published cluster is listed with what its header says (an id of 99 never is; an instance
+// cluster only while its attach count, less the slots of ended VMs, is above 0), instances
+// first, in ascending id, behind what the list held; and nothing once the VMs have ended.
+TEST(ClusterDiscovery, ListsLiveClustersInOrderUntilTheyEnd) {
+    struct Case {
+        std::vector<std::string> args;
+        bool listed;
+    };
+    const Case instances[] = {
+        {{"--id", "31", "--width", "32"}, true},
+        {{"--id", "33", "--slots", "2"}, true},
+        {{"--id", "99"}, false},  // a good cluster, but id 99 is never listed
+        {{"--id", "35", "--slots", "2", "--live", "none", "--dead", "0,1", "--attach-count", "2"}, false},
+        {{"--id", "36", "--slots", "2", "--live", "0", "--dead", "1", "--attach-count", "2"}, true},
+        {{"--id", "37", "--attach-count", "0"}, false},  // a live VM, but the count decides
+        {{"--id", "38", "--live", "none", "--attach-count", "1"}, true},  // a free slot subtracts nothing
+    };
     std::vector<ClusterInfo_CL> expected;
     {
+        std::vector<std::unique_ptr<Vmsim>> vms;
+        for (const Case& c : instances) {
+            std::vector<std::string> args = {"--type", "instance"};
+            args.insert(args.end(), c.args.begin(), c.args.end());
+            vms.push_back(std::make_unique<Vmsim>(args));
+        }
         Vmsim process({"--type", "process", "--width", "32"});
-        Vmsim later({"--type", "instance", "--id", "33", "--slots", "2"});
-        Vmsim earlier({"--type", "instance", "--id", "31", "--width", "32"});
-        Vmsim never({"--type", "instance", "--id", "99"});  // a good cluster, but id 99 is never listed
         Vmsim wrong_eye({"--type", "process", "--eyecatcher", "0x12345678"});
         Vmsim wrong_major({"--type", "process", "--version", version(4, 17, true)});
         Vmsim two_slots({"--type", "process", "--max-vm-nr", "2"});  // listed whatever its slot count
@@ -184,14 +203,15 @@ TEST(ClusterDiscovery, ListsWhatIsPublishedInOrderUntilItEnds) {
         found.push_back(ClusterInfo_CL(false, 12, CLUSTER_TYPE_UNKNOWN, 12345));  // kept: the list is appended to
         std::vector<ClusterInfo_CL> list = running_clusters(found);
         EXPECT_EQ(ClusterInfo_CL(false, 12, CLUSTER_TYPE_UNKNOWN, 12345), list[0]);
+        for (size_t i = 0; i < vms.size(); i++) {
+            EXPECT_EQ(instances[i].listed, index_of(list, CLUSTER_TYPE_INSTANCE, vms[i]->id()) != -1) << vms[i]->id();
+        }
         for (const ClusterInfo_CL& e : expected) {
             int i = index_of(list, e._type, e._id);
             ASSERT_GT(i, 0) << e._id;
             EXPECT_EQ(e, list[i]);
         }
-        EXPECT_EQ(-1, index_of(list, CLUSTER_TYPE_INSTANCE, 99));
-        EXPECT_TRUE(ControlAreaManager_CL(cluster_of(never)).is_valid());
-        // Every instance entry comes before every process entry, in ascending id.
+        EXPECT_TRUE(ControlAreaManager_CL(cluster_of(*vms[2])).is_valid());  // id 99 is a good cluster
         bool in_processes = false;
         int last_id = -1;
         for (size_t i = 1; i < list.size(); i++) {
@@ -205,26 +225,4 @@ TEST(ClusterDiscovery, ListsWhatIsPublishedInOrderUntilItEnds) {
     J2SE::cvector<ClusterInfo_CL> found;
     std::vector<ClusterInfo_CL> list = running_clusters(found);
     for (const ClusterInfo_CL& e : expected) EXPECT_EQ(-1, index_of(list, e._type, e._id)) << e._id;
-}
-
-TEST(ClusterDiscovery, LiveCountDiscountsSlotsOfEndedVms) {
-    struct Case {
-        int id;
-        std::vector<std::string> args;
-        bool listed;
-    } cases[] = {
-        {35, {"--slots", "2", "--live", "none", "--dead", "0,1", "--attach-count", "2"}, false},  // both ended
-        {36, {"--slots", "2", "--live", "0", "--dead", "1", "--attach-count", "2"}, true},        // one of two alive
-        {37, {"--attach-count", "0"}, false},                             // a live VM, but the count decides
-        {38, {"--live", "none", "--attach-count", "1"}, true},            // a free slot subtracts nothing
-    };
-    std::vector<std::unique_ptr<Vmsim>> vms;
-    for (const Case& c : cases) {
-        std::vector<std::string> args = {"--type", "instance", "--id", std::to_string(c.id)};
-        args.insert(args.end(), c.args.begin(), c.args.end());
-        vms.push_back(std::make_unique<Vmsim>(args));
-    }
-    J2SE::cvector<ClusterInfo_CL> found;
-    std::vector<ClusterInfo_CL> list = running_clusters(found);
-    for (const Case& c : cases) EXPECT_EQ(c.listed, index_of(list, CLUSTER_TYPE_INSTANCE, c.id) != -1) << c.id;
 }

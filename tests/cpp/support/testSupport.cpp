@@ -9,7 +9,10 @@
 #include <fstream>
 #include <signal.h>
 #include <stdexcept>
+#include <sys/ipc.h>
 #include <sys/mman.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -91,6 +94,41 @@ bool path_exists(const std::string& path) {
 
 int private_ipc_key(int n) {
     return 0x6e000000 + (static_cast<int>(getpid()) % 0x100000) * 16 + n;
+}
+
+TestSegment::TestSegment(int key, const std::vector<unsigned char>& bytes) : _id(-1), _errno(0) {
+    _id = shmget(key, bytes.size(), IPC_CREAT | IPC_EXCL | 0600);
+    if (_id == -1 && errno == EEXIST) {
+        int stale = shmget(key, 0, 0);
+        struct shmid_ds ds;
+        if (stale != -1 && shmctl(stale, IPC_STAT, &ds) == 0 && ds.shm_nattch == 0) shmctl(stale, IPC_RMID, nullptr);
+        _id = shmget(key, bytes.size(), IPC_CREAT | IPC_EXCL | 0600);
+    }
+    _errno = _id == -1 ? errno : 0;
+    void* address = _id == -1 ? nullptr : shmat(_id, nullptr, 0);
+    if (address == nullptr || address == reinterpret_cast<void*>(-1)) return;
+    memcpy(address, bytes.data(), bytes.size());
+    shmdt(address);
+}
+
+TestSegment::~TestSegment() {
+    if (_id != -1) shmctl(_id, IPC_RMID, nullptr);
+}
+
+std::string TestSegment::error() const {
+    return strerror(_errno);
+}
+
+TestSemaphore::TestSemaphore(int key, int value) : _id(semget(key, 1, IPC_CREAT | IPC_EXCL | 0600)) {
+    if (_id >= 0) semctl(_id, 0, SETVAL, value);
+}
+
+TestSemaphore::~TestSemaphore() {
+    if (_id >= 0) semctl(_id, 0, IPC_RMID);
+}
+
+int TestSemaphore::value() const {
+    return semctl(_id, 0, GETVAL);
 }
 
 namespace {

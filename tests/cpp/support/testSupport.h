@@ -79,6 +79,36 @@ public:
 // small per-test number, far from the key ranges of instance clusters and VM events.
 int private_ipc_key(int n);
 
+// A System V segment holding `bytes` under `key`, removed when the object goes. A segment that a
+// killed earlier run left under the key is removed first, when nobody is attached to it.
+class TestSegment {
+public:
+    TestSegment(int key, const std::vector<unsigned char>& bytes);
+    ~TestSegment();
+    TestSegment(const TestSegment&) = delete;
+    TestSegment& operator=(const TestSegment&) = delete;
+    bool ok() const { return _id != -1; }
+    std::string error() const;  // why shmget refused
+
+private:
+    int _id;
+    int _errno;
+};
+
+// A set of one semaphore of `value` under `key`, as a VM makes its event; removed when the object goes.
+class TestSemaphore {
+public:
+    TestSemaphore(int key, int value);
+    ~TestSemaphore();
+    TestSemaphore(const TestSemaphore&) = delete;
+    TestSemaphore& operator=(const TestSemaphore&) = delete;
+    int id() const { return _id; }
+    int value() const;
+
+private:
+    int _id;
+};
+
 // Mappings of this process (lines of /proc/self/maps) whose range starts at `address`.
 int mapping_count(const void* address);
 // The path of the mapping of this process that contains `address`: "" for anonymous memory,
