@@ -133,21 +133,23 @@ int TestSemaphore::value() const {
 
 namespace {
 
-// The mapping of this process (a line of /proc/self/maps) that `test` accepts, by its start,
-// end and path; its path, or "-" when there is none.
+// The mapping of this process (a line of /proc/self/maps) that `test` accepts, by its start and
+// end; its path ("-" when there is none) or, with `permissions`, its permissions.
 template <typename Test>
-std::string find_mapping(Test test, int* count) {
+std::string find_mapping(Test test, int* count, bool permissions = false) {
     std::ifstream maps("/proc/self/maps");
     std::string line;
     std::string found = "-";
     while (std::getline(maps, line)) {
         unsigned long long begin = 0, end = 0;
+        char perms[5] = {0};
         int consumed = 0;
-        if (sscanf(line.c_str(), "%llx-%llx %*s %*s %*s %*s%n", &begin, &end, &consumed) < 2) continue;
+        if (sscanf(line.c_str(), "%llx-%llx %4s %*s %*s %*s%n", &begin, &end, perms, &consumed) < 3) continue;
         size_t path = line.find_first_not_of(' ', static_cast<size_t>(consumed));
         if (!test(static_cast<uintptr_t>(begin), static_cast<uintptr_t>(end))) continue;
         if (count != nullptr) ++*count;
-        if (found == "-") found = path == std::string::npos ? "" : line.substr(path);
+        if (found != "-") continue;
+        found = permissions ? perms : path == std::string::npos ? "" : line.substr(path);
     }
     return found;
 }
@@ -164,6 +166,11 @@ int mapping_count(const void* address) {
 std::string mapping_path(const void* address) {
     uintptr_t a = reinterpret_cast<uintptr_t>(address);
     return find_mapping([a](uintptr_t begin, uintptr_t end) { return begin <= a && a < end; }, nullptr);
+}
+
+std::string mapping_permissions(const void* address) {
+    uintptr_t a = reinterpret_cast<uintptr_t>(address);
+    return find_mapping([a](uintptr_t begin, uintptr_t end) { return begin <= a && a < end; }, nullptr, true);
 }
 
 std::string command_output(const std::string& command) {

@@ -114,6 +114,8 @@ int mapping_count(const void* address);
 // The path of the mapping of this process that contains `address`: "" for anonymous memory,
 // "-" when nothing is mapped there.
 std::string mapping_path(const void* address);
+// The permissions of the mapping that contains `address`, as /proc/self/maps shows them ("rw-s").
+std::string mapping_permissions(const void* address);
 
 // The 32-bit value at `offset` of the file at `path`, read with pread; -1 when it cannot be read.
 int32_t file_int32(const std::string& path, off_t offset);

@@ -8,7 +8,7 @@
 //   31-38, 99  test_control_manager.cpp   ClusterDiscovery.*
 //   50         test_control_hostile.cpp   HostileBlocks.MutatedHeadersThroughARealSegmentAndARealFile
 //   51-53      test_host_pass.cpp         HostPass.*
-//   65         test_vmsim_board.cpp       VmsimBoard.InstanceClusterPublishesOneBoardAndServerPerLiveVm
+//   65         test_vmsim_board.cpp       VmsimBoard.*
 // Process clusters need no table: their id is vmsim's own pid.
 #ifndef NOX_TESTS_VMSIM_PROCESS_H
 #define NOX_TESTS_VMSIM_PROCESS_H
