@@ -32,11 +32,6 @@ namespace {
 
 const std::chrono::seconds WAIT_LIMIT(10);
 
-std::string unique_path(const std::string& tag) {
-    static std::atomic<int> counter{0};
-    return "/tmp/noxfs_race_" + std::to_string(getpid()) + "_" + tag + "_" + std::to_string(++counter);
-}
-
 int open_descriptors() {
     DIR* dir = opendir("/proc/self/fd");
     if (dir == nullptr) return -1;
@@ -71,45 +66,6 @@ void await(const std::function<bool()>& condition, const char* what) {
     }
 }
 
-int rounds(int normal) {
-    const char* text = getenv("NOX_RACE_ROUNDS");
-    return text != nullptr && atoi(text) > 0 ? atoi(text) : normal;
-}
-
-}  // namespace
-
-namespace {
-
-// Plain memory standing in for a pinned Java array.
-class PlainPin : public J2SE::PinnedBuffer {
-public:
-    explicit PlainPin(char* bytes) : _bytes(bytes) {}
-    char* pin() override { return _bytes; }
-    void unpin() override {}
-
-private:
-    char* _bytes;
-};
-
-// A server with backlog 1 whose listen queue is full: a further connect waits.
-struct FullQueue {
-    noxtest::ScopedPath path{unique_path("queue")};
-    ExceptionHandler handler;
-    FileSocket server{handler};
-    std::vector<FileSocket*> queued;
-
-    FullQueue() {
-        server.bind(path.c_str(), 1, false, handler);
-        for (int i = 0; i < 64 && !handler.time_out_occured(); i++) {
-            queued.push_back(FileSocket::create(handler));
-            queued.back()->connect(path.c_str(), 20, handler);
-        }
-    }
-    ~FullQueue() {
-        for (FileSocket* s : queued) FileSocket::destroy(s);
-    }
-};
-
 // One cycle: `block` runs on its own thread until a close of `socket` releases it; the close
 // runs when the thread is registered in the socket's system call.
 void close_while_blocked(FileSocket& socket, const std::function<void()>& block, const char* what) {
@@ -132,17 +88,17 @@ void close_while_blocked(FileSocket& socket, const std::function<void()>& block,
 // thread, with a failure (-1 for readf), and no descriptor is left behind. The close comes when
 // the thread is registered in the call: before it has made the system call or inside it.
 TEST(FileSocketRaces, CloseReleasesEveryBlockedCall) {
-    FullQueue full;
-    ASSERT_TRUE(full.handler.time_out_occured()) << "the listen queue never filled";
+    noxtest::FullQueue full;
+    ASSERT_TRUE(full.full()) << "the listen queue never filled";
     const int before = open_descriptors();
-    noxtest::ScopedPath path(unique_path("blocked"));
+    noxtest::ScopedPath path(noxtest::socket_path("blocked"));
     ExceptionHandler setup;
     FileSocket server(setup);
     server.bind(path.c_str(), 0, false, setup);
     std::vector<char> chunk(64 * 1024, 'w');
     char byte;
-    PlainPin pin(&byte);
-    PlainPin chunk_pin(chunk.data());
+    noxtest::TestPin pin(&byte);
+    noxtest::TestPin chunk_pin(chunk.data());
     // What each kind does on its socket; true when the call came back as a failure.
     using Call = std::function<bool(FileSocket&, ExceptionHandler&)>;
     struct Kind {
@@ -163,13 +119,13 @@ TEST(FileSocketRaces, CloseReleasesEveryBlockedCall) {
         {"send_pinned", true,
          [&](FileSocket& s, ExceptionHandler& h) { return s.send_pinned(chunk_pin, size, 0, h) < size && h.has_thrown(); }},
     };
-    for (int cycle = 0; cycle < rounds(2000); cycle++) {
+    for (int cycle = 0; cycle < noxtest::race_rounds(2000); cycle++) {
         const int kind = cycle % (static_cast<int>(kinds.size()) + 3);
         bool failed = false;
         ExceptionHandler released;
         if (kind >= static_cast<int>(kinds.size())) {
             // accept on a listening socket of its own, or connect to the full queue.
-            noxtest::ScopedPath own(unique_path("accept"));
+            noxtest::ScopedPath own(noxtest::socket_path("accept"));
             FileSocket socket(setup);
             int what = kind - static_cast<int>(kinds.size());
             if (what == 0) socket.bind(own.c_str(), 0, false, setup);
@@ -188,10 +144,7 @@ TEST(FileSocketRaces, CloseReleasesEveryBlockedCall) {
             client.connect(path.c_str(), 0, setup);
             FileSocket* accepted = server.accept(0, false, setup);
             ASSERT_FALSE(setup.has_thrown()) << setup.message().c_str();
-            if (kinds[kind].fill) {
-                while (send(client.socket_fd(), chunk.data(), chunk.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
-                }
-            }
+            if (kinds[kind].fill) noxtest::fill(client);
             close_while_blocked(client, [&] { failed = kinds[kind].call(client, released); }, kinds[kind].what);
             EXPECT_TRUE(failed) << kinds[kind].what << ", cycle " << cycle;
             FileSocket::destroy(accepted);
@@ -206,11 +159,11 @@ TEST(FileSocketRaces, CloseReleasesEveryBlockedCall) {
 // which take the lowest free numbers. R must come back with -1 and must not have read from a
 // pipe that got its socket's old number.
 TEST(FileSocketRaces, ReleasedReaderNeverTouchesAReusedNumber) {
-    noxtest::ScopedPath path(unique_path("reuse"));
+    noxtest::ScopedPath path(noxtest::socket_path("reuse"));
     ExceptionHandler setup;
     FileSocket server(setup);
     server.bind(path.c_str(), 0, false, setup);
-    for (int round = 0; round < rounds(300); round++) {
+    for (int round = 0; round < noxtest::race_rounds(300); round++) {
         FileSocket client(setup);
         client.connect(path.c_str(), 0, setup);
         FileSocket* accepted = server.accept(0, false, setup);
@@ -247,8 +200,8 @@ TEST(FileSocketRaces, ReleasedReaderNeverTouchesAReusedNumber) {
 // number, a second close returns only when the first has finished, and a registration that
 // comes after the close is refused.
 TEST(FileSocketRaces, CloseWaitsForCallersAndForTheFirstCloser) {
-    for (int round = 0; round < rounds(50); round++) {
-        noxtest::ScopedPath path(unique_path("registry"));
+    for (int round = 0; round < noxtest::race_rounds(50); round++) {
+        noxtest::ScopedPath path(noxtest::socket_path("registry"));
         ExceptionHandler setup;
         FileSocket server(setup);
         server.bind(path.c_str(), 0, false, setup);

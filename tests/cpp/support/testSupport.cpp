@@ -1,5 +1,6 @@
 #include "testSupport.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -7,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdexcept>
 #include <sys/ipc.h>
@@ -205,6 +207,40 @@ GuardedBytes::GuardedBytes(size_t size) : _size(size) {
 
 GuardedBytes::~GuardedBytes() {
     munmap(_mapping, _mapping_size);
+}
+
+std::string socket_path(const std::string& tag) {
+    static std::atomic<int> counter{0};
+    return "/tmp/noxfs_cpp_" + std::to_string(getpid()) + "_" + tag + "_" + std::to_string(++counter);
+}
+
+FullQueue::FullQueue() {
+    server.bind(path.c_str(), 1, false, handler);
+    for (int i = 0; i < 64 && !handler.time_out_occured(); i++) {
+        queued.push_back(J2SE::FileSocket::create(handler));
+        queued.back()->connect(path.c_str(), 20, handler);
+    }
+}
+
+FullQueue::~FullQueue() {
+    for (J2SE::FileSocket* s : queued) J2SE::FileSocket::destroy(s);
+}
+
+void fill(const J2SE::FileSocket& socket) {
+    std::vector<char> chunk(64 * 1024, 'f');
+    while (send(socket.socket_fd(), chunk.data(), chunk.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+    }
+}
+
+char* TestPin::pin() {
+    EXPECT_FALSE(_pinned) << "pinned twice without unpin";
+    _pinned = true;
+    return _bytes;
+}
+
+int race_rounds(int normal) {
+    const char* text = getenv("NOX_RACE_ROUNDS");
+    return text != nullptr && atoi(text) > 0 ? atoi(text) : normal;
 }
 
 }  // namespace noxtest

@@ -3,6 +3,7 @@
 #ifndef NOX_TESTS_TEST_SUPPORT_H
 #define NOX_TESTS_TEST_SUPPORT_H
 
+#include "fileSocket.h"
 #include "traceOutput.h"
 
 #include <cstdint>
@@ -140,6 +141,40 @@ private:
     unsigned char* _data;
     size_t _size;
 };
+
+// A path under /tmp for a file socket that no other test or test process uses.
+std::string socket_path(const std::string& tag);
+
+// A file-socket server of backlog 1 whose listen queue is full: a further connect waits.
+struct FullQueue {
+    ScopedPath path{socket_path("queue")};
+    J2SE::ExceptionHandler handler;
+    J2SE::FileSocket server{handler};
+    std::vector<J2SE::FileSocket*> queued;
+
+    FullQueue();
+    ~FullQueue();
+    bool full() const { return handler.time_out_occured(); }
+};
+
+// Fills the socket's send buffer and the peer's receive buffer: nobody reads the peer.
+void fill(const J2SE::FileSocket& socket);
+
+// Plain memory standing in for a pinned Java array; checks that each pin is let go before the next.
+class TestPin : public J2SE::PinnedBuffer {
+public:
+    explicit TestPin(char* bytes) : _bytes(bytes) {}
+    char* pin() override;
+    void unpin() override { _pinned = false; }
+    bool pinned() const { return _pinned; }
+
+private:
+    char* _bytes;
+    bool _pinned = false;
+};
+
+// The rounds of a race test: `normal`, or NOX_RACE_ROUNDS when that is set.
+int race_rounds(int normal);
 
 }  // namespace noxtest
 
