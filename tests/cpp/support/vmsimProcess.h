@@ -4,7 +4,7 @@
 //
 // Instance-cluster ids are global to the host and ctest runs test cases in parallel, so every
 // test case that publishes an instance cluster uses ids of its own:
-//   10-16, 20  test_control_manager.cpp   ControlAreaHeader.*, ControlAreaManager.*
+//   10-16      test_control_manager.cpp   ControlAreaHeader.*, ControlAreaManager.*
 //   31-38, 99  test_control_manager.cpp   ClusterDiscovery.*
 //   50         test_control_hostile.cpp   HostileBlocks.MutatedHeadersThroughARealSegmentAndARealFile
 //   51-53      test_host_pass.cpp         HostPass.*
