@@ -29,7 +29,10 @@ import java.util.Map;
 
 import org.junit.jupiter.api.Test;
 
-/** The agent's parts one by one: options, /proc parsing, collectors, requests, files, the server. */
+/**
+ * The agent's parts one by one, for what a whole VM with the agent (the CLI's agent test) does
+ * not reach: options, /proc parsing, texts, requests, damaged files, the refresh, the server.
+ */
 class AgentPartsTest {
     private static final int EUID = ProcSelf.userId(1);
     private static final long PID = ProcessHandle.current().pid();
@@ -54,28 +57,6 @@ class AgentPartsTest {
         assertEquals(new ProcSelf.CpuTimes(-1, -1), ProcSelf.parseStat("4711 no parenthesis"));
         assertEquals(new ProcSelf.CpuTimes(-1, -1), ProcSelf.parseStat("4711 (short) S 1 2"));
         assertEquals(new ProcSelf.CpuTimes(-1, -1), ProcSelf.parseStat("4711 (x) S 1 2 3 4 5 6 7 8 9 10 u s"));
-    }
-
-    @Test
-    void readingsOfThisVmAreSane() throws IOException {
-        try (ProcSelf proc = new ProcSelf()) {
-            MxReadings readings = new MxReadings(proc);
-            MxReadings.Figures f = new MxReadings.Figures();
-            readings.read(f);
-            assertTrue(f.heapCommitted > 0 && f.heapUsed > 0 && f.heapUsed <= f.heapCommitted);
-            assertEquals(Runtime.getRuntime().maxMemory(), f.heapMax);
-            assertTrue(f.metaspaceCommitted > 0 && f.codeCacheCommitted > 0);
-            assertTrue(f.processCpuMillis > 0 && f.userMillis >= 0 && f.systemMillis >= 0);
-            assertFalse(readings.collectorKinds().isEmpty());
-        }
-    }
-
-    @Test
-    void flagsAreWrittenAsTheVmWritesThem() {
-        // This VM's collector is chosen by ergonomics or the command line, never a default.
-        String flags = VmFlags.nonDefault();
-        assertTrue(flags.matches(".*-XX:\\+Use(Serial|Parallel|G1|Z|Shenandoah)GC.*"), flags);
-        assertTrue(flags.contains("-XX:MaxHeapSize="), flags);
     }
 
     private static ByteBuffer block() {

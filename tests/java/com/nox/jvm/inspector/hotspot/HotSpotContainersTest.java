@@ -189,6 +189,9 @@ class HotSpotContainersTest {
             assertEquals(List.of(1, quiet.hostPid), List.of(found.namespacePid(), found.pid()));
             assertEquals(JdkVm.MAIN_CLASS, found.mainClass());
             assertEquals(USER, found.user());
+            long started = ProcessHandle.of(quiet.hostPid).orElseThrow().info().startInstant().orElseThrow()
+                    .getEpochSecond();
+            assertTrue(Math.abs(found.processStartSeconds() - started) <= 1, found.toString());
             assertEquals(Optional.empty(), pass.figures(quiet.hostPid));
             assertEquals(Optional.empty(), pass.withoutPerfData(quiet.sleeperHostPid), "sleep is no VM");
         }
