@@ -299,7 +299,8 @@ class FileSocketTest {
         FileSocketImpl s = c[1];
         byte[] small = new byte[8];
         Executable[] outsideTheArray = {
-            () -> s.read0(small, 4, 5, 0), () -> s.write0(small, -1, 2, 0), () -> s.write0(small, 1, Integer.MAX_VALUE, 0),
+            () -> s.read0(small, 4, 5, 0), () -> s.write0(small, -1, 2, 0),
+            () -> s.write0(small, 1, Integer.MAX_VALUE, 0),
             () -> s.receive0(small, 4, 5, 1000), () -> s.receiveArray0(small, 4, 5000, 1000),
             () -> s.sendArray0(small, 4, 5000, 1000),
         };
