@@ -1,5 +1,7 @@
 package com.nox.jvm.inspector.cli;
 
+import com.nox.jvm.inspector.testing.Spawned;
+
 import java.io.IOException;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
@@ -40,6 +42,79 @@ final class Launcher {
 
     static String buildDir() {
         return System.getProperty("nox.build.dir", "build/release");
+    }
+
+    /** Starts a command that runs until it is ended (serve, watch, top), as a user would start it. */
+    static Spawned start(String... args) throws IOException {
+        List<String> command = new ArrayList<>(List.of(System.getProperty("nox.launcher", "tools/noxinspect")));
+        command.addAll(Arrays.asList(args));
+        ProcessBuilder builder = new ProcessBuilder(command);
+        builder.environment().put("NOX_BUILD_DIR", buildDir());
+        return new Spawned(builder);
+    }
+
+    /** The URL of the metrics that a started {@code serve} prints, once it listens. */
+    static String metricsUrl(Spawned serve) throws InterruptedException {
+        String line = serve.await("http://", 20);
+        return line.substring(line.indexOf("http://")).trim();
+    }
+
+    /** Each element of the JSON array {@code array} whose pid is {@code pid}, its members without the prefix. */
+    static List<Map<String, String>> entries(Map<String, String> flat, String array, long pid) {
+        List<Map<String, String>> found = new ArrayList<>();
+        for (int i = 0; flat.containsKey(array + "." + i + ".pid"); i++) {
+            if (flat.get(array + "." + i + ".pid").equals(Long.toString(pid))) {
+                found.add(members(flat, array + "." + i + "."));
+            }
+        }
+        return found;
+    }
+
+    /** The one VM of a flattened list with this pid; fails when there is none or more than one. */
+    static Map<String, String> vm(Map<String, String> flat, long pid) {
+        List<Map<String, String>> found = entries(flat, "vms", pid);
+        if (found.size() != 1) {
+            throw new AssertionError(found.size() + " VMs with pid " + pid + " in " + flat);
+        }
+        return found.get(0);
+    }
+
+    /** The members under {@code prefix}, without it. */
+    static Map<String, String> members(Map<String, String> flat, String prefix) {
+        Map<String, String> inner = new LinkedHashMap<>();
+        flat.forEach((k, v) -> {
+            if (k.startsWith(prefix)) {
+                inner.put(k.substring(prefix.length()), v);
+            }
+        });
+        return inner;
+    }
+
+    /** The whitespace-separated cells of the table row whose third cell is this pid; null when none. */
+    static String[] row(String out, long pid) {
+        for (String line : out.split("\n")) {
+            String[] cells = line.trim().split("\\s+");
+            if (cells.length >= 3 && cells[2].equals(Long.toString(pid))) {
+                return cells;
+            }
+        }
+        return null;
+    }
+
+    /** Runs the command with --json and flattens its output; fails unless it ends with status 0. */
+    static Map<String, String> json(String... args) throws IOException, InterruptedException {
+        List<String> all = new ArrayList<>(List.of("--json"));
+        all.addAll(Arrays.asList(args));
+        Result r = run(all.toArray(String[]::new));
+        if (r.exitCode() != 0) {
+            throw new AssertionError(all + "\n" + r);
+        }
+        return flatJson(r.out());
+    }
+
+    /** A JSON string as flatJson gives it. */
+    static String q(String text) {
+        return "\"" + text + "\"";
     }
 
     /**
@@ -85,7 +160,7 @@ final class Launcher {
         return exec(command, Map.of(), json).exitCode() == 0;
     }
 
-    private static Result exec(List<String> command, Map<String, String> environment, String input)
+    static Result exec(List<String> command, Map<String, String> environment, String input)
             throws IOException, InterruptedException {
         Path out = Files.createTempFile("noxinspect-test", ".out");
         Path err = Files.createTempFile("noxinspect-test", ".err");

@@ -4,17 +4,15 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
 import static org.junit.jupiter.api.Assertions.assertThrows;
 import static org.junit.jupiter.api.Assertions.assertTrue;
-import static org.junit.jupiter.api.Assertions.fail;
 
 import com.nox.jvm.inspector.attach.AttachClient;
 import com.nox.jvm.inspector.attach.AttachException;
 import com.nox.jvm.inspector.attach.CommandReply;
 import com.nox.jvm.inspector.testing.JdkVm;
+import com.nox.jvm.inspector.testing.Spawned;
 
-import java.io.BufferedReader;
 import java.io.IOException;
 import java.io.InputStream;
-import java.io.InputStreamReader;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -28,19 +26,18 @@ import java.util.concurrent.ExecutionException;
 import java.util.concurrent.TimeUnit;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
+import java.util.stream.Stream;
 
 import org.junit.jupiter.api.Test;
 
 /**
  * {@code noxinspect jcmd} and its shortcuts against the JDK's own {@code jcmd}, on real JDK 17 VMs
  * started by the test: the same output after jcmd's "PID:" line and the same exit status; a VM
- * that disabled attach (a VM in its own namespaces is the containers test's); {@code attach} refusing a mistyped agent option before anything reaches the VM; and the Java API
- * of the attach client beneath them: the reply streamed, a VM that stops answering, and one that
- * ends while the client waits for its listener.
+ * that disabled attach, to jcmd and to {@code attach} (a VM in its own namespaces is the containers
+ * test's); and the Java API of the attach client beneath them: the reply streamed, a VM that stops
+ * answering, and one that ends while the client waits for its listener.
  */
 class NoxinspectJcmdTest {
-    private static final String JAVA = Path.of(System.getProperty("java.home"), "bin", "java").toString();
-
     /** How two outputs must agree. */
     enum Agreement {
         SAME,
@@ -179,38 +176,14 @@ class NoxinspectJcmdTest {
                 assertEquals(1, r.exitCode(), options + "\n" + r);
                 assertTrue(r.err().contains("does not accept attach requests (it runs with "
                         + "-XX:+DisableAttachMechanism): not signalled"), options + "\n" + r);
+                Launcher.Result attach = Launcher.run("attach", Integer.toString(vm.pid()));
+                assertEquals(1, attach.exitCode(), attach.toString());
+                assertTrue(attach.err().contains("VM pid " + vm.pid() + " does not accept attach requests"),
+                        attach.toString());
                 assertFalse(Files.exists(Path.of("/tmp/.java_pid" + vm.pid())), options.toString());
+                assertTrue(vm.process().process().isAlive(), "a VM that refuses the attach runs on");
             }
         }
-    }
-
-    @Test
-    void attachRefusesAMistypedOptionBeforeAnythingReachesTheVm() throws Exception {
-        Path stderr = Files.createTempFile("attach-target", ".err");
-        Process vm = new ProcessBuilder(JAVA, "-cp", JdkVm.testClasses(), JdkVm.MAIN_CLASS)
-                .redirectError(stderr.toFile()).start();
-        try {
-            String ready = new BufferedReader(new InputStreamReader(vm.getInputStream(), StandardCharsets.UTF_8)).readLine();
-            assertEquals("READY " + vm.pid(), ready);
-            Launcher.Result r = Launcher.run("attach", Long.toString(vm.pid()), "refresh=500,pol=20");
-            assertEquals(2, r.exitCode(), r.toString());
-            assertTrue(r.err().contains("unknown agent option 'pol'"), r.toString());
-            assertFalse(r.err().contains("\tat "), r.toString());
-            assertFalse(Files.exists(Path.of("/tmp/.java_pid" + vm.pid())), "the VM was attached");
-
-            Launcher.Result good = Launcher.run("attach", Long.toString(vm.pid()), "refresh=500,poll=20");
-            assertEquals(0, good.exitCode(), good.toString());
-            assertEquals("", Files.readString(stderr), "the VM's own standard error");
-        } finally {
-            vm.destroyForcibly().waitFor(5, TimeUnit.SECONDS);
-            Files.deleteIfExists(stderr);
-            Files.deleteIfExists(Path.of("/tmp/nox_jvm_" + uid() + "_" + vm.pid()));
-            Files.deleteIfExists(Path.of("/tmp/nox_jvm_profiling_server_" + uid() + "_" + vm.pid()));
-        }
-    }
-
-    private static int uid() throws IOException {
-        return (Integer) Files.getAttribute(Path.of("/proc/self/"), "unix:uid");
     }
 
     private static void signal(int pid, String signal) throws IOException, InterruptedException {
@@ -218,41 +191,18 @@ class NoxinspectJcmdTest {
     }
 
     /** Stops the VM and waits until every one of its threads has stopped (a stop is not immediate). */
-    private static void stop(int pid) throws IOException, InterruptedException {
+    private static void stop(int pid) throws Exception {
         signal(pid, "STOP");
-        Path tasks = Path.of("/proc", Integer.toString(pid), "task");
-        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(10);
-        while (true) {
-            boolean all = true;
-            try (java.util.stream.Stream<Path> list = Files.list(tasks)) {
-                for (Path task : list.toList()) {
-                    all &= Files.readString(task.resolve("status")).contains("\nState:\tT");
+        Spawned.until(10, "VM pid " + pid + " stopping", () -> {
+            try (Stream<Path> tasks = Files.list(Path.of("/proc", Integer.toString(pid), "task"))) {
+                for (Path task : tasks.toList()) {
+                    if (!Files.readString(task.resolve("status")).contains("\nState:\tT")) {
+                        return false;
+                    }
                 }
             }
-            if (all) {
-                return;
-            }
-            if (System.nanoTime() - deadline > 0) {
-                fail("VM pid " + pid + " did not stop");
-            }
-            Thread.sleep(2);
-        }
-    }
-
-    /** Where the client put the trigger file of {@code pid}: the VM's working folder or /tmp. */
-    private static Path awaitTrigger(int pid) throws InterruptedException {
-        String name = ".attach_pid" + pid;
-        List<Path> places = List.of(Path.of(System.getProperty("user.dir"), name), Path.of("/tmp", name));
-        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(10);
-        while (System.nanoTime() - deadline < 0) {
-            for (Path p : places) {
-                if (Files.exists(p)) {
-                    return p;
-                }
-            }
-            Thread.sleep(5);
-        }
-        return fail("no trigger file " + name + " appeared");
+            return true;
+        });
     }
 
     @Test
@@ -266,7 +216,11 @@ class NoxinspectJcmdTest {
                     throw new java.util.concurrent.CompletionException(e);
                 }
             });
-            Path trigger = awaitTrigger(vm.pid());
+            // The client puts the trigger file into the VM's working folder or /tmp.
+            String name = ".attach_pid" + vm.pid();
+            List<Path> places = List.of(Path.of(System.getProperty("user.dir"), name), Path.of("/tmp", name));
+            Spawned.until(10, "a trigger file " + name, () -> places.stream().anyMatch(Files::exists));
+            Path trigger = places.stream().filter(Files::exists).findFirst().orElseThrow();
             signal(vm.pid(), "KILL");
             // Well before the attach's own 30 s time-out.
             ExecutionException e = assertThrows(ExecutionException.class, () -> attach.get(10, TimeUnit.SECONDS));

@@ -5,6 +5,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import static org.junit.jupiter.api.Assumptions.assumeTrue;
 
 import com.nox.jvm.inspector.testing.JdkVm;
+import com.nox.jvm.inspector.testing.Spawned;
 import com.nox.jvm.inspector.testing.Vmsim;
 
 import java.io.IOException;
@@ -24,7 +25,6 @@ import java.util.Comparator;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
-import java.util.concurrent.TimeUnit;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 import java.util.stream.Stream;
@@ -33,9 +33,12 @@ import org.junit.jupiter.api.Test;
 
 /**
  * The real Prometheus server scrapes {@code noxinspect serve} once a second and finds every VM
- * (vmsim VMs, and real JDK VMs of three collectors) with its figures through its HTTP API.
- * Skipped where the Debian package prometheus is not installed. Instance cluster 55 is this
- * class's own.
+ * through its HTTP API: vmsim VMs with their figures, and real JDK VMs of three collectors (heap
+ * fixed at 64 MiB, where G1's padded sizes put committed above the maximum) and a G1 VM that has
+ * not collected, scraped for a minute: each family per VM answers a PromQL query, the collectors
+ * carry their GC beans' names, committed never went above the maximum, and the VM that has not
+ * collected says its heap in use is not published. Skipped where the Debian package prometheus is
+ * not installed. Instance cluster 55 is this class's own.
  */
 class PrometheusScrapeTest {
     private static final Path PROMETHEUS = Path.of("/usr/bin/prometheus");
@@ -43,94 +46,57 @@ class PrometheusScrapeTest {
     /** Prometheus starts, scrapes once a second and evaluates queries within this time on a slow host. */
     private static final double WAIT_SECONDS = 20;
 
-    private static int freePort() throws IOException {
-        try (ServerSocket socket = new ServerSocket(0, 1, InetAddress.getLoopbackAddress())) {
-            return socket.getLocalPort();
-        }
-    }
-
-    private static String query(String prometheus, String promql) throws IOException, InterruptedException {
-        URI uri = URI.create(prometheus + "/api/v1/query?query=" + URLEncoder.encode(promql, StandardCharsets.UTF_8));
-        HttpResponse<String> response = HTTP.send(HttpRequest.newBuilder(uri).timeout(Duration.ofSeconds(5)).build(),
-                HttpResponse.BodyHandlers.ofString());
-        return response.statusCode() == 200 ? response.body() : "";
-    }
-
-    /** Asks until the answer to {@code promql} contains every one of {@code parts}; fails after WAIT_SECONDS. */
-    private static String awaitAnswer(String prometheus, String promql, Process server, String... parts)
-            throws Exception {
-        long deadline = System.nanoTime() + (long) (WAIT_SECONDS * 1e9);
-        String answer = "";
-        while (System.nanoTime() < deadline) {
-            if (!server.isAlive()) {
-                throw new AssertionError("prometheus ended with " + server.exitValue());
-            }
-            try {
-                answer = query(prometheus, promql);
-            } catch (IOException e) {
-                answer = "";  // not listening yet
-            }
-            boolean all = !answer.isEmpty();
-            for (String part : parts) {
-                all &= answer.contains(part);
-            }
-            if (all) {
-                return answer;
-            }
-            Thread.sleep(200);
-        }
-        throw new AssertionError("within " + WAIT_SECONDS + " s Prometheus' answer to " + promql
-                + " did not contain " + String.join(", ", parts) + "; last answer: " + answer);
-    }
-
     /** A Prometheus server that scrapes one target once a second, in its own folder; ended and removed on close. */
     private static final class Prometheus implements AutoCloseable {
         final Path dir;
-        final Process server;
+        final Spawned server;
         final String api;
 
         Prometheus(String target) throws IOException {
             dir = Files.createTempDirectory("nox-prometheus-test");
-            int port = freePort();
-            Files.writeString(dir.resolve("prometheus.yml"), String.join("\n",
-                    "global:",
-                    "  scrape_interval: 1s",
-                    "  scrape_timeout: 1s",
-                    "  evaluation_interval: 1s",
-                    "scrape_configs:",
-                    "  - job_name: noxinspect",
-                    "    static_configs:",
-                    "      - targets: ['" + target + "']",
-                    ""));
-            server = new ProcessBuilder(PROMETHEUS.toString(),
-                    "--config.file=" + dir.resolve("prometheus.yml"),
-                    "--storage.tsdb.path=" + dir.resolve("data"),
-                    "--web.listen-address=127.0.0.1:" + port)
-                    .redirectErrorStream(true).redirectOutput(dir.resolve("prometheus.log").toFile()).start();
+            int port;
+            try (ServerSocket socket = new ServerSocket(0, 1, InetAddress.getLoopbackAddress())) {
+                port = socket.getLocalPort();
+            }
+            Files.writeString(dir.resolve("prometheus.yml"), String.join("\n", "global:", "  scrape_interval: 1s",
+                    "  scrape_timeout: 1s", "  evaluation_interval: 1s", "scrape_configs:", "  - job_name: noxinspect",
+                    "    static_configs:", "      - targets: ['" + target + "']", ""));
+            server = new Spawned(new ProcessBuilder(PROMETHEUS.toString(), "--config.file=" + dir.resolve("prometheus.yml"),
+                    "--storage.tsdb.path=" + dir.resolve("data"), "--web.listen-address=127.0.0.1:" + port)
+                    .redirectErrorStream(true));
             api = "http://127.0.0.1:" + port;
         }
 
+        /** Asks until the answer to {@code promql} contains every one of {@code parts}; fails after WAIT_SECONDS. */
         String await(String promql, String... parts) throws Exception {
-            return awaitAnswer(api, promql, server, parts);
+            URI uri = URI.create(api + "/api/v1/query?query=" + URLEncoder.encode(promql, StandardCharsets.UTF_8));
+            String[] answer = {""};
+            Spawned.until(WAIT_SECONDS, "an answer to " + promql + " with " + List.of(parts), () -> {
+                assertTrue(server.process().isAlive(), "prometheus ended: " + server.seen());
+                try {
+                    HttpResponse<String> response = HTTP.send(HttpRequest.newBuilder(uri)
+                            .timeout(Duration.ofSeconds(5)).build(), HttpResponse.BodyHandlers.ofString());
+                    answer[0] = response.statusCode() == 200 ? response.body() : "";
+                } catch (IOException e) {
+                    answer[0] = "";  // not listening yet
+                }
+                return !answer[0].isEmpty() && Stream.of(parts).allMatch(answer[0]::contains);
+            });
+            return answer[0];
         }
 
         @Override
         public void close() throws Exception {
-            server.destroy();
-            if (!server.waitFor(10, TimeUnit.SECONDS)) {
-                server.destroyForcibly();
-                server.waitFor(5, TimeUnit.SECONDS);
-            }
+            server.close();
             try (Stream<Path> files = Files.walk(dir)) {
                 files.sorted(Comparator.reverseOrder()).forEach(p -> p.toFile().delete());
             }
-            assertEquals(false, server.isAlive(), "prometheus did not end");
         }
     }
 
-    private static String target(LongRunning serve) throws Exception {
-        String line = serve.next(20, "the address serve listens on").text();
-        return line.substring(line.indexOf("http://") + "http://".length(), line.indexOf("/metrics"));
+    private static String target(Spawned serve) throws Exception {
+        String url = Launcher.metricsUrl(serve);
+        return url.substring("http://".length(), url.indexOf("/metrics"));
     }
 
     /** Every sample of an answer: its labels (as text) and its value. */
@@ -144,13 +110,19 @@ class PrometheusScrapeTest {
     }
 
     @Test
-    void prometheusFindsEveryVmWithItsFigures() throws Exception {
+    void aMinuteOfRealVmsOfThreeCollectors() throws Exception {
         assumeTrue(Files.isExecutable(PROMETHEUS),
                 "the Prometheus server is not installed (Debian package prometheus): skipped");
+        String[][] collectors = {
+            {"-XX:+UseG1GC", "G1 Old Generation", "G1 Young Generation", "G1 Eden Space"},
+            {"-XX:+UseSerialGC", "MarkSweepCompact", "Copy", "Eden Space"},
+            {"-XX:+UseParallelGC", "PS MarkSweep", "PS Scavenge", "PS Eden Space"},
+        };
+        List<JdkVm> vms = new ArrayList<>();
         try (Vmsim process = new Vmsim("--type", "process", "--set", "committed_java_heap_size=987654321",
                 "--set", "jar_main_class=scraped.Main");
              Vmsim instance = new Vmsim("--type", "instance", "--id", "55", "--slots", "2");
-             LongRunning serve = new LongRunning("serve", "--port", "0");
+             Spawned serve = Launcher.start("serve", "--port", "0");
              Prometheus prometheus = new Prometheus(target(serve))) {
             prometheus.await("up{job=\"noxinspect\"}", "\"value\":[", "\"1\"]");
             int[] pids = instance.slotPids();
@@ -166,27 +138,6 @@ class PrometheusScrapeTest {
             String count = prometheus.await("nox_host_vms", "\"value\":[");
             assertTrue(count.matches("(?s).*\"value\":\\[[0-9.]+,\"([3-9]|[1-9][0-9]+)\"\\].*"),
                     "at least the three VMs of this test: " + count);
-        }
-    }
-
-    /**
-     * Real JDK VMs of three collectors (heap fixed at 64 MiB, where G1's padded sizes put committed
-     * above the maximum) and a G1 VM that has not collected, scraped for a minute: each family per
-     * VM answers a PromQL query, the collectors carry their GC beans' names, committed never went
-     * above the maximum, and the VM that has not collected says its heap in use is not published.
-     */
-    @Test
-    void aMinuteOfRealVmsOfThreeCollectors() throws Exception {
-        assumeTrue(Files.isExecutable(PROMETHEUS),
-                "the Prometheus server is not installed (Debian package prometheus): skipped");
-        String[][] collectors = {
-            {"-XX:+UseG1GC", "G1 Old Generation", "G1 Young Generation", "G1 Eden Space"},
-            {"-XX:+UseSerialGC", "MarkSweepCompact", "Copy", "Eden Space"},
-            {"-XX:+UseParallelGC", "PS MarkSweep", "PS Scavenge", "PS Eden Space"},
-        };
-        List<JdkVm> vms = new ArrayList<>();
-        try (LongRunning serve = new LongRunning("serve", "--port", "0");
-             Prometheus prometheus = new Prometheus(target(serve))) {
             for (String[] c : collectors) {
                 vms.add(new JdkVm(c[0], "-Xms64m", "-Xmx64m"));
                 vms.get(vms.size() - 1).gc();  // its collector publishes its heap and metaspace afresh

@@ -28,7 +28,11 @@ import java.util.regex.Pattern;
 
 import org.junit.jupiter.api.Test;
 
-/** The commands' renderers over a host model made by hand: what list, info, watch and the metrics show. */
+/**
+ * The commands' renderers over a host model made by hand: the metric families against the README's
+ * table, the format a scraper asks for, and text from a VM in every output. What list, info, watch
+ * and the metrics show of one VM with both sources is ServeTest's, end to end.
+ */
 class RenderTest {
     private static final int PID = 4242;
     /** The VM known only by its performance data is this test's own process, whose CPU time /proc tells. */
@@ -37,29 +41,28 @@ class RenderTest {
     private static final String VERSION = "OpenJDK 64-Bit Server VM 17.0.9+9-area";
 
     /**
-     * A VM with both sources in process cluster PID, one known only by its performance data, one of
-     * instance cluster 7 whose times are in milliseconds: both of these are this test's process.
+     * A VM with both sources in process cluster PID whose collector is named as given, one known
+     * only by its performance data, one of instance cluster 7 whose times are in milliseconds: both
+     * of these are this test's process.
      */
-    private static HostSnapshot snapshot(String mainClass) {
-        return snapshot(mainClass, hotspot(PID, 1000, "perf.Main", 512, 2048, 4096, 300));
-    }
-
-    private static HostSnapshot snapshot(String mainClass, HotSpotFigures perf) {
+    private static HostSnapshot snapshot(String mainClass, String collector) {
         List<ControlAreaView> areas = List.of(inMillis(area(ClusterType.INSTANCE, 7, 1, ALONE, 1000, "v7", "seven.Main", 1)),
                 area(ClusterType.PROCESS, PID, 0, PID, 1000, VERSION, mainClass, 1024));
-        return HostSnapshot.of(areas, Map.of(PID, 1000, ALONE, 1000),
-                List.of(perf, startUnknown(hotspot(ALONE, 1000, "alone.Main", 5, 6, 7, 300))));
+        HotSpotFigures perf = hotspot(PID, 1000, "perf.Main", 512, 2048, 4096, 300);
+        HotSpotFigures alone = hotspot(ALONE, 1000, "alone.Main", 5, 6, 7, 300);
+        return HostSnapshot.of(areas, Map.of(PID, 1000, ALONE, 1000), List.of(
+                with(perf, List.of(new GcCollector(collector, 4, 250_000_000L, 0.25, 0, 0)), perf.processStartSeconds()),
+                with(alone, alone.collectors(), 0)));
     }
 
-    /** The figures with one collector, named as given. */
-    private static HotSpotFigures collectorNamed(HotSpotFigures f, String name) {
+    /** The figures with these collectors and this process start (0: unknown, any process of the pid is the VM's). */
+    private static HotSpotFigures with(HotSpotFigures f, List<GcCollector> collectors, long processStart) {
         return new HotSpotFigures(f.pid(), f.uid(), f.user(), f.javaCommand(), f.vmName(), f.vmVersion(), f.vmVendor(),
                 f.vmArguments(), f.vmFlags(), f.gcPolicy(), f.beginMillis(), f.initDoneMillis(), f.tickFrequency(),
                 f.uptimeTicks(), f.heapUsed(), f.heapCommitted(), f.heapMax(), f.metaspaceUsed(),
                 f.metaspaceCommitted(), f.metaspaceMax(), f.classesLoaded(), f.classesUnloaded(), f.threadsLive(),
-                f.threadsPeak(), f.threadsDaemon(), f.threadsStarted(),
-                List.of(new GcCollector(name, 4, 250_000_000L, 0.25, 0, 0)), f.namespacePid(),
-                f.processStartSeconds(), f.pools());
+                f.threadsPeak(), f.threadsDaemon(), f.threadsStarted(), collectors, f.namespacePid(), processStart,
+                f.pools());
     }
 
     /** The view with the process start unknown and its CPU time in milliseconds as the kernel counts it. */
@@ -71,63 +74,6 @@ class RenderTest {
                 f.debug()), view.ownerUid());
     }
 
-    /** The figures with the process start unknown (any process of the pid is the VM's). */
-    private static HotSpotFigures startUnknown(HotSpotFigures f) {
-        return new HotSpotFigures(f.pid(), f.uid(), f.user(), f.javaCommand(), f.vmName(), f.vmVersion(), f.vmVendor(),
-                f.vmArguments(), f.vmFlags(), f.gcPolicy(), f.beginMillis(), f.initDoneMillis(), f.tickFrequency(),
-                f.uptimeTicks(), f.heapUsed(), f.heapCommitted(), f.heapMax(), f.metaspaceUsed(),
-                f.metaspaceCommitted(), f.metaspaceMax(), f.classesLoaded(), f.classesUnloaded(), f.threadsLive(),
-                f.threadsPeak(), f.threadsDaemon(), f.threadsStarted(), f.collectors(), f.pid(), 0, f.pools());
-    }
-
-    /** A VM with both sources has one version, main class and heap in list, info, watch (JSON) and the metrics. */
-    @Test
-    void aVmWithBothSourcesShowsTheSameFactsEverywhere() throws Exception {
-        HostSnapshot snapshot = snapshot("app.Main");
-        HostVm vm = snapshot.byPid(PID).orElseThrow();
-        Map<String, String> list = Launcher.flatJson(Output.json(ListCommand.render(snapshot, NOW), true));
-        Map<String, String> info = Launcher.flatJson(Output.json(InfoCommand.render(vm, NOW), true));
-        Map<String, String> watch = Launcher.flatJson(Output.json(Watch.line("appeared", vm, Instant.now()), false));
-        String metrics = Metrics.render(snapshot, Exposition.PROMETHEUS);
-        String listed = "vms." + index(list, PID) + ".";
-        for (Map<String, String> fields : List.of(rebase(list, listed), rebase(info, "vm."), watch)) {
-            assertEquals("\"" + VERSION + "\"", fields.get("version"), fields.toString());
-            assertEquals("\"app.Main\"", fields.get("mainClass"), fields.toString());
-            assertEquals(List.of("512", "1024", "4096"),
-                    List.of(fields.get("heap.used"), fields.get("heap.committed"), fields.get("heap.max")));
-            assertEquals(List.of("\"control-area\"", "\"hotspot\""), List.of(fields.get("sources.0"),
-                    fields.get("sources.1")));
-        }
-        String labels = "{cluster_type=\"process\",cluster_id=\"" + PID + "\",slot=\"0\",pid=\"" + PID
-                + "\",user=\"1000\"";
-        assertTrue(metrics.contains("nox_vm_info" + labels + ",vm_id=\"100\",vm_version=\"" + VERSION
-                + "\",main_class=\"app.Main\"} 1\n"), metrics);
-        assertTrue(metrics.contains("jvm_memory_used_bytes" + labels + ",area=\"heap\"} 512\n"), metrics);
-        assertTrue(metrics.contains("jvm_memory_committed_bytes" + labels + ",area=\"heap\"} 1024\n"), metrics);
-        assertTrue(metrics.contains("jvm_memory_max_bytes" + labels + ",area=\"heap\"} 4096\n"), metrics);
-        assertEquals(1, metrics.split("nox_vm_up\\{[^}]*pid=\"" + PID + "\"", -1).length - 1, "one VM, one series");
-        assertTrue(metrics.contains("nox_host_vms 3\n") && metrics.contains("nox_host_hotspot_only_vms 1\n"), metrics);
-    }
-
-    private static int index(Map<String, String> flat, int pid) {
-        for (int i = 0; flat.containsKey("vms." + i + ".pid"); i++) {
-            if (flat.get("vms." + i + ".pid").equals(Integer.toString(pid))) {
-                return i;
-            }
-        }
-        throw new AssertionError("no VM " + pid + " in " + flat);
-    }
-
-    private static Map<String, String> rebase(Map<String, String> flat, String prefix) {
-        Map<String, String> inner = new java.util.HashMap<>();
-        flat.forEach((k, v) -> {
-            if (k.startsWith(prefix)) {
-                inner.put(k.substring(prefix.length()), v);
-            }
-        });
-        return inner;
-    }
-
     /**
      * The README's metrics table and the exposition name the same families with the same types,
      * and each has samples in both formats (the fixture publishes every figure): renaming,
@@ -136,8 +82,8 @@ class RenderTest {
     @Test
     void everyDocumentedFamilyIsExposed() throws Exception {
         Map<String, String> documented = readmeFamilies();
-        String prometheus = Metrics.render(snapshot("app.Main"), Exposition.PROMETHEUS);
-        String open = Metrics.render(snapshot("app.Main"), Exposition.OPENMETRICS);
+        String prometheus = Metrics.render(snapshot("app.Main", "G1 young collection pauses"), Exposition.PROMETHEUS);
+        String open = Metrics.render(snapshot("app.Main", "G1 young collection pauses"), Exposition.OPENMETRICS);
         Map<String, String> exposed = new java.util.TreeMap<>();
         Matcher types = Pattern.compile("(?m)^# TYPE (\\S+) (\\S+)$").matcher(prometheus);
         while (types.find()) {
@@ -195,8 +141,7 @@ class RenderTest {
         String hostile = "a\"b\\c\nline\u001b]0;title\u0007\u009b31m\u202eevil";
         String printable = "a\"b\\c\\nline\\x1b]0;title\\x07\\u009b31m\\u202eevil";
         // The main class, a collector's name and a counter's name and value all come from the VM.
-        HostSnapshot snapshot = snapshot(hostile, collectorNamed(hotspot(PID, 1000, "perf.Main", 512, 2048, 4096, 300),
-                hostile));
+        HostSnapshot snapshot = snapshot(hostile, hostile);
         HostVm vm = snapshot.byPid(PID).orElseThrow();
         List<PerfCounter> counters = List.of(new PerfCounter(hostile, 'B', 5, 3, 0, 0, hostile),
                 new PerfCounter("sun." + hostile, 'J', 4, 3, 0, 7, null));

@@ -1,5 +1,6 @@
 package com.nox.jvm.inspector.cli;
 
+import static com.nox.jvm.inspector.cli.Launcher.q;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertNotNull;
 import static org.junit.jupiter.api.Assertions.assertNull;
@@ -11,6 +12,7 @@ import com.nox.jvm.inspector.natives.NativeLibrary;
 import com.nox.jvm.inspector.testing.JdkVm;
 import com.nox.jvm.inspector.testing.Vmsim;
 
+import java.util.Arrays;
 import java.util.List;
 import java.util.Map;
 
@@ -33,33 +35,25 @@ class SecondUserTest {
     void anotherUsersControlAreaNamingRootsVmNeitherHidesItNorTakesItsRequests() throws Exception {
         assumeTrue(isRoot(), "needs root to run a second user (setpriv): skipped");
         try (JdkVm vm = new JdkVm(List.of(), List.of(), "spoofed")) {
-            NoxinspectHotSpotTest.awaitListed(vm);
+            vm.awaitListed();
             int pid = vm.pid();
             try (Vmsim spoof = new Vmsim(AS_NOBODY, "--set", "pid=" + pid, "--set", "vm_version=forged",
                     "--set", "jar_main_class=forged.Main", "--set", "committed_java_heap_size=1")) {
                 String spoofPid = Integer.toString(spoof.id());
-                Map<String, String> list = Launcher.flatJson(Launcher.run("--json", "list").out());
-                int own = -1;
-                int claim = -1;
-                for (int i = 0; list.containsKey("vms." + i + ".pid"); i++) {
-                    if (list.get("vms." + i + ".pid").equals(Integer.toString(pid))) {
-                        own = "\"hotspot\"".equals(list.get("vms." + i + ".cluster")) ? i : own;
-                        claim = ("\"process:" + spoofPid + "\"").equals(list.get("vms." + i + ".cluster")) ? i : claim;
-                    }
-                }
+                List<Map<String, String>> entries = Launcher.entries(Launcher.json("list"), "vms", pid);
+                assertEquals(2, entries.size(), "root's VM keeps its own entry: " + entries);
+                Map<String, String> own = entries.get(q("hotspot").equals(entries.get(0).get("cluster")) ? 0 : 1);
+                Map<String, String> claim = entries.get(own == entries.get(0) ? 1 : 0);
                 // The other user's control area is shown as what it is: that user's, naming root's process.
-                assertTrue(claim >= 0, list.toString());
-                assertEquals(List.of("65534", "0"), List.of(list.get("vms." + claim + ".controlAreaUid"),
-                        list.get("vms." + claim + ".uid")));
+                assertEquals(List.of(q("process:" + spoofPid), "65534", "0"), List.of(claim.get("cluster"),
+                        claim.get("controlAreaUid"), claim.get("uid")));
                 assertTrue(Launcher.run("list").out().contains("process:" + spoofPid + "(uid 65534) "));
-                assertTrue(own >= 0, "root's VM keeps its own entry: " + list);
-                assertEquals("\"hotspot\"", list.get("vms." + own + ".sources.0"));
-                assertNull(list.get("vms." + own + ".sources.1"), "not merged with the other user's control area");
-                assertEquals("\"" + JdkVm.MAIN_CLASS + "\"", list.get("vms." + own + ".mainClass"));
-                assertEquals("\"OpenJDK 64-Bit Server VM " + System.getProperty("java.vm.version") + "\"",
-                        list.get("vms." + own + ".version"));
-                Map<String, String> info = Launcher.flatJson(Launcher.run("--json", "info", Integer.toString(pid)).out());
-                assertEquals("\"hotspot\"", info.get("vm.cluster"), info.toString());
+                // Not merged with the other user's control area.
+                assertEquals(Arrays.asList(q("hotspot"), q("hotspot"), null, q(JdkVm.MAIN_CLASS),
+                        q("OpenJDK 64-Bit Server VM " + System.getProperty("java.vm.version"))), Arrays.asList(
+                        own.get("cluster"), own.get("sources.0"), own.get("sources.1"), own.get("mainClass"),
+                        own.get("version")));
+                assertEquals(q("hotspot"), Launcher.json("info", Integer.toString(pid)).get("vm.cluster"));
 
                 NativeLibrary.load();
                 String metrics = Metrics.render(new Host().snapshot(), Exposition.PROMETHEUS);

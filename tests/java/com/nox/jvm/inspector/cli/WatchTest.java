@@ -8,9 +8,11 @@ import static org.junit.jupiter.api.Assumptions.assumeTrue;
 import com.nox.jvm.inspector.host.HostSnapshot;
 import com.nox.jvm.inspector.testing.JdkVm;
 import com.nox.jvm.inspector.testing.PlantedFiles;
+import com.nox.jvm.inspector.testing.Spawned;
 import com.nox.jvm.inspector.testing.Vmsim;
 
 import java.io.IOException;
+import java.lang.reflect.Proxy;
 import java.nio.file.FileSystems;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -18,7 +20,6 @@ import java.nio.file.StandardWatchEventKinds;
 import java.nio.file.WatchEvent;
 import java.nio.file.WatchKey;
 import java.nio.file.WatchService;
-import java.nio.file.Watchable;
 import java.nio.file.attribute.PosixFilePermissions;
 import java.util.ArrayList;
 import java.util.List;
@@ -41,40 +42,31 @@ class WatchTest {
     /** Generous bounds for a loaded host; the benchmark measures the real latency. */
     private static final double SECONDS = 5;
 
-    private static boolean tells(LongRunning.Line line, String event, String orEvent, long pid) {
-        String text = line.text();
-        return (text.contains("\"event\":\"" + event + "\",") || text.contains("\"event\":\"" + orEvent + "\","))
-                && text.contains("\"pid\":" + pid + ",");
+    private static boolean tells(String line, String event, String orEvent, long pid) {
+        return (line.contains("\"event\":\"" + event + "\",") || line.contains("\"event\":\"" + orEvent + "\","))
+                && line.contains("\"pid\":" + pid + ",");
     }
 
     /**
      * The fields of the line of {@code event} (or {@code orEvent}) for {@code pid}, among the lines
      * already read or the next ones (the order of events of different VMs is not fixed).
      */
-    private static Map<String, String> await(LongRunning watch, String event, String orEvent, long pid)
-            throws Exception {
-        for (LongRunning.Line line : watch.seen()) {
-            if (tells(line, event, orEvent, pid)) {
-                return Launcher.flatJson(line.text());
-            }
+    private static Map<String, String> await(Spawned watch, String event, String orEvent, long pid) throws Exception {
+        String line = watch.seen().stream().filter(l -> tells(l, event, orEvent, pid)).findFirst().orElse(null);
+        line = line != null ? line : watch.find(l -> tells(l, event, orEvent, pid), SECONDS);
+        if (line == null) {
+            throw new AssertionError("watch reported no '" + event + "' of pid " + pid + " within " + SECONDS
+                    + " s; it printed: " + watch.seen());
         }
-        long deadline = System.nanoTime() + (long) (SECONDS * 1e9);
-        for (double left = SECONDS; left > 0; left = (deadline - System.nanoTime()) / 1e9) {
-            LongRunning.Line line = watch.poll(left);
-            if (line != null && tells(line, event, orEvent, pid)) {
-                return Launcher.flatJson(line.text());
-            }
-        }
-        throw new AssertionError("watch reported no '" + event + "' of pid " + pid + " within " + SECONDS
-                + " s; it printed: " + watch.seen());
+        return Launcher.flatJson(line);
     }
 
-    private static Map<String, String> await(LongRunning watch, String event, long pid) throws Exception {
+    private static Map<String, String> await(Spawned watch, String event, long pid) throws Exception {
         return await(watch, event, event, pid);
     }
 
     /** How many lines read so far tell {@code event} of {@code pid}. */
-    private static long told(LongRunning watch, String event, long pid) {
+    private static long told(Spawned watch, String event, long pid) {
         return watch.seen().stream().filter(l -> tells(l, event, event, pid)).count();
     }
 
@@ -92,9 +84,9 @@ class WatchTest {
              Vmsim both = new Vmsim("--type", "process");
              JdkVm jdk = new JdkVm();
              PlantedFiles planted = new PlantedFiles()) {
-            NoxinspectHotSpotTest.awaitListed(jdk);
+            jdk.awaitListed();
             planted.file(PERF_DATA.resolve(Long.toString(both.pid())), Files.readAllBytes(jdk.perfDataFile(USER)));
-            try (LongRunning watch = new LongRunning("--json", "watch")) {
+            try (Spawned watch = Launcher.start("--json", "watch")) {
                 Map<String, String> present = await(watch, "present", process.pid());
                 assertCluster("process:" + process.pid(), present);
                 assertEquals("0", present.get("slot"));
@@ -120,7 +112,7 @@ class WatchTest {
                     await(watch, "appeared", later.pid());
                     try (JdkVm after = new JdkVm()) {
                         assertCluster("hotspot", await(watch, "appeared", after.pid()));
-                        NoxinspectHotSpotTest.awaitListed(after);
+                        after.awaitListed();
                         planted.file(PERF_DATA.resolve(Long.toString(later.pid())),
                                 Files.readAllBytes(after.perfDataFile(USER)));
                         Map<String, String> changed = await(watch, "changed", later.pid());
@@ -131,7 +123,7 @@ class WatchTest {
                     }
                     later.close();
                     await(watch, "vanished", later.pid());
-                    assertEquals(0, watch.seen().stream().filter(l -> l.text().contains("\"cluster\":\"hotspot\"")
+                    assertEquals(0, watch.seen().stream().filter(l -> l.contains("\"cluster\":\"hotspot\"")
                             && (tells(l, "present", "changed", both.pid()) || tells(l, "appeared", "changed", later.pid())))
                             .count(), "a VM with a control area is told under it only: " + watch.seen());
                 }
@@ -178,7 +170,7 @@ class WatchTest {
                 process.close();
                 await(watch, "vanished", process.pid());
                 for (long pid : new long[] {jdk.pid(), both.pid()}) {
-                    assertEquals(1, watch.seen().stream().filter(l -> l.text().contains("\"pid\":" + pid + ","))
+                    assertEquals(1, watch.seen().stream().filter(l -> l.contains("\"pid\":" + pid + ","))
                             .count(), "a running VM is told once: " + watch.seen());
                 }
             }
@@ -201,7 +193,7 @@ class WatchTest {
      * simulated VM, and a performance-data file under the pid of our JDK VM in its own folder, while
      * watch reads on for a second.
      */
-    private static void forgeDeletions(LongRunning watch, long sim, long jdk) throws Exception {
+    private static void forgeDeletions(Spawned watch, long sim, long jdk) throws Exception {
         Path folder = Path.of("/tmp/hsperfdata_nobody");
         boolean made = !Files.exists(folder);
         try {
@@ -231,10 +223,10 @@ class WatchTest {
         String touched = "$(i=0; while [ $i -lt 400 ]; do echo " + names + "$((" + base + " + i * 5)); i=$((i+1)); done)";
         Process storm = script("i=0; while [ $i -lt 2000 ]; do : > " + names + "$((" + base + " + i)); i=$((i+1)); done; "
                 + "echo READY; t=\"" + touched + "\"; while :; do touch $t; sleep 2; done");
-        try (LongRunning watch = new LongRunning("--json", "watch")) {
+        try (Spawned watch = Launcher.start("--json", "watch")) {
             assertTrue(new String(storm.getInputStream().readNBytes(6)).startsWith("READY"), "the storm did not start");
             try (Vmsim marker = new Vmsim("--type", "process")) {
-                watch.nextContaining("\"pid\":" + marker.pid() + ",", 20);
+                watch.await("\"pid\":" + marker.pid() + ",", 20);
             }
             Thread.sleep(2500);  // at least one round of touches
             for (int round = 0; round < 3; round++) {
@@ -251,46 +243,22 @@ class WatchTest {
             }
         }
     }
+
     /** A key that gives one overflow event, as the JDK does when the kernel's event queue overflowed. */
-    private static final class Overflowed implements WatchKey {
-        @Override
-        public boolean isValid() {
-            return true;
-        }
+    private static WatchKey overflowed() {
+        WatchEvent<?> overflow = fake(WatchEvent.class, Map.of("kind", StandardWatchEventKinds.OVERFLOW, "count", 1));
+        return fake(WatchKey.class, Map.of("isValid", true, "reset", true, "pollEvents", List.of(overflow),
+                "watchable", WatchedFiles.TMP));
+    }
 
-        @Override
-        public List<WatchEvent<?>> pollEvents() {
-            return List.of(new WatchEvent<Object>() {
-                @Override
-                public WatchEvent.Kind<Object> kind() {
-                    return StandardWatchEventKinds.OVERFLOW;
-                }
-
-                @Override
-                public int count() {
-                    return 1;
-                }
-
-                @Override
-                public Object context() {
-                    return null;
-                }
-            });
-        }
-
-        @Override
-        public boolean reset() {
-            return true;
-        }
-
-        @Override
-        public void cancel() {
-        }
-
-        @Override
-        public Watchable watchable() {
-            return WatchedFiles.TMP;
-        }
+    /** An object of the interface {@code type} whose methods answer from {@code answers} (null for the others). */
+    private static <T> T fake(Class<T> type, Map<String, Object> answers) {
+        return type.cast(Proxy.newProxyInstance(type.getClassLoader(), new Class<?>[] {type},
+                (proxy, method, args) -> switch (method.getName()) {
+                    case "hashCode" -> System.identityHashCode(proxy);
+                    case "equals" -> proxy == args[0];
+                    default -> answers.get(method.getName());
+                }));
     }
 
     @Test
@@ -319,7 +287,7 @@ class WatchTest {
                 Files.setAttribute(file, "unix:uid", 1);
                 Files.setAttribute(DAEMONS, "unix:uid", c.folderOwner);
                 // No event of the folder's making reaches the files: an overflow stands for it.
-                files.take(new Overflowed(), EMPTY, System.nanoTime());
+                files.take(overflowed(), EMPTY, System.nanoTime());
                 assertTrue(files.resyncWanted(), c.what);
                 files.resync(EMPTY, System.nanoTime());
                 assertFalse(files.resyncWanted(), c.what);

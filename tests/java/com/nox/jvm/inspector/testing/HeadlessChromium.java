@@ -1,15 +1,15 @@
 package com.nox.jvm.inspector.testing;
 
-import java.io.BufferedReader;
 import java.io.IOException;
-import java.io.InputStreamReader;
 import java.net.URI;
+import java.net.URLDecoder;
 import java.net.http.HttpClient;
 import java.net.http.WebSocket;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
+import java.util.Base64;
 import java.util.Comparator;
 import java.util.List;
 import java.util.Map;
@@ -31,10 +31,10 @@ import java.util.stream.Stream;
 public final class HeadlessChromium implements AutoCloseable {
     public static final Path CHROMIUM = Path.of("/usr/bin/chromium");
     private static final Pattern DEVTOOLS = Pattern.compile("DevTools listening on (ws://\\S+)");
-    private static final Pattern REQUEST_URL = Pattern.compile("\"request\":\\{\"url\":\"((?:[^\"\\\\]|\\\\.)*+)\"");
+    private static final Pattern REQUEST_URL = Pattern.compile("\"request\":\\{\"url\":\"([^\"]*)\"");
 
     private final Path profile;
-    private final Process browser;
+    private final Spawned browser;
     private final WebSocket socket;
     private final AtomicInteger ids = new AtomicInteger();
     private final Map<Integer, CompletableFuture<String>> answers = new ConcurrentHashMap<>();
@@ -43,40 +43,19 @@ public final class HeadlessChromium implements AutoCloseable {
 
     public HeadlessChromium() throws Exception {
         profile = Files.createTempDirectory("nox-chromium-profile");
-        browser = new ProcessBuilder(CHROMIUM.toString(), "--headless", "--no-sandbox", "--disable-gpu",
+        browser = new Spawned(new ProcessBuilder(CHROMIUM.toString(), "--headless", "--no-sandbox", "--disable-gpu",
                 "--disable-quic", "--no-first-run", "--disable-background-networking", "--disable-component-update",
                 "--disable-sync", "--user-data-dir=" + profile, "--remote-debugging-port=0", "--window-size=1280,900",
-                "about:blank").redirectOutput(ProcessBuilder.Redirect.DISCARD).start();
-        String url = devtoolsUrl();
-        socket = HttpClient.newHttpClient().newWebSocketBuilder().buildAsync(URI.create(url), new Listener())
-                .get(20, TimeUnit.SECONDS);
-        String created = call(null, "Target.createTarget", "{\"url\":\"about:blank\"}");
-        String target = field(created, "targetId");
+                "about:blank").redirectErrorStream(true));
+        Matcher devtools = DEVTOOLS.matcher(browser.await("DevTools listening on ", 30));
+        devtools.find();
+        socket = HttpClient.newHttpClient().newWebSocketBuilder()
+                .buildAsync(URI.create(devtools.group(1)), new Listener()).get(20, TimeUnit.SECONDS);
+        String target = field(call(null, "Target.createTarget", "{\"url\":\"about:blank\"}"), "targetId");
         sessionId = field(call(null, "Target.attachToTarget", "{\"targetId\":\"" + target + "\",\"flatten\":true}"),
                 "sessionId");
         call(sessionId, "Network.enable", "{}");
         call(sessionId, "Page.enable", "{}");
-    }
-
-    private String devtoolsUrl() throws Exception {
-        BufferedReader err = new BufferedReader(new InputStreamReader(browser.getErrorStream(), StandardCharsets.UTF_8));
-        CompletableFuture<String> found = new CompletableFuture<>();
-        Thread reader = new Thread(() -> {
-            try {
-                for (String line = err.readLine(); line != null; line = err.readLine()) {
-                    Matcher m = DEVTOOLS.matcher(line);
-                    if (m.find()) {
-                        found.complete(m.group(1));
-                    }
-                }
-            } catch (IOException e) {
-                // the browser ended
-            }
-            found.completeExceptionally(new IOException("chromium ended without a DevTools address"));
-        }, "chromium-stderr");
-        reader.setDaemon(true);
-        reader.start();
-        return found.get(30, TimeUnit.SECONDS);
     }
 
     /** Opens {@code url} in the page. */
@@ -84,16 +63,20 @@ public final class HeadlessChromium implements AutoCloseable {
         call(sessionId, "Page.navigate", "{\"url\":\"" + url + "\"}");
     }
 
-    /** The value of a JavaScript expression that yields a string. */
+    /**
+     * The value of a JavaScript expression that yields a string. The expression travels in Base64
+     * and its value URI-encoded, so that neither needs JSON escapes.
+     */
     public String evaluate(String expression) throws Exception {
-        String answer = call(sessionId, "Runtime.evaluate",
-                "{\"expression\":" + quote(expression) + ",\"returnByValue\":true}");
-        return field(answer, "value");
+        String encoded = Base64.getEncoder().encodeToString(expression.getBytes(StandardCharsets.UTF_8));
+        String answer = call(sessionId, "Runtime.evaluate", "{\"expression\":\"encodeURIComponent(eval(atob('"
+                + encoded + "')))\",\"returnByValue\":true}");
+        return URLDecoder.decode(field(answer, "value"), StandardCharsets.UTF_8);
     }
 
     /** A PNG of the page as it is drawn now. */
     public byte[] screenshot() throws Exception {
-        return java.util.Base64.getDecoder().decode(field(call(sessionId, "Page.captureScreenshot", "{}"), "data"));
+        return Base64.getDecoder().decode(field(call(sessionId, "Page.captureScreenshot", "{}"), "data"));
     }
 
     /** The URL of every request the page has made so far. */
@@ -115,55 +98,14 @@ public final class HeadlessChromium implements AutoCloseable {
         return text;
     }
 
-    /** The string value of the first member named {@code name} (scanned by hand: a screenshot is megabytes). */
+    /** The value of the first member named {@code name}, a string without escapes (a screenshot is megabytes). */
     static String field(String json, String name) throws IOException {
         String key = "\"" + name + "\":\"";
         int start = json.indexOf(key);
         if (start < 0) {
             throw new IOException("no " + name + " in " + json);
         }
-        start += key.length();
-        int end = start;
-        while (end < json.length() && json.charAt(end) != '"') {
-            end += json.charAt(end) == '\\' ? 2 : 1;
-        }
-        return unquote(json.substring(start, Math.min(end, json.length())));
-    }
-
-    private static String unquote(String text) {
-        StringBuilder sb = new StringBuilder();
-        for (int i = 0; i < text.length(); i++) {
-            char c = text.charAt(i);
-            if (c != '\\') {
-                sb.append(c);
-                continue;
-            }
-            char next = text.charAt(++i);
-            switch (next) {
-                case 'n' -> sb.append('\n');
-                case 't' -> sb.append('\t');
-                case 'u' -> {
-                    sb.append((char) Integer.parseInt(text.substring(i + 1, i + 5), 16));
-                    i += 4;
-                }
-                default -> sb.append(next);
-            }
-        }
-        return sb.toString();
-    }
-
-    private static String quote(String text) {
-        StringBuilder sb = new StringBuilder("\"");
-        for (char c : text.toCharArray()) {
-            if (c == '"' || c == '\\') {
-                sb.append('\\').append(c);
-            } else if (c < 0x20) {
-                sb.append(String.format("\\u%04x", (int) c));
-            } else {
-                sb.append(c);
-            }
-        }
-        return sb.append('"').toString();
+        return json.substring(start + key.length(), json.indexOf('"', start + key.length()));
     }
 
     private final class Listener implements WebSocket.Listener {
@@ -184,7 +126,7 @@ public final class HeadlessChromium implements AutoCloseable {
                 } else if (message.contains("\"method\":\"Network.requestWillBeSent\"")) {
                     Matcher url = REQUEST_URL.matcher(message);
                     if (url.find()) {
-                        requests.add(unquote(url.group(1)));
+                        requests.add(url.group(1));
                     }
                 }
             }
@@ -198,11 +140,7 @@ public final class HeadlessChromium implements AutoCloseable {
         try {
             socket.abort();
         } finally {
-            browser.destroy();
-            if (!browser.waitFor(10, TimeUnit.SECONDS)) {
-                browser.destroyForcibly();
-                browser.waitFor(5, TimeUnit.SECONDS);
-            }
+            browser.close();
             try (Stream<Path> files = Files.walk(profile)) {
                 files.sorted(Comparator.reverseOrder()).forEach(p -> p.toFile().delete());
             }

@@ -1,15 +1,11 @@
 package com.nox.jvm.inspector.testing;
 
-import java.io.BufferedReader;
 import java.io.IOException;
-import java.io.InputStreamReader;
-import java.nio.charset.StandardCharsets;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
-import java.util.concurrent.LinkedBlockingQueue;
 import java.util.concurrent.TimeUnit;
 
 /**
@@ -17,19 +13,15 @@ import java.util.concurrent.TimeUnit;
  * then removes its files, segment and semaphores) when closed, also when the test fails.
  * Instance-cluster ids are global to the host and test classes run in parallel, so each class
  * has its own: the cluster-natives tests 80 to 83, the command-line tests 84 to 89, the fleet view
- * 54 (ServeTest), 55 (PrometheusScrapeTest), 56 and 57 (WatchTest), 59 (ProfilingClusterNativesTest); the fleet
- * benchmark uses 58.
+ * 54 and 71 (ServeTest), 55 (PrometheusScrapeTest), 56 and 57 (WatchTest), 59
+ * (ProfilingClusterNativesTest); the fleet benchmark uses 58.
  * Every wait is bounded by {@link #WAIT_SECONDS}, so that a VM that does not react fails its test
  * with a message instead of hanging until CTest kills it (and the test still ends the VM).
  */
 public final class Vmsim implements AutoCloseable {
     public static final int WAIT_SECONDS = 10;
 
-    /** What the line queue holds after vmsim's last line. */
-    private static final String END = new String("<end of output>");
-
-    private final Process process;
-    private final LinkedBlockingQueue<String> lines = new LinkedBlockingQueue<>();
+    private final Spawned process;
     private final Map<String, String> fields = new HashMap<>();
 
     public Vmsim(String... args) throws IOException {
@@ -41,24 +33,11 @@ public final class Vmsim implements AutoCloseable {
         List<String> command = new ArrayList<>(prefix);
         command.add(System.getProperty("nox.vmsim", "vmsim"));
         command.addAll(Arrays.asList(args));
-        process = new ProcessBuilder(command).redirectError(ProcessBuilder.Redirect.INHERIT).start();
-        BufferedReader out = new BufferedReader(new InputStreamReader(process.getInputStream(), StandardCharsets.UTF_8));
-        Thread reader = new Thread(() -> {
-            try {
-                for (String line = out.readLine(); line != null; line = out.readLine()) {
-                    lines.add(line);
-                }
-            } catch (IOException e) {
-                // the stream was closed with the process: its output has ended
-            }
-            lines.add(END);
-        }, "vmsim-output-" + process.pid());
-        reader.setDaemon(true);
-        reader.start();
+        process = new Spawned(command);
         String line = waitFor("READY ");
         if (!line.startsWith("READY ")) {
             end();
-            throw new IOException(line + " (" + command + ")");
+            throw new IOException(line + " (" + command + "): " + process.stderr());
         }
         for (String pair : line.substring(6).trim().split(" ")) {
             int eq = pair.indexOf('=');
@@ -100,12 +79,7 @@ public final class Vmsim implements AutoCloseable {
     /** The next line vmsim prints; null at the end of its output or after {@code millis}. */
     public String nextLine(long millis) throws IOException {
         try {
-            String line = lines.poll(millis, TimeUnit.MILLISECONDS);
-            if (line == END) {
-                lines.add(END);  // every later call sees the end too
-                return null;
-            }
-            return line;
+            return process.poll(millis / 1000.0);
         } catch (InterruptedException e) {
             Thread.currentThread().interrupt();
             throw new IOException("interrupted while waiting for vmsim's output", e);
@@ -118,30 +92,23 @@ public final class Vmsim implements AutoCloseable {
      * shows in the failure of the test's comparison.
      */
     public String waitFor(String prefix) throws IOException {
-        long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(WAIT_SECONDS);
-        while (System.nanoTime() < deadline) {
-            String line = nextLine(TimeUnit.NANOSECONDS.toMillis(Math.max(0, deadline - System.nanoTime())));
-            if (line == null && System.nanoTime() >= deadline) {
-                break;
-            }
-            if (line == null) {
-                return "(vmsim pid " + process.pid() + " ended its output before a line starting with \"" + prefix + "\")";
-            }
-            if (line.startsWith(prefix)) {
-                return line;
-            }
+        try {
+            String line = process.find(l -> l.startsWith(prefix), WAIT_SECONDS);
+            return line != null ? line : "(vmsim pid " + process.pid() + " printed no line starting with \""
+                    + prefix + "\" within " + WAIT_SECONDS + " s; it printed " + process.seen() + ")";
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+            throw new IOException("interrupted while waiting for vmsim's output", e);
         }
-        return "(vmsim pid " + process.pid() + " printed no line starting with \"" + prefix + "\" within "
-                + WAIT_SECONDS + " s)";
     }
 
     /** Waits for vmsim to end on its own and returns its exit code; fails after {@link #WAIT_SECONDS}. */
     public int waitExit() throws InterruptedException {
-        if (!process.waitFor(WAIT_SECONDS, TimeUnit.SECONDS)) {
+        if (process.awaitExit(WAIT_SECONDS) < 0) {
             close();
             throw new AssertionError("vmsim pid " + process.pid() + " did not end within " + WAIT_SECONDS + " s");
         }
-        return process.exitValue();
+        return process.process().exitValue();
     }
 
     public long pid() {
@@ -154,18 +121,12 @@ public final class Vmsim implements AutoCloseable {
             close();
         } catch (InterruptedException e) {
             Thread.currentThread().interrupt();
-            process.destroyForcibly();
         }
     }
 
+    /** SIGTERM: vmsim cleans up. */
     @Override
     public void close() throws InterruptedException {
-        if (process.isAlive()) {
-            process.destroy();  // SIGTERM: vmsim cleans up
-            if (!process.waitFor(WAIT_SECONDS, TimeUnit.SECONDS)) {
-                process.destroyForcibly();
-                process.waitFor(WAIT_SECONDS, TimeUnit.SECONDS);
-            }
-        }
+        process.close();
     }
 }
