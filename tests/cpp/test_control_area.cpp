@@ -1,8 +1,8 @@
 // One VM's per-VM area: every field's size guard at its exact boundary in both widths (with the
 // instance area's figures), texts cut by their capacity or by the end of the block, and the requests:
 // their flags, the order in which a request's stores reach the VM, and what a simulated VM does
-// with them. Offsets and thresholds come from the published tables, not from the library's
-// layout structures.
+// with them (start and stop debugging through vmsim are in the Java cluster tests). Offsets and
+// thresholds come from the published tables, not from the library's layout structures.
 #include "controlAreaManager.h"
 #include "testSupport.h"
 #include "vmsimProcess.h"
@@ -283,44 +283,11 @@ TEST(ControlAreaGuards, TextsEndAtTheirCapacityOrWhereTheBlockEnds) {
 TEST(ControlAreaRequests, ParametersAreStoredBeforeTheFlagIsRaised) {
     // A made-up pid and the semaphore its VM would wait on (key 5000000 + pid * 100).
     const int fake_pid = 3100000 + getpid() % 100000;
-    int semaphore = semget(5000000 + fake_pid * 100, 1, IPC_CREAT | IPC_EXCL | 0600);
-    ASSERT_GE(semaphore, 0) << "the event key of pid " << fake_pid << " is in use";
+    noxtest::TestSemaphore semaphore(5000000 + fake_pid * 100, 1);
+    ASSERT_GE(semaphore.id(), 0) << "the event key of pid " << fake_pid << " is in use";
     for (const Request& request : requests) {
-        check_request_order<Bit32>(request, fake_pid, semaphore);
-        check_request_order<Bit64>(request, fake_pid, semaphore);
-    }
-    semctl(semaphore, 0, IPC_RMID);
-}
-
-TEST(ControlAreaRequests, StartAndStopDebuggingReachTheVm) {
-    for (const char* width : {"32", "64"}) {
-        Vmsim vm({"--type", "process", "--width", width, "--set", "from_port=9100"});
-        std::string pid = std::to_string(vm.pid());
-        {
-            ControlAreaManager_CL manager(process_cluster(vm));
-            ControlArea_CL* view = manager.get_control_area(0, true);
-            ASSERT_NE(nullptr, view);
-            EXPECT_EQ(ZUL_DEBUGGING_STATE_NOT_ACTIVE, view->get_debugging_state());
-            view->start_debugging(2);
-            EXPECT_FALSE(manager.write_failed());
-            EXPECT_EQ("REQUEST slot=0 pid=" + pid + " flag=start_debugging suspend=2", vm.wait_for("REQUEST"));
-        }
-        // A process cluster is read from a copy of its file: a new manager sees what the VM did.
-        {
-            ControlAreaManager_CL manager(process_cluster(vm));
-            ControlArea_CL* view = manager.get_control_area(0, true);
-            ASSERT_NE(nullptr, view);
-            EXPECT_EQ(ZUL_DEBUGGING_STATE_WAIT_FOR_DEBUGGER, view->get_debugging_state());
-            EXPECT_EQ(9100, view->get_current_debug_port());
-            EXPECT_EQ(0, *view->get_flag_address(ControlArea_CL::ZUL_CONTROLS_START_DEBUGGING));
-            view->stop_debugging();
-            EXPECT_EQ("REQUEST slot=0 pid=" + pid + " flag=stop_debugging", vm.wait_for("REQUEST"));
-        }
-        ControlAreaManager_CL manager(process_cluster(vm));
-        ControlArea_CL* view = manager.get_control_area(0, true);
-        ASSERT_NE(nullptr, view);
-        EXPECT_EQ(ZUL_DEBUGGING_STATE_NOT_ACTIVE, view->get_debugging_state());
-        EXPECT_EQ(-1, view->get_current_debug_port());
+        check_request_order<Bit32>(request, fake_pid, semaphore.id());
+        check_request_order<Bit64>(request, fake_pid, semaphore.id());
     }
 }
 

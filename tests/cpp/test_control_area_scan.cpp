@@ -4,8 +4,6 @@
 // take exactly the files the table expects and leave exactly the files it expects (whole names
 // only, regular files only for a copy and sockets too for a listing, stale files removed, the
 // newest file per pid, the owner of the process owns its file). Folders are private to the test.
-// And the process facts that the scan reads in one open of /proc/<pid>/stat equal what the
-// separate probes answer.
 #include "controlAreaCopy.h"
 #include "controlAreaScan.h"
 #include "sharedFile.h"
@@ -180,22 +178,4 @@ TEST(ControlAreaScan, WhichFilesArePassedListedAndRemoved) {
            {name(100, dead), TAGGED, false, 0, NEVER, NEVER, false}},
           {{name(200, live.pid()), TAGGED, false, 0, ALWAYS, ALWAYS, true},
            {name(65534, getpid()), TAGGED, true, 0, NEVER, NEVER, true}});
-}
-
-TEST(ControlAreaScan, ProcessFactsAgreeWithTheSeparateProbes) {
-    noxtest::LiveChild child;
-    pid_t dead = noxtest::reaped_child_pid();
-    for (int pid : {static_cast<int>(getpid()), static_cast<int>(child.pid()), 1, static_cast<int>(dead), 0, -1}) {
-        for (bool with_owner : {true, false}) {
-            J2SE::ProcessFacts facts = J2SE::SharedUtils::process_facts(pid, with_owner);
-            EXPECT_EQ(facts.exists, J2SE::SharedUtils::process_exists(pid)) << pid;
-            EXPECT_EQ(facts.start, J2SE::SharedUtils::creationtime_of_process(pid)) << pid;
-            struct stat folder;
-            bool visible = pid > 0 && stat(("/proc/" + std::to_string(pid)).c_str(), &folder) == 0;
-            EXPECT_EQ(facts.owner_known, with_owner && visible) << pid;
-            if (facts.owner_known) {
-                EXPECT_EQ(facts.owner, folder.st_uid) << pid;
-            }
-        }
-    }
 }

@@ -38,11 +38,6 @@ struct PublishedVm {
     bool ok = false;
 };
 
-int cycles(int normal) {
-    const char* text = getenv("NOX_RACE_ROUNDS");
-    return text != nullptr && atoi(text) > 0 ? atoi(text) : normal;
-}
-
 }  // namespace
 
 // Four threads copy and look up the blocks of two VMs that live through the whole test and of
@@ -87,7 +82,7 @@ TEST(ControlAreaCacheRaces, LookupsAndRescansWhileVmsComeAndGo) {
     }
 
     std::vector<std::unique_ptr<PublishedVm>> alive;
-    for (int cycle = 0; cycle < cycles(1000); cycle++) {
+    for (int cycle = 0; cycle < noxtest::race_rounds(1000); cycle++) {
         alive.push_back(std::make_unique<PublishedVm>(128 + cycle % 512));
         ASSERT_TRUE(alive.back()->ok);
         {

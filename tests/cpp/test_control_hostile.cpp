@@ -1,8 +1,7 @@
-// Hostile headers never make a reader leave the block: headers whose sizes overflow or promise
-// more than the block holds are refused, blocks that end with their header hold only slots not
-// in use (each placed right before an inaccessible page, so that a read past its end crashes the
-// test), and mutated headers go through a real System V segment and a real control-area file for
-// the attach paths. Random blocks through the readers alone are the fuzz target control_block.
+// Hostile headers never make a reader leave the block: a table of headers at the places where
+// arithmetic goes wrong, and mutated headers through a real System V segment and a real
+// control-area file for the attach paths. Random blocks through the readers alone are the fuzz
+// target control_block.
 // Instance-cluster id 50 (see vmsimProcess.h).
 #include "basicInstanceControlArea.h"
 #include "clusterRecords.h"
@@ -11,13 +10,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <random>
-#include <sys/ipc.h>
-#include <sys/shm.h>
 #include <unistd.h>
 
 namespace {
@@ -106,95 +102,63 @@ void read_everything(const ControlAreaManager_CL& manager) {
     }
 }
 
-// A segment this test creates and removes, under an instance-cluster key of its own.
-class TestSegment {
-public:
-    TestSegment(int id, const std::vector<unsigned char>& bytes) : _id(-1), _errno(0) {
-        key_t key = 4500000 + id * 100;
-        _id = shmget(key, bytes.size(), IPC_CREAT | IPC_EXCL | 0600);
-        if (_id == -1 && errno == EEXIST) {
-            // A segment left by an earlier run that was killed: removed if nobody is attached.
-            int stale = shmget(key, 0, 0);
-            struct shmid_ds ds;
-            if (stale != -1 && shmctl(stale, IPC_STAT, &ds) == 0 && ds.shm_nattch == 0) shmctl(stale, IPC_RMID, nullptr);
-            _id = shmget(key, bytes.size(), IPC_CREAT | IPC_EXCL | 0600);
-        }
-        _errno = _id == -1 ? errno : 0;
-        void* address = _id == -1 ? nullptr : shmat(_id, nullptr, 0);
-        if (address == nullptr || address == reinterpret_cast<void*>(-1)) return;
-        memcpy(address, bytes.data(), bytes.size());
-        shmdt(address);
-    }
-    ~TestSegment() {
-        if (_id != -1) shmctl(_id, IPC_RMID, nullptr);
-    }
-    bool ok() const { return _id != -1; }
-    std::string error() const { return strerror(_errno); }
-
-private:
-    int _id;
-    int _errno;
-};
+const uint32_t EYE = 0xFADEBABEu;
+const uint32_t V32 = 0x00060022u;
+const uint32_t V64 = 0x00060023u;
 
 }  // namespace
 
-TEST(HostileBlocks, HeadersThatPromiseTooMuchAreRefused) {
-    std::vector<Header> headers;
-    for (bool wide : {false, true}) {
-        uint32_t good = wide ? 0x00060023u : 0x00060022u;
-        for (int32_t slots : {INT_MAX, INT_MAX - 1, 65537, 1 << 20}) {
-            for (uint64_t vm_size : {0ull, 1ull, 4ull, 46072ull}) {
-                headers.push_back(Header{wide, 0xFADEBABEu, good, slots, wide ? 288u : 152u, vm_size});
-            }
-        }
-    }
-    // Sizes whose product with the slot count, or whose sum, wraps around 2^64.
-    headers.push_back(Header{true, 0xFADEBABEu, 0x00060023u, 4, 288, (~0ull) / 4 + 1});
-    headers.push_back(Header{true, 0xFADEBABEu, 0x00060023u, 2, ~0ull, 1});
-    // Negative 32-bit sizes.
-    for (uint32_t size : {0xFFFFFFFFu, 0xFFFFFFFBu, 0x80000000u}) {
-        headers.push_back(Header{false, 0xFADEBABEu, 0x00060022u, 1, 152, size});
-        headers.push_back(Header{false, 0xFADEBABEu, 0x00060022u, 1, size, 46048});
-    }
-    for (const Header& h : headers) {
-        std::vector<unsigned char> bytes(4 * 46072, 0);
-        write_header(bytes, h);
-        noxtest::GuardedBytes block(bytes.size());
-        memcpy(block.data(), bytes.data(), bytes.size());
-        for (ClusterType_CL type : {CLUSTER_TYPE_INSTANCE, CLUSTER_TYPE_PROCESS}) {
-            ControlAreaManager_CL manager(MappedBlock_CL{block.data(), block.size()}, type);
-            EXPECT_FALSE(manager.is_valid()) << h.slots << " slots of " << h.vm_size << " behind " << h.instance_size;
-            EXPECT_EQ(0, manager.get_max_vm_number());
-        }
-    }
-}
-
-TEST(HostileBlocks, BlocksThatEndWithTheirHeaderHoldOnlySlotsNotInUse) {
-    // A header of each width that ends the block, with sizes 0 and one slot; and a 288-byte
-    // instance area promising 3 slots of 0 bytes. The slots exist but none has a byte of its own
-    // (slot 0 of the first two would start at the header's own eyecatcher), so none is in use,
-    // and the instance fields behind the header read as 0.
+// Headers whose sizes overflow or promise more than the block holds are refused; blocks that end
+// with their header are taken but hold only slots not in use. Each block is placed right before
+// an inaccessible page, so that a read past its end crashes the test.
+TEST(HostileBlocks, HeadersAreRefusedOrReadWithinTheBlock) {
     struct Case {
         Header header;
         size_t length;
-    } cases[] = {{{true, 0xFADEBABEu, 0x00060023u, 1, 0, 0}, 32},
-                 {{false, 0xFADEBABEu, 0x00060022u, 1, 0, 0}, 20},
-                 {{true, 0xFADEBABEu, 0x00060023u, 3, 288, 0}, 288}};
+        bool valid;
+    };
+    // A header of each width that ends the block, with sizes 0 and one slot; and a 288-byte
+    // instance area promising 3 slots of 0 bytes. Slot 0 of the first two would start at the
+    // header's own eyecatcher: no slot has a byte of its own, so none is in use.
+    std::vector<Case> cases = {{{true, EYE, V64, 1, 0, 0}, 32, true},
+                               {{false, EYE, V32, 1, 0, 0}, 20, true},
+                               {{true, EYE, V64, 3, 288, 0}, 288, true}};
+    const size_t block = 4 * 46072;
+    for (bool wide : {false, true}) {
+        for (int32_t slots : {INT_MAX, INT_MAX - 1, 65537, 1 << 20}) {
+            for (uint64_t vm_size : {0ull, 1ull, 4ull, 46072ull}) {
+                cases.push_back({{wide, EYE, wide ? V64 : V32, slots, wide ? 288u : 152u, vm_size}, block, false});
+            }
+        }
+    }
+    // Sizes whose product with the slot count, or whose sum, wraps around 2^64; negative 32-bit sizes.
+    cases.push_back({{true, EYE, V64, 4, 288, (~0ull) / 4 + 1}, block, false});
+    cases.push_back({{true, EYE, V64, 2, ~0ull, 1}, block, false});
+    for (uint32_t size : {0xFFFFFFFFu, 0xFFFFFFFBu, 0x80000000u}) {
+        cases.push_back({{false, EYE, V32, 1, 152, size}, block, false});
+        cases.push_back({{false, EYE, V32, 1, size, 46048}, block, false});
+    }
     for (const Case& c : cases) {
+        const Header& h = c.header;
         std::vector<unsigned char> bytes(c.length, 0);
-        write_header(bytes, c.header);
-        noxtest::GuardedBytes block(c.length);
-        memcpy(block.data(), bytes.data(), c.length);
-        ControlAreaManager_CL manager(MappedBlock_CL{block.data(), block.size()}, CLUSTER_TYPE_INSTANCE);
-        ASSERT_TRUE(manager.is_valid()) << c.length;
-        ASSERT_EQ(c.header.slots, manager.get_max_vm_number());
-        for (int slot = 0; slot < c.header.slots; slot++) EXPECT_EQ(nullptr, manager.get_control_area(slot, false));
-        InstanceControlArea_CL* instance = manager.get_instance_control_area();
-        EXPECT_TRUE(instance->is_compatible());
-        EXPECT_EQ(0, instance->get_attach_count());
-        EXPECT_EQ(0u, instance->get_global_memory());
-        EXPECT_EQ(0u, instance->get_shared_pool_size());
-        read_everything(manager);
+        write_header(bytes, h);
+        noxtest::GuardedBytes guarded(c.length);
+        memcpy(guarded.data(), bytes.data(), c.length);
+        for (ClusterType_CL type : {CLUSTER_TYPE_INSTANCE, CLUSTER_TYPE_PROCESS}) {
+            if (c.valid && type == CLUSTER_TYPE_PROCESS) continue;  // a process cluster has one slot
+            ControlAreaManager_CL manager(MappedBlock_CL{guarded.data(), guarded.size()}, type);
+            ASSERT_EQ(c.valid, manager.is_valid()) << h.slots << " slots of " << h.vm_size << " behind "
+                                                   << h.instance_size << " in " << c.length;
+            ASSERT_EQ(c.valid ? h.slots : 0, manager.get_max_vm_number());
+            if (!c.valid) continue;
+            for (int slot = 0; slot < h.slots; slot++) EXPECT_EQ(nullptr, manager.get_control_area(slot, false));
+            InstanceControlArea_CL* instance = manager.get_instance_control_area();
+            EXPECT_TRUE(instance->is_compatible());
+            EXPECT_EQ(0, instance->get_attach_count());
+            EXPECT_EQ(0u, instance->get_global_memory());
+            EXPECT_EQ(0u, instance->get_shared_pool_size());
+            read_everything(manager);
+        }
     }
 }
 
@@ -208,7 +172,7 @@ TEST(HostileBlocks, MutatedHeadersThroughARealSegmentAndARealFile) {
     for (int round = 0; round < 400; round++) {
         Header h;
         std::vector<unsigned char> block = random_block(r, &h);
-        TestSegment segment(50, block);
+        noxtest::TestSegment segment(4500000 + 50 * 100, block);
         ASSERT_TRUE(segment.ok()) << "segment of instance-cluster id 50, " << block.size() << " bytes: " << segment.error();
         ClusterInfo_CL instance(false, -1, CLUSTER_TYPE_INSTANCE, 50);
         BasicInstanceControlArea_CL basic(instance);

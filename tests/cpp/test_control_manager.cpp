@@ -61,6 +61,11 @@ TEST(ControlAreaHeader, WhichHeadersAreAccepted) {
         {{"--type", "instance", "--id", "11", "--width", "32", "--block-size", "20", "--live", "none"}, true, false, false},
         {{"--type", "instance", "--id", "12", "--width", "64", "--block-size", "31", "--live", "none"}, false, false, false},
         {{"--type", "instance", "--id", "13", "--width", "64", "--block-size", "32", "--live", "none"}, true, false, false},
+        // Two slots of 46072 bytes behind a 288-byte instance area need 92432 bytes; a process
+        // cluster's file has an 8-byte lead-in that does not count towards the block.
+        {{"--type", "instance", "--id", "15", "--slots", "2", "--block-size", "92431"}, true, false, false},
+        {{"--type", "instance", "--id", "15", "--slots", "2", "--block-size", "92432"}, true, true, false},
+        {{"--type", "process", "--block-size", std::to_string(288 + 46072 - 1)}, true, false, false},
     };
     for (const Case& c : cases) {
         Vmsim vm(c.args);
@@ -69,7 +74,10 @@ TEST(ControlAreaHeader, WhichHeadersAreAccepted) {
         ControlAreaManager_CL manager(cluster_of(vm));
         EXPECT_EQ(c.accepted, basic.is_accepted()) << name;
         EXPECT_EQ(c.valid, manager.is_valid()) << name;
-        if (!manager.is_valid()) continue;
+        if (!manager.is_valid()) {
+            EXPECT_EQ(nullptr, manager.get_control_area_raw(0)) << name;
+            continue;
+        }
         InstanceControlArea_CL* instance = manager.get_instance_control_area();
         EXPECT_TRUE(instance->is_compatible()) << name;
         EXPECT_EQ(c.instance_valid, instance->is_valid()) << name;
@@ -77,34 +85,15 @@ TEST(ControlAreaHeader, WhichHeadersAreAccepted) {
         EXPECT_EQ(wide ? Bit64 : Bit32, basic.get_arch_type());
         EXPECT_EQ(wide ? 288u : 152u, instance->get_instance_control_area_size()) << name;
         EXPECT_EQ(wide ? 46072u : 46048u, instance->get_control_area_size()) << name;
-        ControlArea_CL* view = manager.get_control_area(0, true);
-        ASSERT_NE(nullptr, view) << name;
-        EXPECT_EQ(vm.pid(), view->get_pid());
-        EXPECT_EQ(0, view->get_vm_index());
-        EXPECT_EQ(wide, dynamic_cast<ControlAreaImpl_CL<Bit64>*>(view) != nullptr);
+        ASSERT_EQ(static_cast<int>(vm.slot_pids().size()), manager.get_max_vm_number()) << name;
+        for (int slot = 0; slot < manager.get_max_vm_number(); slot++) {
+            ControlArea_CL* view = manager.get_control_area(slot, true);
+            ASSERT_NE(nullptr, view) << name;
+            EXPECT_EQ(vm.slot_pids()[slot], view->get_pid());
+            EXPECT_EQ(slot, view->get_vm_index());
+            EXPECT_EQ(wide, dynamic_cast<ControlAreaImpl_CL<Bit64>*>(view) != nullptr);
+        }
     }
-}
-
-TEST(ControlAreaManager, BlockMustHoldEverySlotItPromises) {
-    // Two slots of 46072 bytes behind a 288-byte instance area need 92432 bytes.
-    {
-        Vmsim short_block({"--type", "instance", "--id", "15", "--slots", "2", "--block-size", "92431"});
-        ControlAreaManager_CL manager(cluster_of(short_block));
-        EXPECT_FALSE(manager.is_valid());
-        EXPECT_EQ(nullptr, manager.get_control_area_raw(0));
-    }
-    Vmsim whole({"--type", "instance", "--id", "15", "--slots", "2", "--block-size", "92432"});
-    ControlAreaManager_CL manager(cluster_of(whole));
-    ASSERT_TRUE(manager.is_valid());
-    ASSERT_EQ(2, manager.get_max_vm_number());
-    for (int slot = 0; slot < 2; slot++) {
-        ASSERT_NE(nullptr, manager.get_control_area(slot, true)) << slot;
-        EXPECT_EQ(whole.slot_pids()[slot], manager.get_control_area(slot, true)->get_pid());
-    }
-    // A process cluster's file: its 8-byte lead-in does not count towards the block.
-    Vmsim file({"--type", "process", "--block-size", std::to_string(288 + 46072 - 1)});
-    EXPECT_TRUE(BasicInstanceControlArea_CL(cluster_of(file)).is_accepted());
-    EXPECT_FALSE(ControlAreaManager_CL(cluster_of(file)).is_valid());
 }
 
 TEST(ControlAreaManager, OnlySlotsInUseAndOnlyLiveVmsAreHandedOut) {
@@ -113,7 +102,7 @@ TEST(ControlAreaManager, OnlySlotsInUseAndOnlyLiveVmsAreHandedOut) {
     ControlAreaManager_CL manager(cluster_of(vm));
     ASSERT_TRUE(manager.is_valid());
     ASSERT_EQ(4, manager.get_max_vm_number());
-    EXPECT_NE(nullptr, manager.get_control_area(0, true));
+    ASSERT_NE(nullptr, manager.get_control_area(0, true));
     ASSERT_NE(nullptr, manager.get_control_area(1, false));
     EXPECT_EQ(vm.slot_pids()[1], manager.get_control_area(1, false)->get_pid());
     EXPECT_EQ(nullptr, manager.get_control_area(1, true));
@@ -139,6 +128,13 @@ TEST(ControlAreaManager, OnlySlotsInUseAndOnlyLiveVmsAreHandedOut) {
     EXPECT_EQ(3, ints[4]);
     EXPECT_EQ(vm.slot_pids()[3], ints[5]);
     EXPECT_EQ(-1, ints[7]);
+    // An exit request ends the VM of slot 0, which leaves cleanly: its slot is free and it no
+    // longer counts as attached (3 slots were in use).
+    EXPECT_EQ(3, manager.get_instance_control_area()->get_attach_count());
+    manager.get_control_area(0, true)->exit(5);
+    EXPECT_EQ("EXITED slot=0 pid=" + std::to_string(vm.slot_pids()[0]) + " code=5", vm.wait_for("EXITED"));
+    EXPECT_EQ(nullptr, manager.get_control_area(0, false));
+    EXPECT_EQ(2, manager.get_instance_control_area()->get_attach_count());
     // A VM that dies after the manager was made is no longer alive.
     int victim = vm.slot_pids()[3];
     ASSERT_NE(nullptr, manager.get_control_area(3, true));
@@ -148,29 +144,32 @@ TEST(ControlAreaManager, OnlySlotsInUseAndOnlyLiveVmsAreHandedOut) {
     EXPECT_EQ(nullptr, manager.get_control_area(3, true));
 }
 
-TEST(ControlAreaManager, ExitRequestEndsOneVmOfAnInstanceCluster) {
-    Vmsim vm({"--type", "instance", "--id", "20", "--slots", "2"});
-    ControlAreaManager_CL manager(cluster_of(vm));
-    ASSERT_TRUE(manager.is_valid());
-    EXPECT_EQ(2, manager.get_instance_control_area()->get_attach_count());
-    ControlArea_CL* view = manager.get_control_area(1, true);
-    ASSERT_NE(nullptr, view);
-    int pid = vm.slot_pids()[1];
-    view->exit(5);
-    EXPECT_EQ("EXITED slot=1 pid=" + std::to_string(pid) + " code=5", vm.wait_for("EXITED"));
-    // The VM left cleanly: its slot is free and it no longer counts as attached.
-    EXPECT_EQ(nullptr, manager.get_control_area(1, false));
-    EXPECT_EQ(1, manager.get_instance_control_area()->get_attach_count());
-    EXPECT_NE(nullptr, manager.get_control_area(0, true));
-}
-
-TEST(ClusterDiscovery, ListsWhatIsPublishedInOrderUntilItEnds) {
+// Every published cluster is listed with what its header says (an id of 99 never is; an instance
+// cluster only while its attach count, less the slots of ended VMs, is above 0), instances
+// first, in ascending id, behind what the list held; and nothing once the VMs have ended.
+TEST(ClusterDiscovery, ListsLiveClustersInOrderUntilTheyEnd) {
+    struct Case {
+        std::vector<std::string> args;
+        bool listed;
+    };
+    const Case instances[] = {
+        {{"--id", "31", "--width", "32"}, true},
+        {{"--id", "33", "--slots", "2"}, true},
+        {{"--id", "99"}, false},  // a good cluster, but id 99 is never listed
+        {{"--id", "35", "--slots", "2", "--live", "none", "--dead", "0,1", "--attach-count", "2"}, false},
+        {{"--id", "36", "--slots", "2", "--live", "0", "--dead", "1", "--attach-count", "2"}, true},
+        {{"--id", "37", "--attach-count", "0"}, false},  // a live VM, but the count decides
+        {{"--id", "38", "--live", "none", "--attach-count", "1"}, true},  // a free slot subtracts nothing
+    };
     std::vector<ClusterInfo_CL> expected;
     {
+        std::vector<std::unique_ptr<Vmsim>> vms;
+        for (const Case& c : instances) {
+            std::vector<std::string> args = {"--type", "instance"};
+            args.insert(args.end(), c.args.begin(), c.args.end());
+            vms.push_back(std::make_unique<Vmsim>(args));
+        }
         Vmsim process({"--type", "process", "--width", "32"});
-        Vmsim later({"--type", "instance", "--id", "33", "--slots", "2"});
-        Vmsim earlier({"--type", "instance", "--id", "31", "--width", "32"});
-        Vmsim never({"--type", "instance", "--id", "99"});  // a good cluster, but id 99 is never listed
         Vmsim wrong_eye({"--type", "process", "--eyecatcher", "0x12345678"});
         Vmsim wrong_major({"--type", "process", "--version", version(4, 17, true)});
         Vmsim two_slots({"--type", "process", "--max-vm-nr", "2"});  // listed whatever its slot count
@@ -184,14 +183,15 @@ TEST(ClusterDiscovery, ListsWhatIsPublishedInOrderUntilItEnds) {
         found.push_back(ClusterInfo_CL(false, 12, CLUSTER_TYPE_UNKNOWN, 12345));  // kept: the list is appended to
         std::vector<ClusterInfo_CL> list = running_clusters(found);
         EXPECT_EQ(ClusterInfo_CL(false, 12, CLUSTER_TYPE_UNKNOWN, 12345), list[0]);
+        for (size_t i = 0; i < vms.size(); i++) {
+            EXPECT_EQ(instances[i].listed, index_of(list, CLUSTER_TYPE_INSTANCE, vms[i]->id()) != -1) << vms[i]->id();
+        }
         for (const ClusterInfo_CL& e : expected) {
             int i = index_of(list, e._type, e._id);
             ASSERT_GT(i, 0) << e._id;
             EXPECT_EQ(e, list[i]);
         }
-        EXPECT_EQ(-1, index_of(list, CLUSTER_TYPE_INSTANCE, 99));
-        EXPECT_TRUE(ControlAreaManager_CL(cluster_of(never)).is_valid());
-        // Every instance entry comes before every process entry, in ascending id.
+        EXPECT_TRUE(ControlAreaManager_CL(cluster_of(*vms[2])).is_valid());  // id 99 is a good cluster
         bool in_processes = false;
         int last_id = -1;
         for (size_t i = 1; i < list.size(); i++) {
@@ -205,26 +205,4 @@ TEST(ClusterDiscovery, ListsWhatIsPublishedInOrderUntilItEnds) {
     J2SE::cvector<ClusterInfo_CL> found;
     std::vector<ClusterInfo_CL> list = running_clusters(found);
     for (const ClusterInfo_CL& e : expected) EXPECT_EQ(-1, index_of(list, e._type, e._id)) << e._id;
-}
-
-TEST(ClusterDiscovery, LiveCountDiscountsSlotsOfEndedVms) {
-    struct Case {
-        int id;
-        std::vector<std::string> args;
-        bool listed;
-    } cases[] = {
-        {35, {"--slots", "2", "--live", "none", "--dead", "0,1", "--attach-count", "2"}, false},  // both ended
-        {36, {"--slots", "2", "--live", "0", "--dead", "1", "--attach-count", "2"}, true},        // one of two alive
-        {37, {"--attach-count", "0"}, false},                             // a live VM, but the count decides
-        {38, {"--live", "none", "--attach-count", "1"}, true},            // a free slot subtracts nothing
-    };
-    std::vector<std::unique_ptr<Vmsim>> vms;
-    for (const Case& c : cases) {
-        std::vector<std::string> args = {"--type", "instance", "--id", std::to_string(c.id)};
-        args.insert(args.end(), c.args.begin(), c.args.end());
-        vms.push_back(std::make_unique<Vmsim>(args));
-    }
-    J2SE::cvector<ClusterInfo_CL> found;
-    std::vector<ClusterInfo_CL> list = running_clusters(found);
-    for (const Case& c : cases) EXPECT_EQ(c.listed, index_of(list, CLUSTER_TYPE_INSTANCE, c.id) != -1) << c.id;
 }

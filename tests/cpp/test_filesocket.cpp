@@ -25,14 +25,9 @@ using J2SE::FileSocket;
 
 namespace {
 
-std::string unique_path(const std::string& tag) {
-    static int counter = 0;
-    return "/tmp/noxfs_cpp_" + std::to_string(getpid()) + "_" + tag + "_" + std::to_string(++counter);
-}
-
 // A listening server, a connected client and the accepted end.
 struct Connection {
-    noxtest::ScopedPath path{unique_path("pair")};
+    noxtest::ScopedPath path{noxtest::socket_path("pair")};
     ExceptionHandler handler;
     FileSocket server{handler};
     FileSocket client{handler};
@@ -44,35 +39,6 @@ struct Connection {
         accepted = server.accept(0, false, handler);
     }
     ~Connection() { FileSocket::destroy(accepted); }
-    // Ends the accepted side, with whatever it has not read.
-    void drop_accepted() {
-        FileSocket::destroy(accepted);
-        accepted = nullptr;
-    }
-};
-
-// Fills the socket's send buffer and the peer's receive buffer: nobody reads the peer.
-void fill(const FileSocket& socket) {
-    std::vector<char> chunk(64 * 1024, 'f');
-    while (send(socket.socket_fd(), chunk.data(), chunk.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
-    }
-}
-
-// Plain memory standing in for a pinned Java array; checks that each pin is let go before the next.
-class CheckedPin : public J2SE::PinnedBuffer {
-public:
-    explicit CheckedPin(char* bytes) : _bytes(bytes) {}
-    char* pin() override {
-        EXPECT_FALSE(_pinned) << "pinned twice without unpin";
-        _pinned = true;
-        return _bytes;
-    }
-    void unpin() override { _pinned = false; }
-    bool pinned() const { return _pinned; }
-
-private:
-    char* _bytes;
-    bool _pinned = false;
 };
 
 void ignore_signal(int) {}
@@ -115,7 +81,7 @@ long elapsed_ms(std::chrono::steady_clock::time_point since) {
 // Every refused operation reports its fixed text or the system's text with its error number.
 TEST(FileSocket, FailuresReportTheirTexts) {
     noxtest::ScopedDir dir;
-    noxtest::ScopedPath regular(unique_path("regular"));
+    noxtest::ScopedPath regular(noxtest::socket_path("regular"));
     ASSERT_TRUE(noxtest::write_file(regular.path(), 3));
     // A file of the user at a path too long for the address: a bind under the cut name would
     // change or remove it at close.
@@ -128,7 +94,7 @@ TEST(FileSocket, FailuresReportTheirTexts) {
     FileSocket server(setup);
     server.bind(longest.c_str(), 0, false, setup);
     ASSERT_FALSE(setup.has_thrown()) << setup.message().c_str();
-    std::string missing = unique_path("missing");
+    std::string missing = noxtest::socket_path("missing");
 
     struct Case {
         const char* what;
@@ -195,9 +161,9 @@ TEST(FileSocket, FailuresReportTheirTexts) {
 
 // A stale socket file is replaced, by a file of mode 0600 when access is restricted; reports of
 // an accepted socket name the server's path; only a server's close removes the file, and only
-// the file it bound itself.
+// the file it bound itself. (The stream reads' end of stream and reset are in the Java tests.)
 TEST(FileSocket, TheSocketFile) {
-    noxtest::ScopedPath stale(unique_path("stale"));
+    noxtest::ScopedPath stale(noxtest::socket_path("stale"));
     ASSERT_TRUE(noxtest::make_socket_file(stale.path()));
     ExceptionHandler handler;
     FileSocket server(handler);
@@ -214,7 +180,15 @@ TEST(FileSocket, TheSocketFile) {
     ASSERT_NE(accepted, nullptr);
     EXPECT_STREQ(accepted->socket_identifier(), stale.c_str());
     client.closef(handler);
-    ExceptionHandler broken;
+    // The accepted end reads the end of the stream without a report; a timed read of a peer that
+    // has hung up is a failed wait, not a time-out; a write breaks.
+    char byte;
+    ExceptionHandler eof, hangup, broken;
+    EXPECT_EQ(accepted->readf(&byte, 1, 0, eof), -1);
+    EXPECT_FALSE(eof.has_thrown());
+    EXPECT_EQ(accepted->readf(&byte, 1, 100, hangup), -1);
+    EXPECT_TRUE(hangup.has_thrown());
+    EXPECT_FALSE(hangup.time_out_occured());
     for (int i = 0; i < 100 && !broken.has_thrown(); i++) accepted->writef("x", 1, 0, broken);
     EXPECT_STREQ(broken.message(), "Broken pipe");
     EXPECT_STREQ(broken.socket_identifier(), stale.c_str());
@@ -239,21 +213,13 @@ TEST(FileSocket, TimeOutsAndSignals) {
     ASSERT_NE(c.accepted, nullptr);
     Connection full;
     ASSERT_NE(full.accepted, nullptr);
-    fill(full.client);
-    noxtest::ScopedPath queue_path(unique_path("queue"));
-    ExceptionHandler setup;
-    FileSocket queue(setup);
-    queue.bind(queue_path.c_str(), 1, false, setup);
-    std::vector<FileSocket*> queued;
-    for (int i = 0; i < 64 && !setup.time_out_occured(); i++) {
-        queued.push_back(FileSocket::create(setup));
-        queued.back()->connect(queue_path.c_str(), 20, setup);
-    }
-    ASSERT_TRUE(setup.time_out_occured()) << "the listen queue never filled";
+    noxtest::fill(full.client);
+    noxtest::FullQueue queue;
+    ASSERT_TRUE(queue.full()) << "the listen queue never filled";
     std::vector<char> big(4 << 20, 'b');
     char buffer[64];
-    CheckedPin pin(buffer);
-    CheckedPin big_pin(big.data());
+    noxtest::TestPin pin(buffer);
+    noxtest::TestPin big_pin(big.data());
 
     struct Case {
         const char* what;
@@ -280,7 +246,7 @@ TEST(FileSocket, TimeOutsAndSignals) {
         {"connect",
          [&](ExceptionHandler& h) {
              FileSocket waiting(h);
-             waiting.connect(queue_path.c_str(), 200, h);
+             waiting.connect(queue.path.c_str(), 200, h);
              return 0;
          },
          "Connect timed out", nullptr},
@@ -324,23 +290,6 @@ TEST(FileSocket, TimeOutsAndSignals) {
         }
         EXPECT_FALSE(pin.pinned() || big_pin.pinned()) << k.what;
     }
-    for (FileSocket* s : queued) FileSocket::destroy(s);
-}
-
-// readf gives -1 at the end of the stream without a report; a timed readf of a peer that has
-// hung up is a failed wait. (The stream reads' end of stream and reset are in the Java tests.)
-TEST(FileSocket, ReadfAtTheEndOfTheStream) {
-    Connection c;
-    ASSERT_NE(c.accepted, nullptr);
-    c.drop_accepted();
-    char byte;
-    ExceptionHandler eof;
-    EXPECT_EQ(c.client.readf(&byte, 1, 0, eof), -1);
-    EXPECT_FALSE(eof.has_thrown());
-    ExceptionHandler hangup;
-    EXPECT_EQ(c.client.readf(&byte, 1, 100, hangup), -1);
-    EXPECT_TRUE(hangup.has_thrown());
-    EXPECT_FALSE(hangup.time_out_occured());
 }
 
 // Bare names lie in /tmp, cut to 94 bytes but never inside a character; a server is attachable
@@ -351,8 +300,8 @@ TEST(FileSocket, SocketFileNamesAndOwners) {
     EXPECT_EQ(std::string(FileSocket::create_identifier(std::string(120, 'm').c_str()).c_str()),
               "/tmp/" + std::string(94, 'm'));
 
-    EXPECT_EQ(FileSocket::is_filesocket_server_attachable(unique_path("none").c_str()), -1);
-    noxtest::ScopedPath own(unique_path("own"));
+    EXPECT_EQ(FileSocket::is_filesocket_server_attachable(noxtest::socket_path("none").c_str()), -1);
+    noxtest::ScopedPath own(noxtest::socket_path("own"));
     ASSERT_TRUE(noxtest::make_socket_file(own.path()));
     EXPECT_EQ(FileSocket::is_filesocket_server_attachable(own.c_str()), 0);
     if (getuid() != 0) {

@@ -1,7 +1,7 @@
 // Races of the file-socket layer: a close by one thread while others are blocked in accept, read,
-// write and connect on the socket, a number reused at once after the close, and two closes with
-// a caller still inside. Each test repeats its race many times; the `tsan` preset runs them under
-// ThreadSanitizer.
+// write and connect on the socket (its number reused at once after the close), and two closes
+// with a caller still inside. Each test repeats its race many times; the `tsan` preset runs them
+// under ThreadSanitizer.
 #include "fileSocket.h"
 #include "testSupport.h"
 
@@ -31,11 +31,6 @@ using J2SE::FileSocket;
 namespace {
 
 const std::chrono::seconds WAIT_LIMIT(10);
-
-std::string unique_path(const std::string& tag) {
-    static std::atomic<int> counter{0};
-    return "/tmp/noxfs_race_" + std::to_string(getpid()) + "_" + tag + "_" + std::to_string(++counter);
-}
 
 int open_descriptors() {
     DIR* dir = opendir("/proc/self/fd");
@@ -71,47 +66,10 @@ void await(const std::function<bool()>& condition, const char* what) {
     }
 }
 
-int rounds(int normal) {
-    const char* text = getenv("NOX_RACE_ROUNDS");
-    return text != nullptr && atoi(text) > 0 ? atoi(text) : normal;
-}
-
-}  // namespace
-
-namespace {
-
-// Plain memory standing in for a pinned Java array.
-class PlainPin : public J2SE::PinnedBuffer {
-public:
-    explicit PlainPin(char* bytes) : _bytes(bytes) {}
-    char* pin() override { return _bytes; }
-    void unpin() override {}
-
-private:
-    char* _bytes;
-};
-
-// A server with backlog 1 whose listen queue is full: a further connect waits.
-struct FullQueue {
-    noxtest::ScopedPath path{unique_path("queue")};
-    ExceptionHandler handler;
-    FileSocket server{handler};
-    std::vector<FileSocket*> queued;
-
-    FullQueue() {
-        server.bind(path.c_str(), 1, false, handler);
-        for (int i = 0; i < 64 && !handler.time_out_occured(); i++) {
-            queued.push_back(FileSocket::create(handler));
-            queued.back()->connect(path.c_str(), 20, handler);
-        }
-    }
-    ~FullQueue() {
-        for (FileSocket* s : queued) FileSocket::destroy(s);
-    }
-};
-
 // One cycle: `block` runs on its own thread until a close of `socket` releases it; the close
-// runs when the thread is registered in the socket's system call.
+// runs when the thread is registered in the socket's system call. At once after the close a pipe
+// takes the lowest free numbers, as another thread of the VM would: the released call must not
+// read from or write to it under its socket's old number.
 void close_while_blocked(FileSocket& socket, const std::function<void()>& block, const char* what) {
     std::atomic<bool> returned{false};
     std::thread blocked([&] {
@@ -121,9 +79,16 @@ void close_while_blocked(FileSocket& socket, const std::function<void()>& block,
     await([&] { return registered_threads(socket) > 0; }, what);
     ExceptionHandler closing;
     socket.closef(closing);
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+    EXPECT_EQ(write(fds[1], "z", 1), 1);
     EXPECT_FALSE(closing.has_thrown()) << closing.message().c_str();
     await([&] { return returned.load(); }, "the blocked thread returned after the close");
     blocked.join();
+    char left[2];
+    EXPECT_EQ(read(fds[0], left, sizeof left), 1) << what << ": the released call used the pipe";
+    close(fds[0]);
+    close(fds[1]);
 }
 
 }  // namespace
@@ -132,17 +97,17 @@ void close_while_blocked(FileSocket& socket, const std::function<void()>& block,
 // thread, with a failure (-1 for readf), and no descriptor is left behind. The close comes when
 // the thread is registered in the call: before it has made the system call or inside it.
 TEST(FileSocketRaces, CloseReleasesEveryBlockedCall) {
-    FullQueue full;
-    ASSERT_TRUE(full.handler.time_out_occured()) << "the listen queue never filled";
+    noxtest::FullQueue full;
+    ASSERT_TRUE(full.full()) << "the listen queue never filled";
     const int before = open_descriptors();
-    noxtest::ScopedPath path(unique_path("blocked"));
+    noxtest::ScopedPath path(noxtest::socket_path("blocked"));
     ExceptionHandler setup;
     FileSocket server(setup);
     server.bind(path.c_str(), 0, false, setup);
     std::vector<char> chunk(64 * 1024, 'w');
     char byte;
-    PlainPin pin(&byte);
-    PlainPin chunk_pin(chunk.data());
+    noxtest::TestPin pin(&byte);
+    noxtest::TestPin chunk_pin(chunk.data());
     // What each kind does on its socket; true when the call came back as a failure.
     using Call = std::function<bool(FileSocket&, ExceptionHandler&)>;
     struct Kind {
@@ -163,13 +128,13 @@ TEST(FileSocketRaces, CloseReleasesEveryBlockedCall) {
         {"send_pinned", true,
          [&](FileSocket& s, ExceptionHandler& h) { return s.send_pinned(chunk_pin, size, 0, h) < size && h.has_thrown(); }},
     };
-    for (int cycle = 0; cycle < rounds(2000); cycle++) {
+    for (int cycle = 0; cycle < noxtest::race_rounds(2000); cycle++) {
         const int kind = cycle % (static_cast<int>(kinds.size()) + 3);
         bool failed = false;
         ExceptionHandler released;
         if (kind >= static_cast<int>(kinds.size())) {
             // accept on a listening socket of its own, or connect to the full queue.
-            noxtest::ScopedPath own(unique_path("accept"));
+            noxtest::ScopedPath own(noxtest::socket_path("accept"));
             FileSocket socket(setup);
             int what = kind - static_cast<int>(kinds.size());
             if (what == 0) socket.bind(own.c_str(), 0, false, setup);
@@ -188,10 +153,7 @@ TEST(FileSocketRaces, CloseReleasesEveryBlockedCall) {
             client.connect(path.c_str(), 0, setup);
             FileSocket* accepted = server.accept(0, false, setup);
             ASSERT_FALSE(setup.has_thrown()) << setup.message().c_str();
-            if (kinds[kind].fill) {
-                while (send(client.socket_fd(), chunk.data(), chunk.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
-                }
-            }
+            if (kinds[kind].fill) noxtest::fill(client);
             close_while_blocked(client, [&] { failed = kinds[kind].call(client, released); }, kinds[kind].what);
             EXPECT_TRUE(failed) << kinds[kind].what << ", cycle " << cycle;
             FileSocket::destroy(accepted);
@@ -202,53 +164,12 @@ TEST(FileSocketRaces, CloseReleasesEveryBlockedCall) {
     EXPECT_EQ(open_descriptors(), before) << "descriptors left open";
 }
 
-// Thread R is blocked in a read while the main thread closes the socket and at once opens pipes,
-// which take the lowest free numbers. R must come back with -1 and must not have read from a
-// pipe that got its socket's old number.
-TEST(FileSocketRaces, ReleasedReaderNeverTouchesAReusedNumber) {
-    noxtest::ScopedPath path(unique_path("reuse"));
-    ExceptionHandler setup;
-    FileSocket server(setup);
-    server.bind(path.c_str(), 0, false, setup);
-    for (int round = 0; round < rounds(300); round++) {
-        FileSocket client(setup);
-        client.connect(path.c_str(), 0, setup);
-        FileSocket* accepted = server.accept(0, false, setup);
-        ASSERT_FALSE(setup.has_thrown()) << setup.message().c_str();
-        std::atomic<bool> started{false};
-        std::atomic<int> result{0};
-        std::thread reader([&] {
-            ExceptionHandler handler;
-            char byte;
-            started = true;
-            result = client.readf(&byte, 1, round % 2 == 0 ? 0 : 10000, handler);
-        });
-        while (!started) std::this_thread::yield();
-        if (round % 3 == 0) usleep(200);
-        ExceptionHandler closing;
-        client.closef(closing);
-        EXPECT_FALSE(closing.has_thrown()) << closing.message().c_str();
-        int fds[2];
-        ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
-        ASSERT_EQ(write(fds[1], "z", 1), 1);
-        reader.join();
-        EXPECT_EQ(result.load(), -1);
-        char left = 0;
-        EXPECT_EQ(read(fds[0], &left, 1), 1) << "round " << round << ": the released reader took the pipe's byte";
-        close(fds[0]);
-        close(fds[1]);
-        FileSocket::destroy(accepted);
-        if (HasFailure()) break;
-    }
-    server.closef(setup);
-}
-
 // The registry: a close waits for the threads registered in calls before it releases the
 // number, a second close returns only when the first has finished, and a registration that
 // comes after the close is refused.
 TEST(FileSocketRaces, CloseWaitsForCallersAndForTheFirstCloser) {
-    for (int round = 0; round < rounds(50); round++) {
-        noxtest::ScopedPath path(unique_path("registry"));
+    for (int round = 0; round < noxtest::race_rounds(50); round++) {
+        noxtest::ScopedPath path(noxtest::socket_path("registry"));
         ExceptionHandler setup;
         FileSocket server(setup);
         server.bind(path.c_str(), 0, false, setup);

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <fstream>
 #include <string>
 #include <sys/stat.h>
 #include <type_traits>
@@ -20,25 +19,6 @@ using J2SE::cvector;
 using J2SE::SharedFile;
 using noxtest::LiveChild;
 using noxtest::ScopedDir;
-
-namespace {
-
-// The permissions of the mapping at `address`, as /proc/self/maps shows them ("rw-s").
-std::string mapping_permissions(const void* address) {
-    std::ifstream maps("/proc/self/maps");
-    std::string line;
-    unsigned long wanted = reinterpret_cast<unsigned long>(address);
-    while (std::getline(maps, line)) {
-        unsigned long begin = 0, end = 0;
-        char perms[5] = {0};
-        if (std::sscanf(line.c_str(), "%lx-%lx %4s", &begin, &end, perms) == 3 && begin <= wanted && wanted < end) {
-            return perms;
-        }
-    }
-    return "";
-}
-
-}  // namespace
 
 TEST(SharedFile, CreateReservesWholePagesWithTheModeAskedFor) {
     ScopedDir dir;
@@ -65,7 +45,7 @@ TEST(SharedFile, CreateReservesWholePagesWithTheModeAskedFor) {
     EXPECT_EQ(getpid(), shared.get_pid());
     const unsigned char* bytes = static_cast<const unsigned char*>(shared.get_map_address());
     for (int i = 0; i < 5000; i++) ASSERT_EQ(0, bytes[i]) << i;
-    EXPECT_EQ("rw-s", mapping_permissions(bytes));
+    EXPECT_EQ("rw-s", noxtest::mapping_permissions(bytes));
     EXPECT_TRUE(trace.errors.empty());
 
     // A link planted at the name is replaced, never followed.
@@ -95,7 +75,7 @@ TEST(SharedFile, AttachMapsOnlyARegularFileWithoutFollowingLinks) {
     for (bool writable : {false, true}) {
         ASSERT_TRUE(file.attach(writable, nullptr));
         EXPECT_EQ(3000u, file.get_map_size());
-        EXPECT_EQ(writable ? "rw-s" : "r--s", mapping_permissions(file.get_map_address()));
+        EXPECT_EQ(writable ? "rw-s" : "r--s", noxtest::mapping_permissions(file.get_map_address()));
         EXPECT_EQ('a', static_cast<const char*>(file.get_map_address())[2999]);
         EXPECT_TRUE(file.detach());
         EXPECT_FALSE(file.detach());

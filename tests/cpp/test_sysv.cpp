@@ -1,9 +1,7 @@
-// System V objects: the keys computed from cluster ids and pids, SharedMemory and SharedEvent
-// against real segments and semaphore sets that each test creates under keys of its own, one
-// owner per attachment, and the book-keeping of the mapping cache.
+// System V objects: the keys computed from cluster ids and pids, and SharedMemory and SharedEvent
+// against real segments and semaphore sets that each test creates under keys of its own.
 #include "controlAreaFile.h"
 #include "sharedEvent.h"
-#include "sharedFileCache.h"
 #include "sharedMemory.h"
 #include "testSupport.h"
 
@@ -13,45 +11,14 @@
 #include <fstream>
 #include <set>
 #include <sstream>
-#include <sys/ipc.h>
 #include <sys/sem.h>
-#include <sys/shm.h>
 #include <type_traits>
 #include <unistd.h>
 
 using J2SE::SharedEvent;
 using J2SE::SharedMemory;
-using noxtest::RecordingTrace;
 
 namespace {
-
-// A segment or a one-semaphore set created for one test and removed when it ends.
-class TestSegment {
-public:
-    TestSegment(int key, size_t size) : _id(shmget(key, size, IPC_CREAT | IPC_EXCL | 0600)) {}
-    ~TestSegment() {
-        if (_id >= 0) shmctl(_id, IPC_RMID, nullptr);
-    }
-    int id() const { return _id; }
-
-private:
-    int _id;
-};
-
-class TestSemaphore {
-public:
-    TestSemaphore(int key, int mode, int value) : _id(semget(key, 1, IPC_CREAT | IPC_EXCL | mode)) {
-        if (_id >= 0) semctl(_id, 0, SETVAL, value);
-    }
-    ~TestSemaphore() {
-        if (_id >= 0) semctl(_id, 0, IPC_RMID);
-    }
-    int id() const { return _id; }
-    int value() const { return semctl(_id, 0, GETVAL); }
-
-private:
-    int _id;
-};
 
 // The ids of the host's semaphore sets of key 0 (IPC_PRIVATE), from /proc/sysvipc/sem.
 std::set<int> private_semaphore_sets() {
@@ -66,15 +33,6 @@ std::set<int> private_semaphore_sets() {
         if (fields >> key >> id && key == 0) ids.insert(id);
     }
     return ids;
-}
-
-// Mappings of System V segments in this process.
-int sysv_mappings() {
-    std::ifstream maps("/proc/self/maps");
-    std::string line;
-    int count = 0;
-    while (std::getline(maps, line)) count += line.find("/SYSV") != std::string::npos;
-    return count;
 }
 
 }  // namespace
@@ -108,92 +66,49 @@ TEST(SystemV, KeysOfClustersAndVmsAndOnlyThose) {
                                                                    nullptr, nullptr).get_map_address());
 }
 
-TEST(SystemV, SharedMemoryAttachesReadWriteAndHasOneOwner) {
+TEST(SystemV, SegmentsAndEventsAttachWithOneOwnerEach) {
     static_assert(!std::is_copy_constructible<SharedMemory>::value, "SharedMemory must not be copyable");
     int key = noxtest::private_ipc_key(1);
-    TestSegment segment(key, 12345);
-    ASSERT_GE(segment.id(), 0);
-    const int before = sysv_mappings();
+    noxtest::TestSegment segment(key, std::vector<unsigned char>(12345, 0));
+    ASSERT_TRUE(segment.ok()) << segment.error();
     void* address = nullptr;
     {
         SharedMemory memory(key);
         EXPECT_FALSE(memory.detach());
         ASSERT_TRUE(memory.attach(false, nullptr, nullptr));
         EXPECT_EQ(12345u, memory.get_map_size());
-        static_cast<char*>(memory.get_map_address())[12344] = 'z';
-        EXPECT_TRUE(memory.detach());
-        EXPECT_FALSE(memory.detach());
-        ASSERT_TRUE(memory.attach(true, nullptr, nullptr));  // the key is kept: attach again
         address = memory.get_map_address();
-        EXPECT_EQ('z', static_cast<char*>(address)[12344]);
-        // Moving hands the attachment over; the source detaches nothing and keeps its key.
-        SharedMemory moved(std::move(memory));
-        EXPECT_FALSE(memory.detach());
-        EXPECT_EQ(key, memory.get_key());
-        EXPECT_EQ(address, moved.get_map_address());
-        // A move assignment releases the target's own attachment first.
+        static_cast<char*>(address)[12344] = 'z';  // attached read-write
+        // A move assignment releases the target's own attachment first; the source keeps its key.
         SharedMemory other(key);
         ASSERT_TRUE(other.attach(true, nullptr, nullptr));
-        EXPECT_EQ(before + 2, sysv_mappings());
-        other = std::move(moved);
-        EXPECT_EQ(before + 1, sysv_mappings());
+        void* own = other.get_map_address();
+        other = std::move(memory);
+        EXPECT_EQ(0, noxtest::mapping_count(own));
+        EXPECT_FALSE(memory.detach());
+        EXPECT_EQ(key, memory.get_key());
+        EXPECT_EQ(address, other.get_map_address());
     }
-    EXPECT_EQ(before, sysv_mappings());
     EXPECT_EQ(0, noxtest::mapping_count(address));
 
-    RecordingTrace trace;
-    int missing = noxtest::private_ipc_key(2);
-    EXPECT_FALSE(SharedMemory(missing).attach(false, nullptr, &trace));
-    ASSERT_EQ(1u, trace.errors.size());
-    EXPECT_EQ("SharedMemory::attach: shmget failed (key=" + std::to_string(missing) + ") (2: No such file or directory)",
-              trace.errors[0]);
-}
-
-TEST(SystemV, AnEventDrivesTheVmsSemaphoreToZero) {
-    // The key of a made-up pid's VM event; the set is created by the test as a VM would.
+    // The event of a made-up pid, set up as its VM would: a signal drives the semaphore to 0.
     int pid = 3000000 + getpid() % 100000;
-    int key = 5000000 + pid * 100;
-    TestSemaphore semaphore(key, 0700, 5);
+    noxtest::TestSemaphore semaphore(5000000 + pid * 100, 5);
     ASSERT_GE(semaphore.id(), 0);
     SharedEvent event = J2SE::ControlAreaFile::attach_shared_event(pid, SharedEvent::SHARED_EVENT_KEY_CONTROLS);
     ASSERT_EQ(semaphore.id(), event.get_handle());
     EXPECT_FALSE(event.attach(nullptr));  // attaching twice is refused
-    EXPECT_EQ(5, semaphore.value());
     EXPECT_TRUE(event.signal());
     EXPECT_EQ(0, semaphore.value());
 
-    RecordingTrace trace;
-    int missing = noxtest::private_ipc_key(4);
+    // Missing objects fail, and say which key and why.
+    noxtest::RecordingTrace trace;
+    int missing = noxtest::private_ipc_key(2);
+    EXPECT_FALSE(SharedMemory(missing).attach(false, nullptr, &trace));
     SharedEvent none(J2SE::cstring(), missing);
     EXPECT_FALSE(none.signal());
     EXPECT_FALSE(none.attach(&trace));
-    ASSERT_EQ(1u, trace.errors.size());
-    EXPECT_EQ("SharedEvent::attach: semget failed (key=" + std::to_string(missing) + ") (2: No such file or directory)",
-              trace.errors[0]);
-}
-
-TEST(SystemV, MappingCacheCountsUsersAndReleasesOnTheLast) {
-    J2SE::SharedFileCacheImpl cache;
-    size_t size = 99;
-    EXPECT_EQ(nullptr, cache.lookup_mapping("", size));
-    EXPECT_EQ(nullptr, cache.lookup_mapping(nullptr, size));
-    int first = 0, second = 0, unknown = 0;
-    cache.add_mapping("/tmp/a", 100, &first);
-    cache.add_mapping("/tmp/a", 200, &second);  // the newest entry of a name hides the older
-    EXPECT_EQ(&second, cache.lookup_mapping("/tmp/a", size));
-    EXPECT_EQ(200u, size);
-    EXPECT_EQ(&second, cache.lookup_mapping("/tmp/a", size));
-    // Three users: two removals that are not the last, then the last with the size to unmap.
-    for (int use = 0; use < 2; use++) {
-        EXPECT_FALSE(cache.remove_mapping(&second, size));
-        EXPECT_EQ(0u, size);
-    }
-    EXPECT_TRUE(cache.remove_mapping(&second, size));
-    EXPECT_EQ(200u, size);
-    EXPECT_FALSE(cache.remove_mapping(&second, size));
-    EXPECT_EQ(&first, cache.lookup_mapping("/tmp/a", size));
-    size = 5;
-    EXPECT_FALSE(cache.remove_mapping(&unknown, size));
-    EXPECT_EQ(0u, size);
-    EXPECT_EQ(&J2SE::get_shared_file_cache(), &J2SE::get_shared_file_cache());
+    const std::string why = " failed (key=" + std::to_string(missing) + ") (2: No such file or directory)";
+    EXPECT_EQ(std::vector<std::string>({"SharedMemory::attach: shmget" + why, "SharedEvent::attach: semget" + why}),
+              trace.errors);
 }

@@ -1,5 +1,6 @@
 #include "testSupport.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -7,9 +8,13 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdexcept>
+#include <sys/ipc.h>
 #include <sys/mman.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -93,23 +98,60 @@ int private_ipc_key(int n) {
     return 0x6e000000 + (static_cast<int>(getpid()) % 0x100000) * 16 + n;
 }
 
+TestSegment::TestSegment(int key, const std::vector<unsigned char>& bytes) : _id(-1), _errno(0) {
+    _id = shmget(key, bytes.size(), IPC_CREAT | IPC_EXCL | 0600);
+    if (_id == -1 && errno == EEXIST) {
+        int stale = shmget(key, 0, 0);
+        struct shmid_ds ds;
+        if (stale != -1 && shmctl(stale, IPC_STAT, &ds) == 0 && ds.shm_nattch == 0) shmctl(stale, IPC_RMID, nullptr);
+        _id = shmget(key, bytes.size(), IPC_CREAT | IPC_EXCL | 0600);
+    }
+    _errno = _id == -1 ? errno : 0;
+    void* address = _id == -1 ? nullptr : shmat(_id, nullptr, 0);
+    if (address == nullptr || address == reinterpret_cast<void*>(-1)) return;
+    memcpy(address, bytes.data(), bytes.size());
+    shmdt(address);
+}
+
+TestSegment::~TestSegment() {
+    if (_id != -1) shmctl(_id, IPC_RMID, nullptr);
+}
+
+std::string TestSegment::error() const {
+    return strerror(_errno);
+}
+
+TestSemaphore::TestSemaphore(int key, int value) : _id(semget(key, 1, IPC_CREAT | IPC_EXCL | 0600)) {
+    if (_id >= 0) semctl(_id, 0, SETVAL, value);
+}
+
+TestSemaphore::~TestSemaphore() {
+    if (_id >= 0) semctl(_id, 0, IPC_RMID);
+}
+
+int TestSemaphore::value() const {
+    return semctl(_id, 0, GETVAL);
+}
+
 namespace {
 
-// The mapping of this process (a line of /proc/self/maps) that `test` accepts, by its start,
-// end and path; its path, or "-" when there is none.
+// The mapping of this process (a line of /proc/self/maps) that `test` accepts, by its start and
+// end; its path ("-" when there is none) or, with `permissions`, its permissions.
 template <typename Test>
-std::string find_mapping(Test test, int* count) {
+std::string find_mapping(Test test, int* count, bool permissions = false) {
     std::ifstream maps("/proc/self/maps");
     std::string line;
     std::string found = "-";
     while (std::getline(maps, line)) {
         unsigned long long begin = 0, end = 0;
+        char perms[5] = {0};
         int consumed = 0;
-        if (sscanf(line.c_str(), "%llx-%llx %*s %*s %*s %*s%n", &begin, &end, &consumed) < 2) continue;
+        if (sscanf(line.c_str(), "%llx-%llx %4s %*s %*s %*s%n", &begin, &end, perms, &consumed) < 3) continue;
         size_t path = line.find_first_not_of(' ', static_cast<size_t>(consumed));
         if (!test(static_cast<uintptr_t>(begin), static_cast<uintptr_t>(end))) continue;
         if (count != nullptr) ++*count;
-        if (found == "-") found = path == std::string::npos ? "" : line.substr(path);
+        if (found != "-") continue;
+        found = permissions ? perms : path == std::string::npos ? "" : line.substr(path);
     }
     return found;
 }
@@ -126,6 +168,11 @@ int mapping_count(const void* address) {
 std::string mapping_path(const void* address) {
     uintptr_t a = reinterpret_cast<uintptr_t>(address);
     return find_mapping([a](uintptr_t begin, uintptr_t end) { return begin <= a && a < end; }, nullptr);
+}
+
+std::string mapping_permissions(const void* address) {
+    uintptr_t a = reinterpret_cast<uintptr_t>(address);
+    return find_mapping([a](uintptr_t begin, uintptr_t end) { return begin <= a && a < end; }, nullptr, true);
 }
 
 std::string command_output(const std::string& command) {
@@ -160,6 +207,40 @@ GuardedBytes::GuardedBytes(size_t size) : _size(size) {
 
 GuardedBytes::~GuardedBytes() {
     munmap(_mapping, _mapping_size);
+}
+
+std::string socket_path(const std::string& tag) {
+    static std::atomic<int> counter{0};
+    return "/tmp/noxfs_cpp_" + std::to_string(getpid()) + "_" + tag + "_" + std::to_string(++counter);
+}
+
+FullQueue::FullQueue() {
+    server.bind(path.c_str(), 1, false, handler);
+    for (int i = 0; i < 64 && !handler.time_out_occured(); i++) {
+        queued.push_back(J2SE::FileSocket::create(handler));
+        queued.back()->connect(path.c_str(), 20, handler);
+    }
+}
+
+FullQueue::~FullQueue() {
+    for (J2SE::FileSocket* s : queued) J2SE::FileSocket::destroy(s);
+}
+
+void fill(const J2SE::FileSocket& socket) {
+    std::vector<char> chunk(64 * 1024, 'f');
+    while (send(socket.socket_fd(), chunk.data(), chunk.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+    }
+}
+
+char* TestPin::pin() {
+    EXPECT_FALSE(_pinned) << "pinned twice without unpin";
+    _pinned = true;
+    return _bytes;
+}
+
+int race_rounds(int normal) {
+    const char* text = getenv("NOX_RACE_ROUNDS");
+    return text != nullptr && atoi(text) > 0 ? atoi(text) : normal;
 }
 
 }  // namespace noxtest

@@ -3,6 +3,7 @@
 #ifndef NOX_TESTS_TEST_SUPPORT_H
 #define NOX_TESTS_TEST_SUPPORT_H
 
+#include "fileSocket.h"
 #include "traceOutput.h"
 
 #include <cstdint>
@@ -79,11 +80,43 @@ public:
 // small per-test number, far from the key ranges of instance clusters and VM events.
 int private_ipc_key(int n);
 
+// A System V segment holding `bytes` under `key`, removed when the object goes. A segment that a
+// killed earlier run left under the key is removed first, when nobody is attached to it.
+class TestSegment {
+public:
+    TestSegment(int key, const std::vector<unsigned char>& bytes);
+    ~TestSegment();
+    TestSegment(const TestSegment&) = delete;
+    TestSegment& operator=(const TestSegment&) = delete;
+    bool ok() const { return _id != -1; }
+    std::string error() const;  // why shmget refused
+
+private:
+    int _id;
+    int _errno;
+};
+
+// A set of one semaphore of `value` under `key`, as a VM makes its event; removed when the object goes.
+class TestSemaphore {
+public:
+    TestSemaphore(int key, int value);
+    ~TestSemaphore();
+    TestSemaphore(const TestSemaphore&) = delete;
+    TestSemaphore& operator=(const TestSemaphore&) = delete;
+    int id() const { return _id; }
+    int value() const;
+
+private:
+    int _id;
+};
+
 // Mappings of this process (lines of /proc/self/maps) whose range starts at `address`.
 int mapping_count(const void* address);
 // The path of the mapping of this process that contains `address`: "" for anonymous memory,
 // "-" when nothing is mapped there.
 std::string mapping_path(const void* address);
+// The permissions of the mapping that contains `address`, as /proc/self/maps shows them ("rw-s").
+std::string mapping_permissions(const void* address);
 
 // The 32-bit value at `offset` of the file at `path`, read with pread; -1 when it cannot be read.
 int32_t file_int32(const std::string& path, off_t offset);
@@ -108,6 +141,40 @@ private:
     unsigned char* _data;
     size_t _size;
 };
+
+// A path under /tmp for a file socket that no other test or test process uses.
+std::string socket_path(const std::string& tag);
+
+// A file-socket server of backlog 1 whose listen queue is full: a further connect waits.
+struct FullQueue {
+    ScopedPath path{socket_path("queue")};
+    J2SE::ExceptionHandler handler;
+    J2SE::FileSocket server{handler};
+    std::vector<J2SE::FileSocket*> queued;
+
+    FullQueue();
+    ~FullQueue();
+    bool full() const { return handler.time_out_occured(); }
+};
+
+// Fills the socket's send buffer and the peer's receive buffer: nobody reads the peer.
+void fill(const J2SE::FileSocket& socket);
+
+// Plain memory standing in for a pinned Java array; checks that each pin is let go before the next.
+class TestPin : public J2SE::PinnedBuffer {
+public:
+    explicit TestPin(char* bytes) : _bytes(bytes) {}
+    char* pin() override;
+    void unpin() override { _pinned = false; }
+    bool pinned() const { return _pinned; }
+
+private:
+    char* _bytes;
+    bool _pinned = false;
+};
+
+// The rounds of a race test: `normal`, or NOX_RACE_ROUNDS when that is set.
+int race_rounds(int normal);
 
 }  // namespace noxtest
 

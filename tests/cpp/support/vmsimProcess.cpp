@@ -15,6 +15,8 @@
 
 namespace noxtest {
 
+namespace {
+
 const char* vmsim_path() {
 #ifdef NOX_VMSIM
     return NOX_VMSIM;
@@ -30,6 +32,14 @@ std::vector<int> int_list(const std::string& text) {
     while (std::getline(items, item, ',')) out.push_back(std::atoi(item.c_str()));
     return out;
 }
+
+long long now_ms() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+}
+
+}  // namespace
 
 Vmsim::Vmsim(const std::vector<std::string>& args) : _pid(-1), _in(-1), _out(-1), _reaped(false), _status(0) {
     int in[2];
@@ -101,16 +111,6 @@ int Vmsim::id() const {
 std::vector<int> Vmsim::slot_pids() const {
     return int_list(field("pids"));
 }
-
-namespace {
-
-long long now_ms() {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
-}
-
-}  // namespace
 
 std::string Vmsim::next_line() {
     long long deadline = now_ms() + WAIT_MS;

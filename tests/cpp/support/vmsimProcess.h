@@ -4,11 +4,11 @@
 //
 // Instance-cluster ids are global to the host and ctest runs test cases in parallel, so every
 // test case that publishes an instance cluster uses ids of its own:
-//   10-16, 20  test_control_manager.cpp   ControlAreaHeader.*, ControlAreaManager.*
+//   10-16      test_control_manager.cpp   ControlAreaHeader.*, ControlAreaManager.*
 //   31-38, 99  test_control_manager.cpp   ClusterDiscovery.*
 //   50         test_control_hostile.cpp   HostileBlocks.MutatedHeadersThroughARealSegmentAndARealFile
 //   51-53      test_host_pass.cpp         HostPass.*
-//   65         test_vmsim_board.cpp       VmsimBoard.InstanceClusterPublishesOneBoardAndServerPerLiveVm
+//   65         test_vmsim_board.cpp       VmsimBoard.*
 // Process clusters need no table: their id is vmsim's own pid.
 #ifndef NOX_TESTS_VMSIM_PROCESS_H
 #define NOX_TESTS_VMSIM_PROCESS_H
@@ -37,21 +37,17 @@ public:
     std::vector<int> slot_pids() const;
     const std::string& ready_line() const { return _ready; }
 
-    // Every wait below is bounded, so that a test whose VM does not react fails with a message
-    // (and still cleans up) instead of hanging until CTest kills it.
+    // Every wait below is bounded by WAIT_MS, so that a test whose VM does not react fails with a
+    // message (and still cleans up) instead of hanging until CTest kills it.
     static const int WAIT_MS = 10000;
 
-    // The next line vmsim prints; empty at the end of its output or after WAIT_MS.
-    std::string next_line();
-    // Reads lines until one starts with `prefix` and returns it. When no such line comes within
-    // WAIT_MS, or the output ends first, returns a text that says so (which then shows in the
-    // failure of the test's comparison).
+    // Reads lines until one starts with `prefix` and returns it; otherwise a text that says none
+    // came (which then shows in the failure of the test's comparison).
     std::string wait_for(const std::string& prefix);
-    // Waits up to WAIT_MS for vmsim to end on its own: its exit code, or 128 + signal. When it
-    // does not end in time it is ended with SIGTERM, a message goes to standard error, and the
-    // result is -1.
+    // Waits for vmsim to end on its own: its exit code, or 128 + signal; -1 (after a SIGTERM and
+    // a message) when it does not end in time.
     int wait_exit();
-    // Ends vmsim with SIGTERM and reaps it (SIGKILL when it has not ended after WAIT_MS).
+    // Ends vmsim with SIGTERM and reaps it (SIGKILL when it has not ended in time).
     void terminate();
     // Writes `text` to vmsim's standard input (a pipe, open until the object ends).
     bool send_input(const std::string& text);
@@ -66,15 +62,11 @@ private:
     bool _reaped;
     int _status;
 
+    // The next line vmsim prints; empty at the end of its output or after WAIT_MS.
+    std::string next_line();
     // Reaps vmsim if it ends within `timeout_ms`; true once it is reaped.
     bool reap_within(int timeout_ms);
 };
-
-// The path of the vmsim executable this build made.
-const char* vmsim_path();
-
-// Splits "a,b,c" into integers ("-" is the empty list).
-std::vector<int> int_list(const std::string& text);
 
 }  // namespace noxtest
 
