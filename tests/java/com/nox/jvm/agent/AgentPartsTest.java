@@ -29,7 +29,10 @@ import java.util.Map;
 
 import org.junit.jupiter.api.Test;
 
-/** The agent's parts one by one: options, /proc parsing, collectors, requests, files, the server. */
+/**
+ * The agent's parts one by one, for what a whole VM with the agent (the CLI's agent test) does
+ * not reach: options, /proc parsing, texts, requests, damaged files, the refresh, the server.
+ */
 class AgentPartsTest {
     private static final int EUID = ProcSelf.userId(1);
     private static final long PID = ProcessHandle.current().pid();
@@ -54,55 +57,6 @@ class AgentPartsTest {
         assertEquals(new ProcSelf.CpuTimes(-1, -1), ProcSelf.parseStat("4711 no parenthesis"));
         assertEquals(new ProcSelf.CpuTimes(-1, -1), ProcSelf.parseStat("4711 (short) S 1 2"));
         assertEquals(new ProcSelf.CpuTimes(-1, -1), ProcSelf.parseStat("4711 (x) S 1 2 3 4 5 6 7 8 9 10 u s"));
-    }
-
-    @Test
-    void ownProcessFactsComeFromProc() throws IOException {
-        assertEquals(Files.getAttribute(Path.of("/proc/self/"), "unix:uid"), ProcSelf.userId(0));
-        assertTrue(EUID >= 0);
-        try (ProcSelf proc = new ProcSelf()) {
-            ProcSelf.CpuTimes times = proc.cpuTimes();
-            assertTrue(times.userMillis() > 0, times.toString());
-            assertTrue(times.systemMillis() >= 0, times.toString());
-        }
-    }
-
-    @Test
-    void collectorsAreCountedByKind() {
-        for (String full : List.of("MarkSweepCompact", "PS MarkSweep", "G1 Old Generation")) {
-            assertEquals(MxReadings.Kind.FULL, MxReadings.kindOf(full), full);
-        }
-        for (String concurrent : List.of("ZGC Cycles", "Shenandoah Cycles", "G1 Concurrent GC")) {
-            assertEquals(MxReadings.Kind.CONCURRENT, MxReadings.kindOf(concurrent), concurrent);
-        }
-        for (String young : List.of("Copy", "PS Scavenge", "G1 Young Generation", "ZGC Pauses", "Shenandoah Pauses")) {
-            assertEquals(MxReadings.Kind.YOUNG, MxReadings.kindOf(young), young);
-        }
-    }
-
-    @Test
-    void readingsOfThisVmAreSane() throws IOException {
-        try (ProcSelf proc = new ProcSelf()) {
-            MxReadings readings = new MxReadings(proc);
-            MxReadings.Figures f = new MxReadings.Figures();
-            readings.read(f);
-            assertTrue(f.heapCommitted > 0 && f.heapUsed > 0 && f.heapUsed <= f.heapCommitted);
-            assertEquals(Runtime.getRuntime().maxMemory(), f.heapMax);
-            assertTrue(f.metaspaceCommitted > 0 && f.codeCacheCommitted > 0);
-            assertTrue(f.processCpuMillis > 0 && f.userMillis >= 0 && f.systemMillis >= 0);
-            assertFalse(readings.collectorKinds().isEmpty());
-        }
-    }
-
-    @Test
-    void flagsAreWrittenAsTheVmWritesThem() {
-        assertEquals("-XX:+UseG1GC", VmFlags.format("UseG1GC", "true"));
-        assertEquals("-XX:-UsePerfData", VmFlags.format("UsePerfData", "false"));
-        assertEquals("-XX:MaxHeapSize=1024", VmFlags.format("MaxHeapSize", "1024"));
-        // This VM's collector is chosen by ergonomics or the command line, never a default.
-        String flags = VmFlags.nonDefault();
-        assertTrue(flags.matches(".*-XX:\\+Use(Serial|Parallel|G1|Z|Shenandoah)GC.*"), flags);
-        assertTrue(flags.contains("-XX:MaxHeapSize="), flags);
     }
 
     private static ByteBuffer block() {
@@ -163,9 +117,7 @@ class AgentPartsTest {
             assertEquals(List.of(42), exits);
             assertEquals(2, gcs[0]);
             ByteBuffer file = contents(path);
-            for (int flag : ControlAreaLayout.FLAGS) {
-                assertEquals(0, file.getInt(VM + flag), "flag at " + flag);
-            }
+            for (int flag : ControlAreaLayout.FLAGS) assertEquals(0, file.getInt(VM + flag), "flag at " + flag);
             assertEquals(ControlAreaLayout.DEBUGGING_NOT_ACTIVE, file.getInt(VM + ControlAreaLayout.V_DEBUGGING_STATE));
             assertEquals(-1, file.getInt(VM + ControlAreaLayout.V_CURRENT_DEBUG_PORT));
             assertEquals(0, watcher.check());
@@ -194,9 +146,7 @@ class AgentPartsTest {
         damages.put("lead-in", p -> store(p, 0, -1));
         damages.put("slot pid", p -> store(p, VM + ControlAreaLayout.V_PID, 1));
         damages.put("slot eyecatcher and every flag", p -> {
-            for (int offset = VM; offset < VM + 100; offset += 4) {
-                store(p, offset, -1);
-            }
+            for (int offset = VM; offset < VM + 100; offset += 4) store(p, offset, -1);
         });
         try (PublishedArea area = PublishedArea.create(path, EUID)) {
             area.publish(identity(), new MxReadings.Figures());
@@ -346,18 +296,12 @@ class AgentPartsTest {
 
     private static void write(SocketChannel channel, String text) throws IOException {
         ByteBuffer bytes = ByteBuffer.wrap(text.getBytes(StandardCharsets.US_ASCII));
-        while (bytes.hasRemaining()) {
-            channel.write(bytes);
-        }
+        while (bytes.hasRemaining()) channel.write(bytes);
     }
 
     private static String read(SocketChannel channel, int count) throws IOException {
         ByteBuffer bytes = ByteBuffer.allocate(count);
-        while (bytes.hasRemaining()) {
-            if (channel.read(bytes) < 0) {
-                break;
-            }
-        }
+        while (bytes.hasRemaining() && channel.read(bytes) >= 0) continue;
         return new String(bytes.array(), 0, bytes.position(), StandardCharsets.US_ASCII);
     }
 

@@ -29,23 +29,24 @@ class ControlAreaLayoutTest {
     private static final int PID = (int) ProcessHandle.current().pid();
     private static final int EUID = ProcSelf.userId(1);
 
-    private static MxReadings.Figures figures() {
+    /** The figures of the first publication (refresh 0) and of a refresh (1) with a smaller heap. */
+    private static MxReadings.Figures figures(int refresh) {
         MxReadings.Figures f = new MxReadings.Figures();
-        f.heapCommitted = 1001L << 20;
-        f.heapUsed = 333L << 20;
-        f.heapMax = 2002L << 20;
-        f.metaspaceCommitted = 44L << 20;
-        f.metaspaceMax = 555L << 20;
-        f.codeCacheCommitted = 66L << 20;
-        f.oldGenUsedAfterGc = 77L << 20;
-        f.gcCount = 12;
-        f.fullGcCount = 3;
-        f.gcMillis = 456;
-        f.fullGcMillis = 123;
-        f.concurrentGcMillis = 78;
-        f.processCpuMillis = 9876;
-        f.userMillis = 8000;
-        f.systemMillis = 1870;
+        f.heapCommitted = refresh == 0 ? 1001L << 20 : 500L << 20;
+        f.heapUsed = refresh == 0 ? 333L << 20 : 100L << 20;
+        f.heapMax = (2002L + refresh) << 20;
+        f.metaspaceCommitted = (44L + refresh) << 20;
+        f.metaspaceMax = (555L + refresh) << 20;
+        f.codeCacheCommitted = (66L + refresh) << 20;
+        f.oldGenUsedAfterGc = (77L + refresh) << 20;
+        f.gcCount = 12 + refresh;
+        f.fullGcCount = 3 + refresh;
+        f.gcMillis = 456 + refresh;
+        f.fullGcMillis = 123 + refresh;
+        f.concurrentGcMillis = 78 + refresh;
+        f.processCpuMillis = 9876 + refresh;
+        f.userMillis = 8000 + refresh;
+        f.systemMillis = 1870 + refresh;
         return f;
     }
 
@@ -55,7 +56,7 @@ class ControlAreaLayoutTest {
         try (PublishedArea area = PublishedArea.create(path, EUID)) {
             String longArgs = "-D" + "a".repeat(5000);
             area.publish(new ControlAreaWriter.Identity(PID, 1, "Test VM 17.0.99", longArgs, "-XX:+UseSerialGC -XX:MaxHeapSize=1",
-                    "demo.Main x y", "/work/dir", "tag-7", "demo.Main"), figures());
+                    "demo.Main x y", "/work/dir", "tag-7", "demo.Main"), figures(0));
 
             assertTrue(ProfilingClusterNatives.isValidVm0(PROCESS, PID, 0));
             assertEquals(1, ProfilingClusterNatives.getUniqueId0(PROCESS, PID, 0));
@@ -110,23 +111,7 @@ class ControlAreaLayoutTest {
             assertFalse(debug.debuggingLocally());
 
             // A refresh reaches the file with every figure; a smaller heap keeps the peaks.
-            MxReadings.Figures next = figures();
-            next.heapCommitted = 500L << 20;
-            next.heapUsed = 100L << 20;
-            next.metaspaceCommitted = 45L << 20;
-            next.codeCacheCommitted = 67L << 20;
-            next.oldGenUsedAfterGc = 78L << 20;
-            next.heapMax = 2003L << 20;
-            next.metaspaceMax = 556L << 20;
-            next.gcCount = 13;
-            next.fullGcCount = 4;
-            next.gcMillis = 457;
-            next.fullGcMillis = 124;
-            next.concurrentGcMillis = 79;
-            next.processCpuMillis = 9877;
-            next.userMillis = 8001;
-            next.systemMillis = 1871;
-            area.refresh(next);
+            area.refresh(figures(1));
             m = VmMemoryInfo.decode(ProfilingClusterNatives.getVmMemoryInfo0(PROCESS, PID, 0));
             assertEquals(500L << 20, m.committedJavaHeap());
             assertEquals(45L << 20, m.committedClassPool());

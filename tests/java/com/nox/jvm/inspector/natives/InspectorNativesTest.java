@@ -2,7 +2,6 @@ package com.nox.jvm.inspector.natives;
 
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertFalse;
-import static org.junit.jupiter.api.Assertions.assertNotNull;
 import static org.junit.jupiter.api.Assertions.assertNotSame;
 import static org.junit.jupiter.api.Assertions.assertNull;
 import static org.junit.jupiter.api.Assertions.assertSame;
@@ -12,7 +11,6 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import java.io.IOException;
 import java.io.RandomAccessFile;
 import java.nio.ByteBuffer;
-import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
@@ -21,18 +19,18 @@ import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
 import java.util.concurrent.TimeUnit;
-import java.util.concurrent.atomic.AtomicInteger;
 import java.util.concurrent.atomic.AtomicLong;
 
+import org.junit.jupiter.api.BeforeAll;
 import org.junit.jupiter.api.Test;
 
 /**
- * The monitoring-board collector in a real JVM, beyond what the contract test drives: boards
- * followed as their file changes and given up as they go, and boards that come and go for a long
- * time, as short-lived VMs do: the address range of a gone board is given back once its buffer
- * has been collected, so the process's mappings (lines of /proc/self/maps) and its address space
- * stay bounded instead of growing with every board until the kernel's limit. A thread that keeps
- * a gone board's buffer reads zeros meanwhile.
+ * The monitoring-board collector with our board class, beyond what the contract test drives:
+ * boards followed as their file changes and mapped anew after a release, and boards that come and
+ * go for a long time, as short-lived VMs do: the address range of a gone board is given back once
+ * its buffer has been collected, so the process's mappings (lines of /proc/self/maps) and its
+ * address space stay bounded instead of growing with every board until the kernel's limit. A
+ * thread that keeps a gone board's buffer reads zeros meanwhile.
  *
  * <p>Those boards are files of child processes that the test writes and deletes, PROCESSES at a
  * time; each is 1 MiB (sparse: one page written), so that a range kept for good shows in the
@@ -43,98 +41,72 @@ import org.junit.jupiter.api.Test;
  */
 class InspectorNativesTest {
 
-    /** A board class that counts the collector's calls, can refuse to stay alive, and reads its first byte when told it is gone. */
-    public static final class CountingBoard extends MonitoringBoard {
-        static final AtomicInteger GONE_CALLS = new AtomicInteger();
-        volatile boolean refuse;
+    /** Our board class, noting the first byte it reads when told that its board is gone. */
+    public static final class NotedBoard extends MonitoringBoard {
         volatile int firstByteWhenGone = -1;
-        final AtomicInteger aliveCalls = new AtomicInteger();
 
-        public CountingBoard(ByteBuffer buffer, int pid) {
+        public NotedBoard(ByteBuffer buffer, int pid) {
             super(buffer, pid);
-        }
-
-        @Override
-        public boolean isAlive() {
-            aliveCalls.incrementAndGet();
-            return !refuse && super.isAlive();
         }
 
         @Override
         public void processOfBoardIsGone() {
             firstByteWhenGone = buffer().get(0);
-            GONE_CALLS.incrementAndGet();
             super.processOfBoardIsGone();
         }
     }
 
-    private static CountingBoard boardOf(long pid) {
+    private static NotedBoard boardOf(long pid) {
         List<Object> ours = Arrays.stream(InspectorNatives.getListOfVisibleMonitorBoards0())
                 .filter(b -> ((MonitoringBoard) b).pid() == pid).toList();
         assertTrue(ours.size() <= 1, "one board per pid");
-        return ours.isEmpty() ? null : (CountingBoard) ours.get(0);
+        return ours.isEmpty() ? null : (NotedBoard) ours.get(0);
     }
 
-    private static void write(Path file, byte[] bytes) throws IOException {
-        try (RandomAccessFile out = new RandomAccessFile(file.toFile(), "rw")) {
-            out.write(bytes);
-        }
+    @BeforeAll
+    static void noListBeforeABoardClassWithTheMethods() {
+        assertThrows(IllegalStateException.class, InspectorNatives::getListOfVisibleMonitorBoards0);
+        assertThrows(NoSuchMethodError.class, () -> InspectorNatives.initLocalMonitorBoards0(String.class));
+        assertThrows(IllegalStateException.class, () -> InspectorNatives.initLocalMonitorBoards0(null));
     }
 
     /**
-     * Real board files that the test writes for a child process of its own (boards of other tests
-     * may be visible too; only our own pid's board is asserted on), followed as they change, given
-     * up when their object refuses or their process ends; and the refusals of a class without the
-     * methods.
+     * A board file that the test writes for a child process of its own: followed as it changes,
+     * left out while empty, mapped anew after our class releases it, and given up when its
+     * process ends; told that it is gone while its bytes are still there.
      */
     @Test
-    void boardsFollowTheFileAndAreToldWhenTheyGoWhileTheirBytesAreStillThere() throws Exception {
-        assertThrows(NoSuchMethodError.class, () -> InspectorNatives.initLocalMonitorBoards0(String.class));
-        assertThrows(IllegalStateException.class, InspectorNatives::getListOfVisibleMonitorBoards0);
-        assertThrows(IllegalStateException.class, () -> InspectorNatives.initLocalMonitorBoards0(null));
-        InspectorNatives.initLocalMonitorBoards0(CountingBoard.class);
+    void boardsFollowTheirFileAndAreMappedAnewAfterARelease() throws Exception {
+        InspectorNatives.initLocalMonitorBoards0(NotedBoard.class);
         Process child = new ProcessBuilder("sleep", "600").start();
         long uid = (Integer) Files.getAttribute(Path.of("/proc/self"), "unix:uid");
         Path boardFile = Path.of("/tmp/nox_jvm_monitoringboard_" + uid + "_" + child.pid());
-        Path bak = Path.of(boardFile + ".bak");
         try {
-            // Empty board files and names with more after the pid are left out.
-            write(boardFile, new byte[0]);
-            write(bak, new byte[] {1, 2, 3});
-            assertNull(boardOf(child.pid()));
-            assertTrue(Files.exists(bak));
-            byte[] content = "board of the child, version 1".getBytes(StandardCharsets.US_ASCII);
-            write(boardFile, content);
-            CountingBoard first = boardOf(child.pid());
-            assertNotNull(first);
-            assertEquals(content.length, first.size());
-            // The buffer is the file, mapped shared: a change of the file shows at once.
-            write(boardFile, "B".getBytes(StandardCharsets.US_ASCII));
+            Files.write(boardFile, new byte[0]);
+            assertNull(boardOf(child.pid()), "an empty board file");
+            Files.writeString(boardFile, "board of the child");
+            NotedBoard first = boardOf(child.pid());
+            assertEquals(18, first.size());
+            try (RandomAccessFile out = new RandomAccessFile(boardFile.toFile(), "rw")) {
+                out.write('B'); // the buffer is the file, mapped shared: the change shows at once
+            }
             assertEquals('B', first.buffer().get(0));
             assertSame(first, boardOf(child.pid()));
-            assertEquals(1, first.aliveCalls.get(), "asked once in the second listing");
 
-            // A board that refuses to stay alive is told it is gone (its bytes still there), left
-            // out for one listing, and comes back anew.
-            first.refuse = true;
-            int goneBefore = CountingBoard.GONE_CALLS.get();
-            assertNull(boardOf(child.pid()));
-            assertEquals(goneBefore + 1, CountingBoard.GONE_CALLS.get());
+            first.release();
+            assertNull(boardOf(child.pid()), "a released board is left out once");
             assertEquals('B', first.firstByteWhenGone);
-            CountingBoard renewed = boardOf(child.pid());
+            NotedBoard renewed = boardOf(child.pid());
             assertNotSame(first, renewed);
 
-            // The process ends: the listing deletes its file and tells its board once.
             child.destroyForcibly().waitFor(10, TimeUnit.SECONDS);
             assertNull(boardOf(child.pid()));
-            assertNull(boardOf(child.pid()));
-            assertEquals(goneBefore + 2, CountingBoard.GONE_CALLS.get());
+            assertTrue(renewed.isGone());
             assertEquals('B', renewed.firstByteWhenGone);
-            assertFalse(Files.exists(boardFile));
+            assertFalse(Files.exists(boardFile), "the listing removes the file of a gone process");
         } finally {
             child.destroyForcibly().waitFor(10, TimeUnit.SECONDS);
             Files.deleteIfExists(boardFile);
-            Files.deleteIfExists(bak);
         }
     }
 

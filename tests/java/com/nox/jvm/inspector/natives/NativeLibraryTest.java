@@ -3,7 +3,9 @@ package com.nox.jvm.inspector.natives;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
+import com.nox.jvm.inspector.filesocket.FileServerSocket;
 import com.nox.jvm.inspector.filesocket.FileSocket;
+import com.nox.jvm.inspector.filesocket.FileSocketAddress;
 import java.io.File;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
@@ -22,13 +24,13 @@ class NativeLibraryTest {
     void theLibraryNamedByItsPathServesSocketsAndNatives() throws Exception {
         Path library = findLibrary();
         String socketPath = "/tmp/noxfs_" + ProcessHandle.current().pid() + "_loader";
-        String classPath = location(FileSocket.class) + File.pathSeparator + location(NativeLibraryProbe.class);
+        String classPath = location(FileSocket.class) + File.pathSeparator + location(NativeLibraryTest.class);
         Path java = Path.of(System.getProperty("java.home"), "bin", "java");
         ProcessBuilder builder = new ProcessBuilder(List.of(java.toString(),
                 "-Dnox.inspector.library=" + library,
                 "-Djava.library.path=/nonexistent",
                 "-cp", classPath,
-                NativeLibraryProbe.class.getName(), socketPath));
+                NativeLibraryTest.class.getName(), socketPath));
         builder.redirectErrorStream(true);
         Process probe = builder.start();
         try {
@@ -40,6 +42,24 @@ class NativeLibraryTest {
             probe.destroyForcibly();
             Files.deleteIfExists(Path.of(socketPath));
         }
+    }
+
+    /**
+     * The probe, run in a JVM of its own: opens a file socket first (so the socket classes are
+     * the first to load the library), then asks an inspector native. Prints "ok".
+     */
+    public static void main(String[] args) throws Exception {
+        FileSocketAddress address = new FileSocketAddress(args[0]);
+        try (FileServerSocket server = new FileServerSocket(address, 0, true);
+                FileSocket client = new FileSocket(address, 1000);
+                FileSocket accepted = server.accept()) {
+            client.getOutputStream().write(7);
+            if (accepted.getInputStream().read() != 7) throw new IllegalStateException("byte lost");
+        }
+        if (InspectorNatives.getOwnProcessId0() != ProcessHandle.current().pid()) {
+            throw new IllegalStateException("own pid");
+        }
+        System.out.println("ok");
     }
 
     private static Path findLibrary() {
