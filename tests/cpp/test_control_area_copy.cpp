@@ -5,7 +5,6 @@
 #include "clusterQueries.h"
 #include "controlAreaFile.h"
 #include "controlAreaManager.h"
-#include "sharedUtils.h"
 #include "testSupport.h"
 #include "vmsimProcess.h"
 
@@ -26,10 +25,6 @@ using noxtest::ScopedPath;
 using noxtest::Vmsim;
 
 namespace {
-
-std::string file_of(pid_t pid) {
-    return J2SE::get_controlarea_string(pid, static_cast<int>(geteuid())).c_str();
-}
 
 off_t file_size(const std::string& path) {
     struct stat st;
@@ -72,8 +67,8 @@ std::string record(int id, VmRecordKind kind) {
 TEST(ControlAreaFiles, KnownPidsCostOneScanAndStaleFilesGo) {
     LiveChild first, second, without_file, empty_owner;
     pid_t dead = noxtest::reaped_child_pid();
-    ScopedPath first_file(file_of(first.pid())), second_file(file_of(second.pid()));
-    ScopedPath empty(file_of(empty_owner.pid())), stale(file_of(dead));
+    ScopedPath first_file(noxtest::control_area_path(first.pid())), second_file(noxtest::control_area_path(second.pid()));
+    ScopedPath empty(noxtest::control_area_path(empty_owner.pid())), stale(noxtest::control_area_path(dead));
     ASSERT_TRUE(noxtest::write_file(first_file.path(), 4096) && noxtest::write_file(second_file.path(), 100));
     ASSERT_TRUE(noxtest::write_file(empty.path(), 0) && noxtest::write_file(stale.path(), 64));
 
@@ -111,7 +106,7 @@ TEST(ControlAreaFiles, KnownPidsCostOneScanAndStaleFilesGo) {
     ControlAreaFileNames::create();
     EXPECT_TRUE(ControlAreaFile::copy_control_area(first.pid(), 1000).is_open());
 
-    ScopedPath own(file_of(getpid()));
+    ScopedPath own(noxtest::control_area_path(getpid()));
     ASSERT_TRUE(noxtest::write_file(own.path(), 64));
     ControlAreaFile::destroy_control_area();
     EXPECT_FALSE(noxtest::path_exists(own.path()));
@@ -140,7 +135,7 @@ TEST(ControlAreaCopy, CopiesTheBlockAndWritesRequestsBackIntoTheFile) {
     // A slot 200000 bytes behind the header: the first copy does not reach it, a second read
     // fetches it; one byte less than the header promises and the block is refused whole.
     LiveChild far;
-    ScopedPath far_file(file_of(far.pid()));
+    ScopedPath far_file(noxtest::control_area_path(far.pid()));
     std::vector<unsigned char> content = control_area_file(far.pid(), 200000);
     int fd = open(far_file.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
     ASSERT_TRUE(fd >= 0 && write_at(fd, content));
@@ -152,7 +147,7 @@ TEST(ControlAreaCopy, CopiesTheBlockAndWritesRequestsBackIntoTheFile) {
 
 TEST(ControlAreaCopy, AFileCutByItsOwnerIsNeitherReadNorWrittenNorGrown) {
     LiveChild owner;
-    ScopedPath path(file_of(owner.pid()));
+    ScopedPath path(noxtest::control_area_path(owner.pid()));
     std::vector<unsigned char> content = control_area_file(owner.pid());
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
     ASSERT_TRUE(fd >= 0 && write_at(fd, content));

@@ -2,7 +2,6 @@
 // processes and their /tmp/nox_jvm_* files come and go. The `tsan` preset runs it under
 // ThreadSanitizer.
 #include "controlAreaFile.h"
-#include "sharedUtils.h"
 #include "testSupport.h"
 
 #include <gtest/gtest.h>
@@ -24,13 +23,9 @@ using noxtest::ScopedPath;
 
 namespace {
 
-std::string control_area_name(pid_t pid) {
-    return J2SE::get_controlarea_string(pid, static_cast<int>(geteuid())).c_str();
-}
-
 // A live process with a control-area file of `size` bytes.
 struct PublishedVm {
-    explicit PublishedVm(size_t size) : file(control_area_name(child.pid())) {
+    explicit PublishedVm(size_t size) : file(noxtest::control_area_path(child.pid())) {
         ok = noxtest::write_file(file.path(), size);
     }
     LiveChild child;
@@ -75,7 +70,7 @@ TEST(ControlAreaCacheRaces, LookupsAndRescansWhileVmsComeAndGo) {
                 J2SE::cstring name = ControlAreaFileNames::lookup(pid);
                 bool stable = pid == stable_a.child.pid() || pid == stable_b.child.pid();
                 if (stable && (!copy.is_open() || !header_read)) stable_misses++;
-                if (!name.is_empty() && name.c_str() != control_area_name(pid)) wrong_names++;
+                if (!name.is_empty() && name.c_str() != noxtest::control_area_path(pid)) wrong_names++;
                 reads++;
             }
         });

@@ -167,7 +167,7 @@ TEST(HostileBlocks, MutatedHeadersThroughARealSegmentAndARealFile) {
     int valid_segments = 0;
     int valid_files = 0;
     noxtest::LiveChild child;
-    std::string path = "/tmp/nox_jvm_" + std::to_string(geteuid()) + "_" + std::to_string(child.pid());
+    std::string path = noxtest::control_area_path(child.pid());
     noxtest::ScopedPath cleanup(path);
     for (int round = 0; round < 400; round++) {
         Header h;

@@ -1,5 +1,7 @@
 #include "testSupport.h"
 
+#include "sharedUtils.h"
+
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -66,6 +68,10 @@ ScopedDir::ScopedDir() {
 ScopedDir::~ScopedDir() {
     std::string command = "rm -rf '" + _path + "'";
     if (std::system(command.c_str()) != 0) fprintf(stderr, "could not remove %s\n", _path.c_str());
+}
+
+std::string control_area_path(pid_t pid) {
+    return J2SE::get_controlarea_string(pid, static_cast<int>(geteuid())).c_str();
 }
 
 bool write_file(const std::string& path, size_t size) {

@@ -59,6 +59,8 @@ private:
     std::string _path;
 };
 
+// The name of the control-area file of `pid`'s VM, as this user's VM would make it.
+std::string control_area_path(pid_t pid);
 // Creates a regular file with `size` bytes (all 'a'); returns false on failure.
 bool write_file(const std::string& path, size_t size);
 // Creates a bound Unix-domain socket file at `path` (the socket itself is closed again).
