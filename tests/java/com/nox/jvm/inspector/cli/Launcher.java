@@ -112,9 +112,9 @@ final class Launcher {
         return flatJson(r.out());
     }
 
-    /** A JSON string as flatJson gives it. */
+    /** A string as flatJson gives it (ASCII text: only quotes and backslashes are escaped). */
     static String q(String text) {
-        return "\"" + text + "\"";
+        return "\"" + text.replace("\\", "\\\\").replace("\"", "\\\"") + "\"";
     }
 
     /**
@@ -147,17 +147,6 @@ final class Launcher {
             }
         }
         return flat;
-    }
-
-    /** True when Python's json module reads {@code json} and finds {@code expected} at {@code path}. */
-    static boolean jsonStringAt(String json, String expected, String... path) throws IOException,
-            InterruptedException {
-        List<String> command = new ArrayList<>(List.of("python3", "-c",
-                "import json, sys\nv = json.loads(sys.stdin.read())\nfor k in sys.argv[2:]: v = v[k]\n"
-                        + "sys.exit(0 if v == sys.argv[1] else 1)",
-                expected));
-        command.addAll(Arrays.asList(path));
-        return exec(command, Map.of(), json).exitCode() == 0;
     }
 
     static Result exec(List<String> command, Map<String, String> environment, String input)

@@ -118,13 +118,11 @@ class NoxinspectAgentTest {
                     listed.ref().clusterId(), listed.ref().slot(), listed.vmId(),
                     inspector.state(listed.ref()).orElseThrow().pid()));
             VmStartInfo start = inspector.startInfo(listed.ref()).orElseThrow();
-            assertEquals(JdkVm.MAIN_CLASS, start.mainClass());
-            assertEquals(JdkVm.MAIN_CLASS + " first second", start.javaArguments());
+            assertEquals(List.of(JdkVm.MAIN_CLASS, JdkVm.MAIN_CLASS + " first second", System.getProperty("user.dir"),
+                    "nox-agent", true, false), List.of(start.mainClass(), start.javaArguments(),
+                    start.workingDirectory(), start.vmTag(), start.hasMetaspace(), start.runsWithMonitoringBoard()));
             assertTrue(start.vmArguments().contains("-javaagent:" + JdkVm.agentJar()), start.vmArguments());
-            assertEquals(System.getProperty("user.dir"), start.workingDirectory());
             assertTrue(start.vmVersion().contains(System.getProperty("java.vm.version")), start.vmVersion());
-            assertEquals("nox-agent", start.vmTag());
-            assertTrue(start.hasMetaspace() && !start.runsWithMonitoringBoard());
             assertTrue(start.vmFlags().contains("-XX:+UseSerialGC"), start.vmFlags());
             assertTrue(start.vmFlags().contains("-XX:MaxHeapSize=" + (64 << 20)), start.vmFlags());
             assertFalse(start.vmFlags().contains("UseG1GC"), "a flag at its default is not listed: " + start.vmFlags());
@@ -134,18 +132,15 @@ class NoxinspectAgentTest {
             Map<String, String> entry = entries(vm.pid()).get(0);
             assertEquals(List.of(q("process:" + vm.pid()), q(JdkVm.MAIN_CLASS), q("NOT_ACTIVE")),
                     List.of(entry.get("cluster"), entry.get("mainClass"), entry.get("debuggingState")));
-            String text = Launcher.run("list").out();
-            assertTrue(text.lines().anyMatch(l -> l.contains(" " + vm.pid() + " ") && l.contains(JdkVm.MAIN_CLASS)), text);
 
             // Memory against the VM's own MXBeans; a fixed heap (-Xms = -Xmx): committed and maximum do not move.
             Map<String, Long> before = vm.readings();
             Thread.sleep(300);  // at least two refreshes
             VmMemoryInfo memory = inspector.memoryInfo(listed.ref()).orElseThrow();
             Map<String, Long> after = vm.readings();
-            assertEquals(before.get("committed"), after.get("committed"));
-            assertEquals(before.get("committed"), memory.committedJavaHeap());
-            assertEquals(before.get("committed"), memory.globalMemory());
-            assertEquals(before.get("max"), memory.maxOldGenSize());
+            assertEquals(List.of(before.get("committed"), before.get("committed"), before.get("committed"),
+                    before.get("max")), List.of(after.get("committed"), memory.committedJavaHeap(),
+                    memory.globalMemory(), memory.maxOldGenSize()), memory.toString());
             long low = Math.min(before.get("used"), after.get("used")) - 2 * MIB;
             long high = Math.max(before.get("used"), after.get("used")) + 2 * MIB;
             assertTrue(memory.globalAllocatedMemory() >= low && memory.globalAllocatedMemory() <= high,

@@ -32,7 +32,8 @@ import org.junit.jupiter.api.Test;
  * {@code noxinspect watch} as a real process: VMs of process and instance clusters and JDK VMs
  * known by their performance data that run when it starts, appear, change, end on request, on
  * SIGTERM and killed outright; a neighbour who plants, touches and deletes names under /tmp (by a
- * second user when this runs as root); and which performance-data folders it follows. Instance clusters 56 and 57 are this class's own.
+ * second user when this runs as root); and which performance-data folders it follows. Instance
+ * clusters 56 and 57 are this class's own.
  */
 class WatchTest {
     private static final String USER = System.getProperty("user.name");
@@ -95,11 +96,8 @@ class WatchTest {
                 await(watch, "present", slots[0]);
                 await(watch, "present", slots[2]);
                 Map<String, String> hotspot = await(watch, "present", jdk.pid());
-                for (String key : List.of("cluster", "clusterType")) {
-                    assertEquals("\"hotspot\"", hotspot.get(key), hotspot.toString());
-                }
-                assertEquals("null", hotspot.get("slot"), hotspot.toString());
-                assertEquals("null", hotspot.get("vmId"), hotspot.toString());
+                assertEquals(List.of("\"hotspot\"", "\"hotspot\"", "null", "null"), List.of(hotspot.get("cluster"),
+                        hotspot.get("clusterType"), hotspot.get("slot"), hotspot.get("vmId")), hotspot.toString());
                 Map<String, String> merged = await(watch, "present", both.pid());
                 assertCluster("process:" + both.pid(), merged);
                 assertEquals("\"hotspot\"", merged.get("sources.1"), merged.toString());
