@@ -1,6 +1,6 @@
-// The file-socket layer without a JVM: what each failure reports, the socket file, time-outs
-// and signals, and the reads and writes of the Java streams. Closes racing blocked calls are in
-// test_filesocket_races.cpp.
+// The file-socket layer without a JVM: what each failure reports, the socket file and a peer that
+// hangs up, time-outs and signals, and socket file names and owners. Closes racing blocked calls
+// are in test_filesocket_races.cpp.
 #include "fileSocket.h"
 #include "testSupport.h"
 

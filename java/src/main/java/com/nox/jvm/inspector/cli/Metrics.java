@@ -21,6 +21,7 @@ import java.util.List;
 import java.util.Optional;
 import java.util.OptionalDouble;
 import java.util.Set;
+import java.util.function.BiFunction;
 import java.util.function.Function;
 import java.util.function.ToLongFunction;
 
@@ -46,8 +47,23 @@ final class Metrics {
         }
     }
 
-    /** One family: its base name (counters without _total, info without _info) and how to read it. */
-    record Family(String name, Type type, String unit, String help, Function<HostSnapshot, List<Sample>> read) {
+    /**
+     * One family: its base name (counters without _total, info without _info) and how to read it,
+     * either per VM (each sample under the VM's labels) or once for the host.
+     */
+    record Family(String name, Type type, String unit, String help, BiFunction<HostVm, Cpu, List<Sample>> perVm,
+                  Function<HostSnapshot, List<Sample>> perHost) {
+    }
+
+    /**
+     * The CPU seconds of a VM's process as the kernel counts them (negative: unknown) and the unit
+     * of its control-area times that they tell: read once per VM and scrape, used by several families.
+     */
+    record Cpu(double kernelSeconds, OptionalDouble secondsPerUnit) {
+        static Cpu of(HostVm vm) {
+            double kernel = ProcessCpu.seconds(vm.pid(), vm.startTime());
+            return new Cpu(kernel, ControlAreaUnits.secondsPerUnit(vm, kernel));
+        }
     }
 
     private static final String BYTES = "bytes";
@@ -61,12 +77,9 @@ final class Metrics {
             vm("process_start_time_seconds", Type.GAUGE, SECONDS,
                     "Start time of the VM's process since the Unix epoch in seconds (whole seconds)",
                     vm -> vm.startTime() > 0 ? one(Long.toString(vm.startTime())) : List.of()),
-            vm("process_cpu_seconds", Type.COUNTER, SECONDS,
+            withCpu("process_cpu_seconds", Type.COUNTER, SECONDS,
                     "CPU time of the VM's process, user plus system, in seconds, as the kernel counts it (/proc)",
-                    vm -> {
-                        double seconds = ProcessCpu.seconds(vm.pid(), vm.startTime());
-                        return seconds < 0 ? List.of() : one(Double.toString(seconds));
-                    }),
+                    (vm, cpu) -> cpu.kernelSeconds() < 0 ? List.of() : one(Double.toString(cpu.kernelSeconds()))),
             vm("jvm_memory_used_bytes", Type.GAUGE, BYTES,
                     "Used bytes of the VM's Java heap (area heap) and metaspace (area nonheap), from its performance data",
                     vm -> MemoryFigures.areas(vm, MemoryFigures.Figure::used)),
@@ -102,24 +115,24 @@ final class Metrics {
                     vm -> memory(vm, VmMemoryInfo::numberOfGcs)),
             vm("nox_vm_gc_full_collections", Type.COUNTER, null, "Full garbage collections of the VM",
                     vm -> memory(vm, VmMemoryInfo::numberOfFullGcs)),
-            vm("nox_vm_gc_duration_vm_units", Type.COUNTER, null,
+            withCpu("nox_vm_gc_duration_vm_units", Type.COUNTER, null,
                     "Time spent in garbage collections, in the unit the VM publishes (not known, not converted)",
-                    vm -> vmUnits(vm, VmMemoryInfo::durationOfGcs)),
-            vm("nox_vm_gc_full_duration_vm_units", Type.COUNTER, null,
+                    (vm, cpu) -> vmUnits(vm, cpu, VmMemoryInfo::durationOfGcs)),
+            withCpu("nox_vm_gc_full_duration_vm_units", Type.COUNTER, null,
                     "Time spent in full garbage collections, in the unit the VM publishes (not known, not converted)",
-                    vm -> vmUnits(vm, VmMemoryInfo::durationOfFullGcs)),
-            vm("nox_vm_gc_concurrent_duration_vm_units", Type.COUNTER, null,
+                    (vm, cpu) -> vmUnits(vm, cpu, VmMemoryInfo::durationOfFullGcs)),
+            withCpu("nox_vm_gc_concurrent_duration_vm_units", Type.COUNTER, null,
                     "Time spent in concurrent garbage collections, in the unit the VM publishes (not known, not converted)",
-                    vm -> vmUnits(vm, VmMemoryInfo::durationOfConcurrentGcs)),
-            vm("nox_vm_gc_duration_seconds", Type.COUNTER, SECONDS,
+                    (vm, cpu) -> vmUnits(vm, cpu, VmMemoryInfo::durationOfConcurrentGcs)),
+            withCpu("nox_vm_gc_duration_seconds", Type.COUNTER, SECONDS,
                     "Time spent in garbage collections in seconds, from a control area whose unit is known",
-                    vm -> seconds(vm, VmMemoryInfo::durationOfGcs)),
-            vm("nox_vm_gc_full_duration_seconds", Type.COUNTER, SECONDS,
+                    (vm, cpu) -> seconds(vm, cpu, VmMemoryInfo::durationOfGcs)),
+            withCpu("nox_vm_gc_full_duration_seconds", Type.COUNTER, SECONDS,
                     "Time spent in full garbage collections in seconds, from a control area whose unit is known",
-                    vm -> seconds(vm, VmMemoryInfo::durationOfFullGcs)),
-            vm("nox_vm_gc_concurrent_duration_seconds", Type.COUNTER, SECONDS,
+                    (vm, cpu) -> seconds(vm, cpu, VmMemoryInfo::durationOfFullGcs)),
+            withCpu("nox_vm_gc_concurrent_duration_seconds", Type.COUNTER, SECONDS,
                     "Time spent in concurrent garbage collections in seconds, from a control area whose unit is known",
-                    vm -> seconds(vm, VmMemoryInfo::durationOfConcurrentGcs)),
+                    (vm, cpu) -> seconds(vm, cpu, VmMemoryInfo::durationOfConcurrentGcs)),
             vm("jvm_gc_collection_seconds", Type.SUMMARY, SECONDS,
                     "Collections of one garbage collector of the VM (count) and their time in seconds (sum), from its"
                             + " performance data (gc: the collector as its GarbageCollectorMXBean names it)",
@@ -142,7 +155,7 @@ final class Metrics {
                     vm -> hotspot(vm, HotSpotFigures::threadsStarted)),
             vm("nox_vm_out_of_memory_errors", Type.COUNTER, null, "OutOfMemoryErrors the VM has thrown",
                     vm -> memory(vm, m -> (long) m.outOfMemoryErrorCount())),
-            vm("nox_vm_process_cpu_time_vm_units", Type.COUNTER, null,
+            withCpu("nox_vm_process_cpu_time_vm_units", Type.COUNTER, null,
                     "CPU time of the VM's process, system plus user, in the unit the VM publishes (not known, not converted)",
                     Metrics::cpuTime),
             vm("nox_vm_debugging_state", Type.GAUGE, null, "1 for the VM's current debugging state, 0 for the others",
@@ -150,15 +163,15 @@ final class Metrics {
             vm("nox_vm_debug_port", Type.GAUGE, null, "The port the VM's debugging agent listens on, while it debugs",
                     vm -> debug(vm).filter(d -> d.currentDebugPort() > 0)
                             .map(d -> one(Integer.toString(d.currentDebugPort()))).orElse(List.of())),
-            new Family("nox_host_vms", Type.GAUGE, null,
+            host("nox_host_vms", Type.GAUGE, null,
                     "Live VMs that the pass found on this host, each once (control area, performance data or both)",
                     host -> one(Integer.toString(host.vms().size()))),
-            new Family("nox_host_clusters", Type.GAUGE, null, "Running clusters that the pass found on this host, by type",
+            host("nox_host_clusters", Type.GAUGE, null, "Running clusters that the pass found on this host, by type",
                     Metrics::clusters),
-            new Family("nox_host_hotspot_only_vms", Type.GAUGE, null,
+            host("nox_host_hotspot_only_vms", Type.GAUGE, null,
                     "Live HotSpot VMs of this host known only from their performance data (no control area)",
                     host -> one(Long.toString(host.vms().stream().filter(vm -> vm.controlArea().isEmpty()).count()))),
-            new Family("nox_host_pass_duration_seconds", Type.GAUGE, SECONDS,
+            host("nox_host_pass_duration_seconds", Type.GAUGE, SECONDS,
                     "How long the native pass over the host took for this scrape",
                     host -> one(Double.toString(host.controlAreaNanos() / 1e9))));
 
@@ -167,14 +180,30 @@ final class Metrics {
 
     /** The whole exposition of a snapshot. */
     static String render(HostSnapshot snapshot, Exposition format) {
-        StringBuilder out = new StringBuilder(4096 + snapshot.vms().size() * 3000);
+        List<HostVm> vms = snapshot.vms();
+        StringBuilder out = new StringBuilder(4096 + vms.size() * 3000);
+        // Each VM's labels are the same in every family: written once, copied into each sample.
+        String[] vmLabels = new String[vms.size()];
+        Cpu[] cpu = new Cpu[vms.size()];
+        for (int i = 0; i < vmLabels.length; i++) {
+            StringBuilder labels = new StringBuilder(128);
+            labelPairs(labels, vmLabels(vms.get(i)));
+            vmLabels[i] = labels.toString();
+            cpu[i] = Cpu.of(vms.get(i));
+        }
         for (Family family : FAMILIES) {
             format.header(out, family);
             String name = Exposition.sampleName(family);
-            for (Sample sample : family.read().apply(snapshot)) {
-                out.append(name).append(sample.suffix());
-                labels(out, sample.labels());
-                out.append(' ').append(sample.value()).append('\n');
+            if (family.perHost() != null) {
+                for (Sample sample : family.perHost().apply(snapshot)) {
+                    sample(out, name, "", sample);
+                }
+                continue;
+            }
+            for (int i = 0; i < vmLabels.length; i++) {
+                for (Sample sample : family.perVm().apply(vms.get(i), cpu[i])) {
+                    sample(out, name, vmLabels[i], sample);
+                }
             }
         }
         format.end(out);
@@ -183,17 +212,33 @@ final class Metrics {
 
     /** A family with samples per VM, each under the VM's labels. */
     private static Family vm(String name, Type type, String unit, String help, Function<HostVm, List<Sample>> read) {
-        return new Family(name, type, unit, help, snapshot -> {
-            List<Sample> samples = new ArrayList<>();
-            for (HostVm vm : snapshot.vms()) {
-                for (Sample s : read.apply(vm)) {
-                    List<String> labels = new ArrayList<>(vmLabels(vm));
-                    labels.addAll(s.labels());
-                    samples.add(new Sample(s.suffix(), labels, s.value()));
-                }
+        return new Family(name, type, unit, help, (vm, cpu) -> read.apply(vm), null);
+    }
+
+    /** A family with samples per VM that also reads the VM's process CPU. */
+    private static Family withCpu(String name, Type type, String unit, String help,
+                                  BiFunction<HostVm, Cpu, List<Sample>> read) {
+        return new Family(name, type, unit, help, read, null);
+    }
+
+    /** A family of the host as a whole: its samples carry only their own labels. */
+    private static Family host(String name, Type type, String unit, String help,
+                               Function<HostSnapshot, List<Sample>> read) {
+        return new Family(name, type, unit, help, null, read);
+    }
+
+    /** One sample line: the VM's labels written already (or none), then the sample's own. */
+    private static void sample(StringBuilder out, String name, String vmLabels, Sample sample) {
+        out.append(name).append(sample.suffix());
+        if (!vmLabels.isEmpty() || !sample.labels().isEmpty()) {
+            out.append('{').append(vmLabels);
+            if (!vmLabels.isEmpty() && !sample.labels().isEmpty()) {
+                out.append(',');
             }
-            return samples;
-        });
+            labelPairs(out, sample.labels());
+            out.append('}');
+        }
+        out.append(' ').append(sample.value()).append('\n');
     }
 
     /**
@@ -250,13 +295,13 @@ final class Metrics {
     }
 
     /** A control-area time in the VM's unit, for a VM whose unit is not known. */
-    private static List<Sample> vmUnits(HostVm vm, ToLongFunction<VmMemoryInfo> figure) {
-        return ControlAreaUnits.secondsPerUnit(vm).isPresent() ? List.of() : memory(vm, figure);
+    private static List<Sample> vmUnits(HostVm vm, Cpu cpu, ToLongFunction<VmMemoryInfo> figure) {
+        return cpu.secondsPerUnit().isPresent() ? List.of() : memory(vm, figure);
     }
 
     /** A control-area time in seconds, for a VM whose unit is known. */
-    private static List<Sample> seconds(HostVm vm, ToLongFunction<VmMemoryInfo> figure) {
-        OptionalDouble unit = ControlAreaUnits.secondsPerUnit(vm);
+    private static List<Sample> seconds(HostVm vm, Cpu cpu, ToLongFunction<VmMemoryInfo> figure) {
+        OptionalDouble unit = cpu.secondsPerUnit();
         Optional<VmMemoryInfo> memory = vm.controlArea().flatMap(c -> c.figures().memory());
         if (unit.isEmpty() || memory.isEmpty() || figure.applyAsLong(memory.get()) < 0) {
             return List.of();
@@ -265,8 +310,8 @@ final class Metrics {
     }
 
     /** The control area's CPU time, for a VM whose unit is not known (else process_cpu_seconds_total says it). */
-    private static List<Sample> cpuTime(HostVm vm) {
-        if (ControlAreaUnits.secondsPerUnit(vm).isPresent()) {
+    private static List<Sample> cpuTime(HostVm vm, Cpu cpu) {
+        if (cpu.secondsPerUnit().isPresent()) {
             return List.of();
         }
         Optional<VmTimeInfo> time = vm.controlArea().flatMap(c -> c.figures().time()).filter(VmTimeInfo::available);
@@ -298,11 +343,7 @@ final class Metrics {
     }
 
     /** Label values pass through the one printable rule, then escape backslash, quote and line feed. */
-    private static void labels(StringBuilder out, List<String> pairs) {
-        if (pairs.isEmpty()) {
-            return;
-        }
-        out.append('{');
+    private static void labelPairs(StringBuilder out, List<String> pairs) {
         for (int i = 0; i < pairs.size(); i += 2) {
             out.append(i > 0 ? "," : "").append(pairs.get(i)).append("=\"");
             String value = Text.printable(pairs.get(i + 1));
@@ -317,6 +358,5 @@ final class Metrics {
             }
             out.append('"');
         }
-        out.append('}');
     }
 }

@@ -21,13 +21,17 @@ public final class ControlAreaUnits {
 
     /** Seconds per unit of the VM's control-area times (0.001), or empty when the unit cannot be told. */
     public static OptionalDouble secondsPerUnit(HostVm vm) {
+        return secondsPerUnit(vm, ProcessCpu.seconds(vm.pid(), vm.startTime()));
+    }
+
+    /** The same, given the CPU seconds of the VM's process as the kernel counts them (negative: unknown). */
+    public static OptionalDouble secondsPerUnit(HostVm vm, double kernel) {
         OptionalDouble none = OptionalDouble.empty();
         VmTimeInfo time = vm.controlArea().flatMap(c -> c.figures().time()).filter(VmTimeInfo::available)
                 .orElse(null);
         if (time == null || !vm.controlAreaIsOwn()) {
             return none;
         }
-        double kernel = ProcessCpu.seconds(vm.pid(), vm.startTime());
         double own = (time.systemTime() + time.userTime()) / 1000.0;
         return kernel >= LEAST_SECONDS && own > 0 && own <= 2 * kernel && kernel <= 2 * own
                 ? OptionalDouble.of(0.001) : none;
