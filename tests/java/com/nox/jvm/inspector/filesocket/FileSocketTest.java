@@ -14,7 +14,9 @@ import java.io.InputStream;
 import java.lang.reflect.Field;
 import java.net.SocketException;
 import java.net.SocketTimeoutException;
+import java.net.UnixDomainSocketAddress;
 import java.nio.ByteBuffer;
+import java.nio.channels.SocketChannel;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayList;
@@ -256,6 +258,25 @@ class FileSocketTest {
             assertEquals(0, client.getInputStream().read(new byte[10], 0, 0));
         }
         assertFalse(Files.exists(Path.of("/tmp", name)));
+    }
+
+    /** Our server with a client that nobody here wrote: the JDK's own Unix-domain channel. */
+    @Test
+    void aJdkChannelTalksToOurServer() throws Exception {
+        String name = name("jdk");
+        byte[] up = randomBytes(3000, 5);
+        byte[] down = randomBytes(3000, 6);
+        try (FileServerSocket server = new FileServerSocket(name);
+                SocketChannel client = SocketChannel.open(UnixDomainSocketAddress.of("/tmp/" + name));
+                FileSocket accepted = server.accept()) {
+            client.write(ByteBuffer.wrap(up));
+            assertArrayEquals(up, readExactly(accepted.getInputStream(), up.length));
+            accepted.getOutputStream().write(down);
+            accepted.shutdown();
+            ByteBuffer in = ByteBuffer.allocate(down.length + 1);
+            while (in.hasRemaining() && client.read(in) >= 0) continue;
+            assertArrayEquals(down, Arrays.copyOf(in.array(), in.position()));
+        }
     }
 
     @Test
