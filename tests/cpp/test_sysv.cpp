@@ -1,7 +1,9 @@
 // System V objects: the keys computed from cluster ids and pids, and SharedMemory and SharedEvent
-// against real segments and semaphore sets that each test creates under keys of its own.
+// against real segments and semaphore sets that each test creates under keys of its own; and the
+// book of shared mappings that counts their users.
 #include "controlAreaFile.h"
 #include "sharedEvent.h"
+#include "sharedFileCache.h"
 #include "sharedMemory.h"
 #include "testSupport.h"
 
@@ -111,4 +113,30 @@ TEST(SystemV, SegmentsAndEventsAttachWithOneOwnerEach) {
     const std::string why = " failed (key=" + std::to_string(missing) + ") (2: No such file or directory)";
     EXPECT_EQ(std::vector<std::string>({"SharedMemory::attach: shmget" + why, "SharedEvent::attach: semget" + why}),
               trace.errors);
+}
+
+TEST(SystemV, MappingCacheCountsUsersAndReleasesOnTheLast) {
+    J2SE::SharedFileCacheImpl cache;
+    size_t size = 99;
+    EXPECT_EQ(nullptr, cache.lookup_mapping("", size));
+    EXPECT_EQ(nullptr, cache.lookup_mapping(nullptr, size));
+    int first = 0, second = 0, unknown = 0;
+    cache.add_mapping("/tmp/a", 100, &first);
+    cache.add_mapping("/tmp/a", 200, &second);  // the newest entry of a name hides the older
+    EXPECT_EQ(&second, cache.lookup_mapping("/tmp/a", size));
+    EXPECT_EQ(200u, size);
+    EXPECT_EQ(&second, cache.lookup_mapping("/tmp/a", size));
+    // Three users: two removals that are not the last, then the last with the size to unmap.
+    for (int use = 0; use < 2; use++) {
+        EXPECT_FALSE(cache.remove_mapping(&second, size));
+        EXPECT_EQ(0u, size);
+    }
+    EXPECT_TRUE(cache.remove_mapping(&second, size));
+    EXPECT_EQ(200u, size);
+    EXPECT_FALSE(cache.remove_mapping(&second, size));
+    EXPECT_EQ(&first, cache.lookup_mapping("/tmp/a", size));
+    size = 5;
+    EXPECT_FALSE(cache.remove_mapping(&unknown, size));
+    EXPECT_EQ(0u, size);
+    EXPECT_EQ(&J2SE::get_shared_file_cache(), &J2SE::get_shared_file_cache());
 }
