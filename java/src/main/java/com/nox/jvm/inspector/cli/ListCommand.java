@@ -71,11 +71,11 @@ final class ListCommand {
 
     static void run(HostSnapshot snapshot, Options options, Output out) {
         long now = System.currentTimeMillis() / 1000;
-        Doc doc = render(snapshot, options, now);
         if (!options.quiet()) {
             // The table has a row for each VM, those without performance data last, marked.
-            out.table(out.json() ? doc : new Doc().put("vms", rows(snapshot, options, now, true)), "vms",
-                    "No Java VMs on this host" + (options.equals(Options.NONE) ? "." : " that match."));
+            Doc doc = out.json() ? render(snapshot, options, now)
+                    : new Doc().put("vms", rows(snapshot, options, now, true));
+            out.table(doc, "vms", "No Java VMs on this host" + (options.equals(Options.NONE) ? "." : " that match."));
             return;
         }
         List<Object> pids = new ArrayList<>();

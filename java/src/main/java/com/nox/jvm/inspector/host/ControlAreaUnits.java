@@ -19,12 +19,10 @@ public final class ControlAreaUnits {
     private ControlAreaUnits() {
     }
 
-    /** Seconds per unit of the VM's control-area times (0.001), or empty when the unit cannot be told. */
-    public static OptionalDouble secondsPerUnit(HostVm vm) {
-        return secondsPerUnit(vm, ProcessCpu.seconds(vm.pid(), vm.startTime()));
-    }
-
-    /** The same, given the CPU seconds of the VM's process as the kernel counts them (negative: unknown). */
+    /**
+     * Seconds per unit of the VM's control-area times (0.001), or empty when the unit cannot be
+     * told, given the CPU seconds of the VM's process as the kernel counts them (negative: unknown).
+     */
     public static OptionalDouble secondsPerUnit(HostVm vm, double kernel) {
         OptionalDouble none = OptionalDouble.empty();
         VmTimeInfo time = vm.controlArea().flatMap(c -> c.figures().time()).filter(VmTimeInfo::available)
